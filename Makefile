@@ -1,0 +1,35 @@
+# Thin front end over CMake. `make` builds the tools into build/.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+CMAKE_FLAGS ?=
+
+.PHONY: all deps check demo bench install clean
+
+all: $(BUILD)/Makefile
+	cmake --build $(BUILD) -j$(JOBS)
+
+$(BUILD)/Makefile:
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+deps:
+	tools/install-deps
+
+check: deps
+	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS)
+	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+demo: deps all
+	tools/demo.sh $(BUILD)
+
+bench: deps
+	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
+	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench
+	$(BUILD)-bench/bench/parlova_bench
+
+install: all
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-bench

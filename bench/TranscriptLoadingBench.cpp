@@ -1,0 +1,58 @@
+// How fast transcripts load: a generated transcript of about 5 MB, decoded
+// into the model as the tool does it.
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+#include <unistd.h>
+
+#include "model/ICLPChatLog.h"
+#include "tests/fixtures/TranscriptWriter.h"
+
+using namespace parlova;
+using namespace parlova::fixtures;
+
+namespace {
+
+TranscriptSpec largeTranscript(TranscriptSpec::Root root) {
+  TranscriptSpec spec;
+  spec.root = root;
+  const Account me{"AIM", "parlovauser"};
+  const Account other{"AIM", "somebuddy"};
+  spec.others = {other};
+  for (int i = 0; i < 16000; ++i) {
+    MessageSpec message = says(i % 2 ? me : other, 200000000 + i * 7.0, "");
+    RunSpec styled = text("message number " + std::to_string(i) + " with some words in it, ");
+    styled.font = FontSpec{"Helvetica", 12};
+    styled.color = ColorSpec{ColorSpec::Space::CalibratedRGB, {0, 0, i % 3 ? 1.0 : 0.0}};
+    RunSpec link = text("a link");
+    link.link = LinkSpec{"http://example.com/page/" + std::to_string(i), i % 2 == 0, std::nullopt};
+    message.runs = {styled, link, text(" and the rest of the line.")};
+    spec.messages.push_back(std::move(message));
+  }
+  return spec;
+}
+
+void loadTranscript(benchmark::State &state, TranscriptSpec::Root root) {
+  const auto folder = std::filesystem::temp_directory_path() / ("parlova-bench-" + std::to_string(getpid()));
+  const auto path = folder / "somebuddy on 2006-01-01.ichat";
+  const auto bytes = keyedTranscript(largeTranscript(root));
+  writeFile(path, bytes);
+  size_t messages = 0;
+  for (auto _ : state) {
+    const auto log = ICLPChatLog::initWithFilePath(path);
+    messages = log ? log->messages().size() : 0;
+    benchmark::DoNotOptimize(messages);
+  }
+  std::filesystem::remove_all(folder);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+  state.counters["MB"] = static_cast<double>(bytes.size()) / 1e6;
+  state.counters["messages"] = static_cast<double>(messages);
+}
+
+} // namespace
+
+BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_short_root, TranscriptSpec::Root::IChat)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_messages_root, TranscriptSpec::Root::Messages)
+    ->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,103 @@
+#include "driver/ExtractChatLog.h"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "driver/ProcessFlags.h"
+#include "driver/Settings.h"
+#include "platform/FileManager.h"
+#include "platform/Home.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string extensionOf(const std::string &name) {
+  const auto dot = name.rfind('.');
+  return dot == std::string::npos ? std::string() : name.substr(dot + 1);
+}
+
+std::string withoutExtension(const std::string &name) {
+  const auto dot = name.rfind('.');
+  return dot == std::string::npos ? name : name.substr(0, dot);
+}
+
+// Each new name is made from the previous one, so the suffixes pile up:
+// "x.ichat", "x #2.ichat", "x #2 #3.ichat", ... That naming is settled and
+// stays.
+fs::path archiveTarget(const fs::path &archiveFolder, const fs::path &transcript) {
+  fs::path target = archiveFolder / transcript.filename();
+  for (int counter = 2; fileExistsAtPath(target); ++counter) {
+    const std::string name = target.filename().string();
+    target = target.parent_path() /
+             (withoutExtension(name) + " #" + std::to_string(counter) + "." + extensionOf(name));
+  }
+  return target;
+}
+
+} // namespace
+
+void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
+  Preferences &settings = appSettings();
+
+  [[maybe_unused]] const auto emailAddress = settings.stringValue("emailAddress");
+  [[maybe_unused]] const auto emailOutgoing = settings.stringValue("emailOutgoing");
+  const bool handleURLs = settings.boolValue("handleURLs");
+  const bool handleImages = settings.boolValue("handleImages");
+  const bool sendEmails = settings.boolValue("sendEmails");
+
+  logFormat("extracting %@", path);
+
+  [[maybe_unused]] const auto emailServer = settings.stringValue("emailServer");
+  int emailPort = settings.intValue("emailPort");
+  if (emailPort == 0)
+    emailPort = 25;
+
+  if (log == nullptr) {
+    logFormat("Error parsing %@. This file is likely not a chat log and has been skipped.", path);
+    return;
+  }
+
+  // The end-of-chat judgement joins here: when it finds the conversation
+  // unfinished, the pipeline returns and the transcript stays.
+
+  logFormat("preparing email send %@", path);
+
+  if (sendEmails) {
+    // The email stage joins here: compose, send, and return when the
+    // message could not be handed to the server.
+  }
+
+  if (settings.intValue("errorStatus") != 0) {
+    logLine("an error has occurred while emailing?");
+    std::exit(0);
+  }
+
+  if (handleURLs) {
+    // The link stage joins here.
+  }
+  if (handleImages) {
+    // The image stage joins here.
+  }
+  // The statistics stage joins here; it always runs.
+
+  const fs::path archiveFolder = homeDirectory() / "Documents" / "iChats (Parlovaed)";
+  std::error_code error;
+  fs::create_directories(archiveFolder, error);
+  const fs::path target = archiveTarget(archiveFolder, path);
+
+  logFormat("preparing to move %@ to %@", path, target.string());
+  if (!moveItem(path, target))
+    logLine("FAILED");
+
+  if (settings.intValue("errorStatus") == 0) {
+    settings.setAppValue("emailFails", PreferenceValue::integer(0));
+    settings.appSynchronize();
+  }
+  std::exit(0);
+}
+
+} // namespace parlova

@@ -1,0 +1,80 @@
+#include "driver/RunDriver.h"
+
+#include <filesystem>
+
+#include "driver/ExtractChatLog.h"
+#include "driver/OpenChatScript.h"
+#include "driver/ProcessFlags.h"
+#include "driver/Settings.h"
+#include "platform/FileManager.h"
+#include "platform/Home.h"
+#include "platform/Log.h"
+#include "platform/Pause.h"
+#include "platform/RunningApplications.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool isIChatRunning() {
+  const auto applications = launchedApplications();
+  if (applications.empty()) {
+    logLine("An error occurred while communicating with iChat. (1)");
+    return false;
+  }
+  for (const ApplicationInfo &application : applications) {
+    const auto name = application.find("NSApplicationName");
+    if (name != application.end() && name->second == "iChat")
+      return true;
+  }
+  return false;
+}
+
+// With iChat running, a conversation is over once iChat says it has no
+// window open with the buddy the entry's name gives. No answer at all
+// counts as still open, so a live chat is never archived.
+bool isConversationOver(const std::string &entry) {
+  const auto on = entry.rfind(" on ");
+  if (on == std::string::npos)
+    return false;
+  const auto open = isChatWindowOpen(entry.substr(0, on));
+  return open.has_value() && !*open;
+}
+
+} // namespace
+
+int runParlova() {
+  const fs::path chatFolder = homeDirectory() / "Documents/iChats";
+  shouldQuit = true;
+  DirectoryEnumerator entries(chatFolder);
+
+  Preferences &settings = appSettings();
+  const auto debugMode = settings.copyAppValue("debugMode");
+  verbose = debugMode && debugMode->intValue() == 2;
+
+  while (const auto entry = entries.nextObject()) {
+    settings.appSynchronize();
+    [[maybe_unused]] const auto emailAddress = settings.stringValue("emailAddress");
+
+    iChatRunning = isIChatRunning();
+    isLikelyComplete = iChatRunning ? isConversationOver(*entry) : true;
+
+    if (verbose)
+      logFormat("Processing %@", *entry);
+
+    const std::string path = (chatFolder / *entry).string();
+    auto log = ICLPChatLog::initWithFilePath(path);
+    pauseBetweenEntries();
+    if (!log)
+      continue;
+
+    ExtractChatLog(path, &*log);
+    if (isLikelyComplete)
+      std::exit(0);
+  }
+  return 0;
+}
+
+} // namespace parlova

@@ -1,0 +1,3 @@
+#include "driver/RunDriver.h"
+
+int main() { return parlova::runParlova(); }

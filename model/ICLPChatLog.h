@@ -1,0 +1,55 @@
+// One loaded transcript: the decoded archive and what the file name says.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "model/ICLPInstantMessage.h"
+#include "model/ICLPPresentity.h"
+#include "platform/FoundationValues.h"
+
+namespace parlova {
+
+class ICLPChatLog {
+public:
+  enum class Format { iChat2, iChat3 };
+
+  // The transcript at `path`, or nothing when the path is not a transcript:
+  // an extension other than exactly "chat" or "ichat", a file name without
+  // " on ", or contents that do not decode to a transcript root.
+  static std::optional<ICLPChatLog> initWithFilePath(const std::filesystem::path &path);
+
+  Format format() const { return format_; }
+  // The decoded root array of the archive.
+  const std::shared_ptr<const ArrayObject> &loadedArray() const { return loadedArray_; }
+  // Everything in the file name before its last " on ".
+  const std::string &primaryOtherParty() const { return primaryOtherParty_; }
+
+  // The messages in the order they were said (root element 2) and the
+  // participants other than the user (root element 3). A root too short for
+  // them, or holding something else there, gives none; entries of another
+  // class are passed over.
+  std::vector<std::shared_ptr<const ICLPInstantMessage>> messages() const;
+  std::vector<std::shared_ptr<const ICLPPresentity>> participants() const;
+
+  // The description of the decoded root, for debug output.
+  std::string description() const;
+
+  // Set by the email delivery once the message has gone out.
+  bool mailTransmissionDone = false;
+
+private:
+  ICLPChatLog() = default;
+  void LoadiChat2Data(std::span<const uint8_t> data);
+  void LoadiChat3Data(std::span<const uint8_t> data);
+
+  Format format_ = Format::iChat3;
+  std::shared_ptr<const ArrayObject> loadedArray_;
+  std::string primaryOtherParty_;
+};
+
+} // namespace parlova

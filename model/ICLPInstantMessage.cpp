@@ -1,0 +1,54 @@
+#include "model/ICLPInstantMessage.h"
+
+#include "platform/FoundationValues.h"
+#include "platform/Unicode.h"
+
+namespace parlova {
+namespace {
+
+std::shared_ptr<const AttributedString> textFrom(const ObjectRef &object) {
+  if (auto attributed = objectAs<AttributedString>(object))
+    return attributed;
+  // Some writers store an unstyled message as a plain string.
+  if (const auto plain = objectAs<StringObject>(object))
+    return std::make_shared<AttributedString>(utf8ToUtf16(plain->value()));
+  return nullptr;
+}
+
+std::optional<Date> dateFrom(const ObjectRef &object) {
+  if (const auto date = objectAs<DateObject>(object))
+    return date->date();
+  return std::nullopt;
+}
+
+} // namespace
+
+std::shared_ptr<const ICLPInstantMessage> ICLPInstantMessage::initWithCoder(Coder &coder) {
+  if (coder.allowsKeyedCoding()) {
+    auto speaker = objectAs<ICLPPresentity>(coder.decodeObjectForKey("Sender"));
+    const auto timestamp = dateFrom(coder.decodeObjectForKey("Time"));
+    auto string = textFrom(coder.decodeObjectForKey("MessageText"));
+    const auto mystery = static_cast<uint32_t>(coder.decodeInt32ForKey("Flags"));
+    return std::make_shared<ICLPInstantMessage>(std::move(speaker), std::move(string), timestamp, mystery);
+  }
+  // The iChat 2 stream's order, which has no names to go by: speaker, time,
+  // text, then the flag word.
+  auto speaker = objectAs<ICLPPresentity>(coder.decodeObject());
+  const auto timestamp = dateFrom(coder.decodeObject());
+  auto string = textFrom(coder.decodeObject());
+  const uint32_t mystery = coder.decodeUnsignedInt();
+  return std::make_shared<ICLPInstantMessage>(std::move(speaker), std::move(string), timestamp, mystery);
+}
+
+std::optional<std::string> ICLPInstantMessage::rawSpeaker() const {
+  if (!speaker_)
+    return std::nullopt;
+  return speaker_->rawName();
+}
+
+std::string ICLPInstantMessage::description() const {
+  return (speaker_ ? speaker_->rawName() : std::string("(status)")) + ": " +
+         (string_ ? utf16ToUtf8(string_->string()) : std::string());
+}
+
+} // namespace parlova

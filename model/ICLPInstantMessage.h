@@ -1,0 +1,45 @@
+// One line of a transcript.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "model/ICLPPresentity.h"
+#include "platform/AttributedString.h"
+#include "platform/Coder.h"
+#include "platform/Date.h"
+
+namespace parlova {
+
+class ICLPInstantMessage final : public Object {
+public:
+  ICLPInstantMessage(std::shared_ptr<const ICLPPresentity> speaker, std::shared_ptr<const AttributedString> string,
+                     std::optional<Date> timestamp, uint32_t mystery)
+      : speaker_(std::move(speaker)), string_(std::move(string)), timestamp_(timestamp), mystery_(mystery) {}
+
+  static std::shared_ptr<const ICLPInstantMessage> initWithCoder(Coder &coder);
+
+  std::string className() const override { return "ICLPInstantMessage"; }
+  std::string description() const override;
+
+  // Null for the lines iChat itself wrote into the chat.
+  const std::shared_ptr<const ICLPPresentity> &speaker() const { return speaker_; }
+  // The text as shown; null when the archive held none.
+  const std::shared_ptr<const AttributedString> &string() const { return string_; }
+  // iChat's flag word, kept but consulted by nothing.
+  uint32_t mystery() const { return mystery_; }
+
+  // The account name as stored; nothing when there is no speaker.
+  std::optional<std::string> rawSpeaker() const;
+  std::optional<Date> TimeStamp() const { return timestamp_; }
+
+private:
+  std::shared_ptr<const ICLPPresentity> speaker_;
+  std::shared_ptr<const AttributedString> string_;
+  std::optional<Date> timestamp_;
+  uint32_t mystery_;
+};
+
+} // namespace parlova

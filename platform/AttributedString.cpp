@@ -1,0 +1,51 @@
+#include "platform/AttributedString.h"
+
+#include <algorithm>
+
+#include "platform/Unicode.h"
+
+namespace parlova {
+
+ObjectRef TextAttributes::valueForName(std::string_view name) const {
+  for (const auto &[key, value] : entries_)
+    if (key == name)
+      return value;
+  return nullptr;
+}
+
+AttributedString::AttributedString(std::u16string text, const std::vector<RunSpec> &runs)
+    : text_(std::move(text)) {
+  static const auto kNoAttributes = std::make_shared<const TextAttributes>();
+  size_t position = 0;
+  for (const RunSpec &spec : runs) {
+    if (position >= text_.size())
+      break;
+    const size_t length = std::min(spec.length, text_.size() - position);
+    if (length == 0)
+      continue;
+    runs_.push_back({position, length, spec.attributes ? spec.attributes : kNoAttributes});
+    position += length;
+  }
+  if (position < text_.size())
+    runs_.push_back({position, text_.size() - position, kNoAttributes});
+}
+
+const AttributeRun &AttributedString::attributesAtIndex(size_t index) const {
+  const auto it = std::upper_bound(runs_.begin(), runs_.end(), index,
+                                   [](size_t i, const AttributeRun &run) { return i < run.location; });
+  return *(it - 1);
+}
+
+std::string AttributedString::description() const {
+  std::string out;
+  for (const AttributeRun &run : runs_) {
+    out += utf16ToUtf8(std::u16string_view(text_).substr(run.location, run.length));
+    out += "{";
+    for (const auto &[name, value] : run.attributes->entries())
+      out += "\n    " + name + " = " + (value ? value->description() : std::string("<null>")) + ";";
+    out += run.attributes->empty() ? "}" : "\n}";
+  }
+  return out;
+}
+
+} // namespace parlova

@@ -1,0 +1,41 @@
+// What an archive decoder offers a class while it decodes one object: named
+// values in a keyed archive, values in stream order in a typed stream.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "platform/Object.h"
+
+namespace parlova {
+
+class Coder {
+public:
+  virtual ~Coder() = default;
+
+  virtual bool allowsKeyedCoding() const = 0;
+
+  // Keyed archives. An absent key gives null or 0.
+  virtual ObjectRef decodeObjectForKey(std::string_view key) = 0;
+  virtual int32_t decodeInt32ForKey(std::string_view key) = 0;
+
+  // Typed streams: the next object, and the next value of type code "I".
+  virtual ObjectRef decodeObject() = 0;
+  virtual uint32_t decodeUnsignedInt() = 0;
+};
+
+// Makes the program's own object for an archived class name, reading its
+// fields from the coder ("initWithCoder:").
+using ClassFactory = std::function<ObjectRef(Coder &)>;
+
+// Raised inside a decoder when the archive is damaged; the decoder turns it
+// into a plain "could not decode" answer before it reaches its caller.
+class ArchiveDamaged : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+} // namespace parlova

@@ -1,0 +1,31 @@
+// A point in time as Foundation keeps it: seconds since 2001-01-01 00:00 UTC.
+#pragma once
+
+#include <compare>
+#include <string>
+
+namespace parlova {
+
+class Date {
+public:
+  static constexpr double kReferenceDateUnixTime = 978307200.0;
+
+  constexpr explicit Date(double secondsSinceReferenceDate = 0)
+      : sinceReferenceDate_(secondsSinceReferenceDate) {}
+
+  static Date now();
+  static Date fromUnixTime(double seconds) { return Date(seconds - kReferenceDateUnixTime); }
+
+  double timeIntervalSinceReferenceDate() const { return sinceReferenceDate_; }
+  double timeIntervalSince1970() const { return sinceReferenceDate_ + kReferenceDateUnixTime; }
+
+  // The default text form, in the local time zone: "2005-03-14 15:22:07 -0800".
+  std::string description() const;
+
+  auto operator<=>(const Date &) const = default;
+
+private:
+  double sinceReferenceDate_;
+};
+
+} // namespace parlova

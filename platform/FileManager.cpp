@@ -1,0 +1,99 @@
+#include "platform/FileManager.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <random>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+DirectoryEnumerator::DirectoryEnumerator(const fs::path &root) : root_(root) {
+  std::error_code error;
+  it_ = fs::recursive_directory_iterator(root, fs::directory_options::skip_permission_denied, error);
+  if (error)
+    it_ = fs::recursive_directory_iterator();
+}
+
+std::optional<std::string> DirectoryEnumerator::nextObject() {
+  if (it_ == fs::recursive_directory_iterator())
+    return std::nullopt;
+  const std::string entry = it_->path().lexically_relative(root_).generic_string();
+  std::error_code error;
+  it_.increment(error);
+  if (error)
+    it_ = fs::recursive_directory_iterator();
+  return entry;
+}
+
+bool fileExistsAtPath(const fs::path &path) {
+  std::error_code error;
+  // A dangling link still occupies the name, so it counts as there.
+  return fs::exists(fs::symlink_status(path, error));
+}
+
+std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
+  std::error_code error;
+  if (!fs::is_regular_file(path, error))
+    return std::nullopt;
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    return std::nullopt;
+  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad())
+    return std::nullopt;
+  return bytes;
+}
+
+bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
+  std::random_device random;
+  const fs::path temporary = path.parent_path() / ("." + path.filename().string() + ".tmp" + std::to_string(random()));
+  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0)
+    return false;
+  size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      break;
+    written += static_cast<size_t>(n);
+  }
+  const bool complete = written == bytes.size() && fsync(fd) == 0;
+  close(fd);
+  if (!complete || std::rename(temporary.c_str(), path.c_str()) != 0) {
+    unlink(temporary.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool moveItem(const fs::path &from, const fs::path &to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+    return true;
+  if (errno == EINVAL && !fileExistsAtPath(to)) {
+    // File systems without the no-replace flag: a hard link fails on an
+    // existing target just as well.
+    if (link(from.c_str(), to.c_str()) == 0)
+      return unlink(from.c_str()) == 0;
+  }
+  if (errno != EXDEV || fileExistsAtPath(to))
+    return false;
+  // Across file systems: copy, then remove the original only once the copy
+  // is complete.
+  std::error_code error;
+  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+  if (error) {
+    fs::remove_all(to, error);
+    return false;
+  }
+  fs::remove_all(from, error);
+  return !error;
+}
+
+} // namespace parlova

@@ -1,0 +1,39 @@
+// File operations as the program uses them: a deep walk, whole-file reads,
+// atomic writes and moves that never replace an existing file.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace parlova {
+
+// Yields the path of every file and folder below a folder, relative to it,
+// descending into sub-folders (not through links to folders), in the order
+// the file system lists them. A missing folder yields nothing.
+class DirectoryEnumerator {
+public:
+  explicit DirectoryEnumerator(const std::filesystem::path &root);
+  std::optional<std::string> nextObject();
+
+private:
+  std::filesystem::path root_;
+  std::filesystem::recursive_directory_iterator it_;
+};
+
+bool fileExistsAtPath(const std::filesystem::path &path);
+
+// Nothing when the file cannot be read (missing, a folder, no permission).
+std::optional<std::vector<uint8_t>> readFileContents(const std::filesystem::path &path);
+
+// Writes beside the target and renames over it, so that readers see the old
+// file or the new one, never a part.
+bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes);
+
+// Moves a file or folder; fails rather than replace anything at `to`.
+bool moveItem(const std::filesystem::path &from, const std::filesystem::path &to);
+
+} // namespace parlova

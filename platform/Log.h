@@ -1,0 +1,21 @@
+// One log line per event on stderr, in the system log's shape:
+// "<date> <time> parlova[<pid>] <text>".
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace parlova {
+
+void logLine(std::string_view text);
+
+// Fills each "%@" of `format` with the next argument, so that the program's
+// messages can be written in the code exactly as they read.
+std::string formatText(std::string_view format, const std::vector<std::string> &arguments);
+
+template <class... Args> void logFormat(std::string_view format, const Args &...arguments) {
+  logLine(formatText(format, {std::string(arguments)...}));
+}
+
+} // namespace parlova

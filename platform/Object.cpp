@@ -1,0 +1,7 @@
+#include "platform/Object.h"
+
+namespace parlova {
+
+std::string Object::description() const { return "<" + className() + ">"; }
+
+} // namespace parlova

@@ -1,0 +1,34 @@
+// Owning handles to libplist trees, and reading and writing them as XML or
+// binary property lists.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <plist/plist.h>
+
+namespace parlova {
+
+struct PlistDeleter {
+  void operator()(void *node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistPtr = std::unique_ptr<void, PlistDeleter>;
+
+enum class PlistFormat { XML, Binary };
+
+// XML or binary, told apart by the bytes. Nothing for anything else.
+PlistPtr parsePropertyList(std::span<const uint8_t> bytes);
+std::vector<uint8_t> serializePropertyList(plist_t node, PlistFormat format);
+
+// Small readers over borrowed nodes; each answers nothing for a node of
+// another type.
+std::optional<std::string> plistString(plist_t node);
+std::optional<int64_t> plistInteger(plist_t node);
+std::optional<double> plistReal(plist_t node);
+std::optional<std::vector<uint8_t>> plistData(plist_t node);
+
+} // namespace parlova

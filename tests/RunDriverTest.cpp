@@ -1,0 +1,206 @@
+// The tool end to end: the walk, the judgement of open chats, the move into
+// the archive folder and the settings it reads and writes.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <regex>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/ToolTestSupport.h"
+
+extern char **environ;
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+using Strings = std::vector<std::string>;
+
+TEST(RunDriver, EmptyOrMissingTranscriptFolderEndsQuietly) {
+  ScratchHome home;
+  auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "");
+
+  fs::create_directories(home.chats());
+  result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_FALSE(fs::exists(home.archive()));
+}
+
+TEST(RunDriver, ProcessesOneFinishedTranscriptPerRunAndSkipsWhatIsNotOne) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+  home.addTranscript("Bob on 2005-03-02 at 11.00.ichat", simpleChat("bob"));
+  writeText(home.chats() / "notes.txt", "not a chat");
+  writeText(home.chats() / "Broken on 2005-01-01.ichat", "bplist00 but not really");
+  writeText(home.chats() / "Empty on 2005-01-01.ichat", "");
+  fs::create_directories(home.chats() / "Folder on 2005.ichat");
+  home.addTranscript("NoDate.ichat", simpleChat("nodate"));
+
+  auto first = home.run("parlova");
+  EXPECT_EQ(first.exitCode, 0);
+  EXPECT_EQ(filesBelow(home.archive()).size(), 1u) << first.err;
+  EXPECT_EQ(countOccurrences(first.err, "extracting "), 1u);
+  EXPECT_EQ(countOccurrences(first.err, "preparing email send "), 1u);
+  EXPECT_EQ(countOccurrences(first.err, "preparing to move "), 1u);
+  EXPECT_EQ(first.err.find("Error parsing"), std::string::npos) << "entries that do not load are skipped silently";
+
+  auto second = home.run("parlova");
+  EXPECT_EQ(second.exitCode, 0);
+  EXPECT_EQ(filesBelow(home.archive()),
+            (Strings{"Alice on 2005-03-01 at 10.15.ichat", "Bob on 2005-03-02 at 11.00.ichat"}));
+
+  // Nothing left to do: everything that is not a transcript stays put.
+  auto third = home.run("parlova");
+  EXPECT_EQ(third.exitCode, 0);
+  EXPECT_EQ(countOccurrences(third.err, "extracting "), 0u);
+  EXPECT_EQ(filesBelow(home.chats()), (Strings{"Broken on 2005-01-01.ichat", "Empty on 2005-01-01.ichat",
+                                               "NoDate.ichat", "notes.txt"}));
+  EXPECT_TRUE(fs::is_directory(home.chats() / "Folder on 2005.ichat"));
+}
+
+TEST(RunDriver, LogLinesHaveTheSystemLogShapeAndExactTexts) {
+  ScratchHome home;
+  const auto transcript = home.addTranscript("sub/Alice on 2005-03-01.ichat", simpleChat());
+  const auto result = home.run("parlova");
+  const fs::path target = home.archive() / "Alice on 2005-03-01.ichat";
+  const std::string expectedMove = "preparing to move " + transcript.string() + " to " + target.string();
+  EXPECT_NE(result.err.find("] extracting " + transcript.string() + "\n"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("] " + expectedMove + "\n"), std::string::npos) << result.err;
+  // "<date> <time> parlova[<pid>] <text>"
+  const std::string firstLine = result.err.substr(0, result.err.find('\n'));
+  EXPECT_TRUE(std::regex_match(firstLine, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d(\.\d+)? parlova\[\d+\] .*)")))
+      << firstLine;
+  EXPECT_TRUE(fs::exists(target));
+}
+
+TEST(RunDriver, ArchiveNamesPileUpTheirSuffixes) {
+  ScratchHome home;
+  const std::string name = "Bob on 2006-01-01";
+  for (const std::string &existing : {name + ".ichat", name + " #2.ichat", name + " #2 #3.ichat"})
+    writeText(home.archive() / existing, "earlier");
+  home.addTranscript(name + ".ichat", simpleChat("bob"));
+  home.run("parlova");
+  EXPECT_EQ(filesBelow(home.archive()), (Strings{name + " #2 #3 #4.ichat", name + " #2 #3.ichat",
+                                                 name + " #2.ichat", name + ".ichat"}));
+  EXPECT_EQ(readText(home.archive() / (name + ".ichat")), "earlier") << "an earlier archive is never replaced";
+}
+
+TEST(RunDriver, FailedMoveLeavesTheTranscriptAndEndsNormally) {
+  ScratchHome home;
+  writeText(home.archive(), "a file where the archive folder should be");
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] FAILED\n"), std::string::npos) << result.err;
+  EXPECT_TRUE(fs::exists(transcript));
+}
+
+TEST(RunDriver, CreatesTheArchiveFolderWhenMissing) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  home.run("parlova");
+  EXPECT_TRUE(fs::exists(home.archive() / "Alice on 2005-03-01.ichat"));
+}
+
+TEST(RunDriver, StandingErrorStatusStopsBeforeAnythingMoves) {
+  ScratchHome home;
+  home.setSetting("errorStatus", "-int", "2");
+  home.setSetting("emailFails", "-int", "3");
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] an error has occurred while emailing?\n"), std::string::npos) << result.err;
+  EXPECT_TRUE(fs::exists(transcript));
+  EXPECT_EQ(home.readSetting("emailFails"), "3");
+}
+
+TEST(RunDriver, ProcessedTranscriptResetsEmailFails) {
+  ScratchHome home;
+  home.setSetting("emailFails", "-int", "2");
+  home.setSetting("sendEmails", "-bool", "NO");
+  home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  home.run("parlova");
+  EXPECT_EQ(home.readSetting("emailFails"), "0");
+  EXPECT_EQ(home.readSetting("sendEmails"), "0") << "other settings survive the write";
+}
+
+TEST(RunDriver, OnlyDebugModeTwoLogsEachEntry) {
+  for (const std::string &mode : {std::string("1"), std::string("2"), std::string("3")}) {
+    ScratchHome home;
+    home.setSetting("debugMode", "-int", mode);
+    home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+    const auto result = home.run("parlova");
+    EXPECT_EQ(countOccurrences(result.err, "] Processing Alice on 2005-03-01.ichat\n"), mode == "2" ? 1u : 0u)
+        << "debugMode " << mode;
+  }
+}
+
+// A process whose command name is exactly "iChat", for as long as it lives.
+class FakeIChat {
+public:
+  explicit FakeIChat(const fs::path &folder) {
+    const fs::path program = folder / "iChat";
+    fs::copy_file("/bin/sleep", program);
+    char *argv[] = {const_cast<char *>(program.c_str()), const_cast<char *>("60"), nullptr};
+    if (posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, environ) != 0)
+      pid_ = -1;
+  }
+  ~FakeIChat() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  FakeIChat(const FakeIChat &) = delete;
+  FakeIChat &operator=(const FakeIChat &) = delete;
+
+private:
+  pid_t pid_ = -1;
+};
+
+// An osascript stand-in that keeps every script it is given and answers
+// with a fixed text.
+fs::path fakeOsascript(const ScratchHome &home, const std::string &answer) {
+  const fs::path script = home.path() / "bin" / "fake-osascript";
+  writeText(script, "#!/bin/sh\nn=$(ls \"$HOME/scripts\" 2>/dev/null | wc -l)\nmkdir -p \"$HOME/scripts\"\n"
+                    "cat > \"$HOME/scripts/$n.applescript\"\nprintf '%s\\n' '" +
+                        answer + "'\n");
+  fs::permissions(script, fs::perms::owner_all);
+  return script;
+}
+
+TEST(RunDriver, WithIChatRunningAsksAboutTheBuddyFromTheEntryName) {
+  ScratchHome home;
+  FakeIChat iChat(home.path());
+  home.addTranscript("old/Dinner \"on\" on Friday on 2006-01-01.ichat", simpleChat());
+  const auto result = home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, "no").string()}});
+  EXPECT_EQ(result.exitCode, 0);
+  const auto scripts = filesBelow(home.path() / "scripts");
+  ASSERT_EQ(scripts.size(), 1u) << result.err;
+  const std::string name = "old/Dinner \\\"on\\\" on Friday";
+  const std::string expected =
+      "tell application \"iChat\"\n copy documents to foo\n\trepeat with i from 1 to number of items in foo\n"
+      " if name of item i of foo is \"Chatting with " + name + " et al.\" or name of item i of foo is \"Instant "
+      "Messages with " + name + "\" or name of item i of foo is \"Chatting with " + name +
+      "\" or name of item i of foo is \"Chat with " + name + "\" then \n return yes\nend if\nend repeat\n"
+      "return no\nend tell";
+  EXPECT_EQ(readText(home.path() / "scripts" / scripts.front()), expected);
+  EXPECT_EQ(filesBelow(home.archive()).size(), 1u);
+}
+
+TEST(RunDriver, WithoutIChatNoScriptRuns) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2006-01-01.ichat", simpleChat());
+  home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, "yes").string()}});
+  EXPECT_FALSE(fs::exists(home.path() / "scripts"));
+  EXPECT_EQ(filesBelow(home.archive()).size(), 1u);
+}
+
+} // namespace
+} // namespace parlova::testing

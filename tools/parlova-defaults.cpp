@@ -1,0 +1,193 @@
+// Reads and edits a preferences domain the way macOS `defaults` does:
+//   parlova-defaults read [DOMAIN [KEY]]
+//   parlova-defaults write DOMAIN KEY [-string|-int|-integer|-float|-bool|-boolean] VALUE
+//   parlova-defaults delete DOMAIN [KEY]
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "platform/Preferences.h"
+#include "platform/PropertyList.h"
+
+using namespace parlova;
+
+namespace {
+
+constexpr const char *kDefaultDomain = "com.hollowmere.parlova";
+
+std::string quoted(const std::string &text) {
+  bool plain = !text.empty();
+  for (const unsigned char c : text)
+    if (!(std::isalnum(c) || c == '_'))
+      plain = false;
+  if (plain)
+    return text;
+  std::string out = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\')
+      out += '\\';
+    out += c;
+  }
+  return out + "\"";
+}
+
+std::string describe(plist_t node, const std::string &indent, bool topLevel) {
+  switch (plist_get_node_type(node)) {
+  case PLIST_STRING:
+    return topLevel ? *plistString(node) : quoted(*plistString(node));
+  case PLIST_BOOLEAN:
+  case PLIST_UINT:
+    return std::to_string(*plistInteger(node));
+  case PLIST_REAL: {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.15g", *plistReal(node));
+    return text;
+  }
+  case PLIST_DATA: {
+    const auto bytes = *plistData(node);
+    std::string out = "{length = " + std::to_string(bytes.size()) + "}";
+    return out;
+  }
+  case PLIST_DATE: {
+    int32_t seconds = 0, micro = 0;
+    plist_get_date_val(node, &seconds, &micro);
+    return "(date " + std::to_string(seconds) + ")";
+  }
+  case PLIST_ARRAY: {
+    std::string out = "(\n";
+    const uint32_t n = plist_array_get_size(node);
+    for (uint32_t i = 0; i < n; ++i)
+      out += indent + "    " + describe(plist_array_get_item(node, i), indent + "    ", false) + (i + 1 < n ? ",\n" : "\n");
+    return out + indent + ")";
+  }
+  case PLIST_DICT: {
+    std::string out = "{\n";
+    plist_dict_iter it = nullptr;
+    plist_dict_new_iter(node, &it);
+    while (true) {
+      char *key = nullptr;
+      plist_t value = nullptr;
+      plist_dict_next_item(node, it, &key, &value);
+      if (!value) {
+        std::free(key);
+        break;
+      }
+      out += indent + "    " + quoted(key) + " = " + describe(value, indent + "    ", false) + ";\n";
+      std::free(key);
+    }
+    std::free(it);
+    return out + indent + "}";
+  }
+  default:
+    return "?";
+  }
+}
+
+int usage() {
+  std::cerr << "usage: parlova-defaults read [DOMAIN [KEY]]\n"
+               "       parlova-defaults write DOMAIN KEY [-string|-int|-integer|-float|-bool|-boolean] VALUE\n"
+               "       parlova-defaults delete DOMAIN [KEY]\n";
+  return 2;
+}
+
+std::optional<PreferenceValue> parseValue(const std::string &type, const std::string &text) {
+  if (type == "-string")
+    return PreferenceValue::string(text);
+  if (type == "-int" || type == "-integer") {
+    char *end = nullptr;
+    const long long value = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0')
+      return std::nullopt;
+    return PreferenceValue::integer(value);
+  }
+  if (type == "-float") {
+    char *end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0')
+      return std::nullopt;
+    return PreferenceValue::real(value);
+  }
+  if (type == "-bool" || type == "-boolean") {
+    std::string lower;
+    for (const char c : text)
+      lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (lower == "yes" || lower == "true" || lower == "1")
+      return PreferenceValue::boolean(true);
+    if (lower == "no" || lower == "false" || lower == "0")
+      return PreferenceValue::boolean(false);
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty())
+    return usage();
+  const std::string &verb = args[0];
+  const std::string domain = args.size() > 1 ? args[1] : kDefaultDomain;
+  Preferences preferences(domain, Preferences::fileForDomain(domain));
+
+  if (verb == "read") {
+    if (args.size() > 3)
+      return usage();
+    if (args.size() == 3) {
+      const auto value = preferences.copyAppValue(args[2]);
+      if (!value) {
+        std::cerr << "The domain/default pair of (" << domain << ", " << args[2] << ") does not exist\n";
+        return 1;
+      }
+      std::cout << describe(value->node(), "", true) << "\n";
+      return 0;
+    }
+    if (!std::filesystem::exists(preferences.file())) {
+      std::cerr << "Domain " << domain << " does not exist\n";
+      return 1;
+    }
+    const PlistPtr all = preferences.copyAllValues();
+    std::cout << describe(all.get(), "", true) << "\n";
+    return 0;
+  }
+
+  if (verb == "write") {
+    if (args.size() == 4) {
+      preferences.setAppValue(args[2], PreferenceValue::string(args[3]));
+    } else if (args.size() == 5) {
+      const auto value = parseValue(args[3], args[4]);
+      if (!value) {
+        std::cerr << "parlova-defaults: cannot read '" << args[4] << "' as " << args[3] << "\n";
+        return 1;
+      }
+      preferences.setAppValue(args[2], *value);
+    } else {
+      return usage();
+    }
+    return preferences.appSynchronize() ? 0 : 1;
+  }
+
+  if (verb == "delete") {
+    if (args.size() == 2) {
+      std::error_code error;
+      if (!std::filesystem::remove(preferences.file(), error)) {
+        std::cerr << "Domain (" << domain << ") not found.\n";
+        return 1;
+      }
+      return 0;
+    }
+    if (args.size() != 3)
+      return usage();
+    if (!preferences.copyAppValue(args[2])) {
+      std::cerr << "Domain (" << domain << ") key (" << args[2] << ") not found.\n";
+      return 1;
+    }
+    preferences.setAppValue(args[2], std::nullopt);
+    return preferences.appSynchronize() ? 0 : 1;
+  }
+  return usage();
+}

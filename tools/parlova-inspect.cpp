@@ -1,0 +1,173 @@
+// Shows what Parlova reads from transcript files, so that an archive can be
+// checked before the tool moves anything.
+//   parlova-inspect FILE...          the loaded model
+//   parlova-inspect --plain FILE...  the plain-text rendering
+//   parlova-inspect --html FILE...   the HTML rendering's bytes
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+#include "platform/TextAttributes.h"
+#include "platform/Unicode.h"
+
+using namespace parlova;
+
+namespace {
+
+enum class Mode { Model, Plain, Html };
+
+// Why a file did not load, in the order loading finds it out.
+std::string reasonNotLoaded(const std::filesystem::path &path) {
+  const std::string name = path.filename().string();
+  const auto dot = name.rfind('.');
+  const std::string extension = dot == std::string::npos ? "" : name.substr(dot + 1);
+  if (extension != "chat" && extension != "ichat")
+    return "not a transcript: the extension must be exactly \"chat\" or \"ichat\"";
+  if (!readFileContents(path))
+    return "cannot read the file";
+  if (name.rfind(" on ") == std::string::npos)
+    return "not a transcript: the file name has no \" on \" before the date";
+  if (extension == "chat")
+    return "the iChat 2 typed stream could not be decoded into a transcript";
+  return "the keyed archive is damaged or its root is not an array";
+}
+
+std::string quotedText(const std::u16string &text) {
+  std::string out = "\"";
+  for (const char c : utf16ToUtf8(text)) {
+    switch (c) {
+    case '\n':
+      out += "\\n";
+      break;
+    case '"':
+      out += "\\\"";
+      break;
+    case '\\':
+      out += "\\\\";
+      break;
+    default:
+      if (static_cast<unsigned char>(c) < 0x20) {
+        char hex[8];
+        std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+        out += hex;
+      } else
+        out += c;
+    }
+  }
+  return out + "\"";
+}
+
+std::string describeAttribute(const std::string &name, const ObjectRef &value) {
+  if (const auto font = objectAs<Font>(value)) {
+    char size[32];
+    std::snprintf(size, sizeof size, "%g", font->pointSize());
+    return "font " + font->fontName() + " " + size;
+  }
+  if (const auto color = objectAs<Color>(value)) {
+    std::string out = "color";
+    const auto rgb = color->usingDeviceRGB();
+    if (!rgb)
+      return out + " (no RGB form)";
+    char text[96];
+    std::snprintf(text, sizeof text, " rgb(%g, %g, %g)", rgb->red, rgb->green, rgb->blue);
+    return out + text;
+  }
+  if (const auto url = objectAs<URLObject>(value))
+    return "link <" + url->absoluteString() + ">";
+  if (name == "NSLink" && value)
+    return "link \"" + value->description() + "\"";
+  if (const auto attachment = objectAs<TextAttachment>(value)) {
+    const auto &wrapper = attachment->fileWrapper();
+    if (!wrapper)
+      return "attachment (no file)";
+    const std::string fileName = wrapper->preferredFilename().value_or("(unnamed)");
+    if (wrapper->isDirectory())
+      return "attachment folder " + fileName + " (" + std::to_string(wrapper->fileWrappers().size()) + " items)";
+    return "attachment " + fileName + " (" + std::to_string(wrapper->regularFileContents().size()) + " bytes)";
+  }
+  return name + " " + (value ? value->className() : std::string("(null)"));
+}
+
+void printModel(const std::string &path, const ICLPChatLog &log) {
+  std::cout << "file: " << path << "\n";
+  std::cout << "format: "
+            << (log.format() == ICLPChatLog::Format::iChat2 ? "iChat 2 typed stream (.chat)" : "keyed archive (.ichat)")
+            << "\n";
+  std::cout << "primaryOtherParty: " << log.primaryOtherParty() << "\n";
+  const auto participants = log.participants();
+  std::cout << "participants: " << participants.size() << "\n";
+  for (const auto &participant : participants)
+    std::cout << "  " << participant->protocol() << " " << participant->rawName() << "\n";
+  const auto messages = log.messages();
+  std::cout << "messages: " << messages.size() << "\n";
+  size_t number = 0;
+  for (const auto &message : messages) {
+    std::cout << "  [" << ++number << "] " << message->rawSpeaker().value_or("(no speaker)") << " at "
+              << (message->TimeStamp() ? message->TimeStamp()->description() : std::string("(no time)"));
+    char flags[16];
+    std::snprintf(flags, sizeof flags, "0x%x", message->mystery());
+    std::cout << " flags " << flags << "\n";
+    const auto &text = message->string();
+    if (!text) {
+      std::cout << "      (no text)\n";
+      continue;
+    }
+    std::cout << "      text: " << quotedText(text->string()) << "\n";
+    for (const AttributeRun &run : text->runs()) {
+      if (run.attributes->empty())
+        continue;
+      std::cout << "      run " << run.location << "+" << run.length << ":";
+      const char *separator = " ";
+      for (const auto &[name, value] : run.attributes->entries()) {
+        std::cout << separator << describeAttribute(name, value);
+        separator = "; ";
+      }
+      std::cout << "\n";
+    }
+  }
+}
+
+int usage() {
+  std::cerr << "usage: parlova-inspect [--plain | --html] FILE...\n";
+  return 2;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  Mode mode = Mode::Model;
+  std::vector<std::string> files;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--plain")
+      mode = Mode::Plain;
+    else if (arg == "--html")
+      mode = Mode::Html;
+    else if (arg == "--help" || arg == "-h")
+      return usage();
+    else
+      files.push_back(arg);
+  }
+  if (files.empty())
+    return usage();
+  if (mode != Mode::Model) {
+    std::cerr << "parlova-inspect: " << (mode == Mode::Plain ? "--plain" : "--html")
+              << " needs the transcript renderings, which this build does not have yet\n";
+    return 2;
+  }
+
+  int status = 0;
+  for (const std::string &file : files) {
+    const auto log = ICLPChatLog::initWithFilePath(file);
+    if (!log) {
+      std::cerr << "parlova-inspect: " << file << ": " << reasonNotLoaded(file) << "\n";
+      status = 1;
+      continue;
+    }
+    printModel(file, *log);
+  }
+  return status;
+}
