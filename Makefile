@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 
-.PHONY: all deps check demo bench install clean
+.PHONY: all deps check demo bench fuzz install clean
 
 all: $(BUILD)/Makefile
 	cmake --build $(BUILD) -j$(JOBS)
@@ -27,6 +27,13 @@ bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
 	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench
 	$(BUILD)-bench/bench/parlova_bench
+
+# A long mutation run over both transcript formats under AddressSanitizer.
+FUZZ_CASES ?= 2000000
+fuzz: deps
+	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target parlova_fuzz_mutations
+	$(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
 
 install: all
 	cmake --install $(BUILD) --prefix $(PREFIX)

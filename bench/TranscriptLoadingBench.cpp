@@ -1,5 +1,5 @@
-// How fast transcripts load: a generated transcript of about 5 MB, decoded
-// into the model as the tool does it.
+// How fast transcripts load: generated transcripts of about 5 MB in each
+// format, decoded into the model as the tool does it.
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
@@ -13,13 +13,13 @@ using namespace parlova::fixtures;
 
 namespace {
 
-TranscriptSpec largeTranscript(TranscriptSpec::Root root) {
+TranscriptSpec largeTranscript(TranscriptSpec::Root root, int messages) {
   TranscriptSpec spec;
   spec.root = root;
   const Account me{"AIM", "parlovauser"};
   const Account other{"AIM", "somebuddy"};
   spec.others = {other};
-  for (int i = 0; i < 16000; ++i) {
+  for (int i = 0; i < messages; ++i) {
     MessageSpec message = says(i % 2 ? me : other, 200000000 + i * 7.0, "");
     RunSpec styled = text("message number " + std::to_string(i) + " with some words in it, ");
     styled.font = FontSpec{"Helvetica", 12};
@@ -32,10 +32,14 @@ TranscriptSpec largeTranscript(TranscriptSpec::Root root) {
   return spec;
 }
 
-void loadTranscript(benchmark::State &state, TranscriptSpec::Root root) {
+enum class Format { Keyed, TypedStream };
+
+void loadTranscript(benchmark::State &state, Format format, TranscriptSpec::Root root) {
   const auto folder = std::filesystem::temp_directory_path() / ("parlova-bench-" + std::to_string(getpid()));
-  const auto path = folder / "somebuddy on 2006-01-01.ichat";
-  const auto bytes = keyedTranscript(largeTranscript(root));
+  // About 5 MB in either format; typed streams are the more compact.
+  const auto spec = largeTranscript(root, format == Format::Keyed ? 13000 : 28500);
+  const auto path = folder / (format == Format::Keyed ? "somebuddy on 2006-01-01.ichat" : "somebuddy on 2004-01-01.chat");
+  const auto bytes = format == Format::Keyed ? keyedTranscript(spec) : typedStreamTranscript(spec);
   writeFile(path, bytes);
   size_t messages = 0;
   for (auto _ : state) {
@@ -51,8 +55,11 @@ void loadTranscript(benchmark::State &state, TranscriptSpec::Root root) {
 
 } // namespace
 
-BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_short_root, TranscriptSpec::Root::IChat)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_messages_root, TranscriptSpec::Root::Messages)
+BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_archive, Format::Keyed, TranscriptSpec::Root::IChat)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_messages_root, Format::Keyed, TranscriptSpec::Root::Messages)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(loadTranscript, chat_typed_stream, Format::TypedStream, TranscriptSpec::Root::IChat)
     ->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

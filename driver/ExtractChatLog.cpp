@@ -15,16 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string extensionOf(const std::string &name) {
-  const auto dot = name.rfind('.');
-  return dot == std::string::npos ? std::string() : name.substr(dot + 1);
-}
-
-std::string withoutExtension(const std::string &name) {
-  const auto dot = name.rfind('.');
-  return dot == std::string::npos ? name : name.substr(0, dot);
-}
-
 // Each new name is made from the previous one, so the suffixes pile up:
 // "x.ichat", "x #2.ichat", "x #2 #3.ichat", ... That naming is settled and
 // stays.
@@ -33,7 +23,7 @@ fs::path archiveTarget(const fs::path &archiveFolder, const fs::path &transcript
   for (int counter = 2; fileExistsAtPath(target); ++counter) {
     const std::string name = target.filename().string();
     target = target.parent_path() /
-             (withoutExtension(name) + " #" + std::to_string(counter) + "." + extensionOf(name));
+             (deletingPathExtension(name) + " #" + std::to_string(counter) + "." + pathExtension(name));
   }
   return target;
 }

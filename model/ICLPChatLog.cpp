@@ -4,6 +4,7 @@
 #include "platform/FileManager.h"
 #include "platform/FoundationValues.h"
 #include "platform/KeyedUnarchiver.h"
+#include "platform/TypedStreamUnarchiver.h"
 
 namespace parlova {
 namespace {
@@ -18,44 +19,55 @@ template <class T> std::vector<std::shared_ptr<const T>> elementsOfClass(const O
   return result;
 }
 
-// Text after the last dot of the last path component, or empty.
-std::string extensionOf(const std::string &fileName) {
-  const auto dot = fileName.rfind('.');
-  return dot == std::string::npos ? std::string() : fileName.substr(dot + 1);
-}
-
 } // namespace
 
 std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::path &path) {
-  ICLPChatLog log;
   const std::string fileName = path.filename().string();
-  const std::string extension = extensionOf(fileName);
-  // An unreadable file decodes as no data at all.
-  const auto contents = [&] { return readFileContents(path).value_or(std::vector<uint8_t>{}); };
-  if (extension == "chat") {
-    log.format_ = Format::iChat2;
-    log.LoadiChat2Data(contents());
-  } else if (extension == "ichat") {
-    log.format_ = Format::iChat3;
-    log.LoadiChat3Data(contents());
-  } else {
+  const std::string extension = pathExtension(fileName);
+  Format format;
+  if (extension == "chat")
+    format = Format::iChat2;
+  else if (extension == "ichat")
+    format = Format::iChat3;
+  else
     return std::nullopt;
-  }
 
+  // The file is read and decoded before its name is looked at, and an
+  // unreadable file decodes as no data at all.
+  const auto contents = readFileContents(path).value_or(std::vector<uint8_t>{});
   const auto on = fileName.rfind(" on ");
+  auto log = initWithArchiveData(contents, format, on == std::string::npos ? "" : fileName.substr(0, on));
   if (on == std::string::npos)
     return std::nullopt;
-  // A file that did not decode to an array is no transcript; one whose
-  // array is merely short or odd inside still loads, and the accessors above
-  // guard every use of it.
-  if (!log.loadedArray_)
-    return std::nullopt;
-  log.primaryOtherParty_ = fileName.substr(0, on);
   return log;
 }
 
-void ICLPChatLog::LoadiChat2Data(std::span<const uint8_t>) {
-  // iChat 2 typed streams are not read yet: such a file loads as nothing.
+std::optional<ICLPChatLog> ICLPChatLog::initWithArchiveData(std::span<const uint8_t> data, Format format,
+                                                            std::string primaryOtherParty) {
+  ICLPChatLog log;
+  log.format_ = format;
+  if (format == Format::iChat2)
+    log.LoadiChat2Data(data);
+  else
+    log.LoadiChat3Data(data);
+  // A file that did not decode to an array is no transcript; one whose
+  // array is merely short or odd inside still loads, and the accessors
+  // guard every use of it.
+  if (!log.loadedArray_)
+    return std::nullopt;
+  log.primaryOtherParty_ = std::move(primaryOtherParty);
+  return log;
+}
+
+void ICLPChatLog::LoadiChat2Data(std::span<const uint8_t> data) {
+  auto archive = TypedStreamUnarchiver::forData(data);
+  if (!archive)
+    return;
+  archive->setClass("InstantMessage", [](Coder &coder) { return ICLPInstantMessage::initWithCoder(coder); });
+  archive->setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
+  archive->setClass("Person", [](Coder &coder) { return ICLPPerson::initWithCoder(coder); });
+  if (const auto root = archive->decodeRootObject())
+    loadedArray_ = objectAs<ArrayObject>(*root);
 }
 
 void ICLPChatLog::LoadiChat3Data(std::span<const uint8_t> data) {

@@ -23,6 +23,12 @@ public:
   // " on ", or contents that do not decode to a transcript root.
   static std::optional<ICLPChatLog> initWithFilePath(const std::filesystem::path &path);
 
+  // A transcript from an archive's bytes, as initWithFilePath: loads it
+  // once the file name has passed; nothing when the bytes do not decode to
+  // a transcript root.
+  static std::optional<ICLPChatLog> initWithArchiveData(std::span<const uint8_t> data, Format format,
+                                                        std::string primaryOtherParty);
+
   Format format() const { return format_; }
   // The decoded root array of the archive.
   const std::shared_ptr<const ArrayObject> &loadedArray() const { return loadedArray_; }

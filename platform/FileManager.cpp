@@ -30,6 +30,16 @@ std::optional<std::string> DirectoryEnumerator::nextObject() {
   return entry;
 }
 
+std::string pathExtension(const std::string &fileName) {
+  const auto dot = fileName.rfind('.');
+  return dot == std::string::npos ? std::string() : fileName.substr(dot + 1);
+}
+
+std::string deletingPathExtension(const std::string &fileName) {
+  const auto dot = fileName.rfind('.');
+  return dot == std::string::npos ? fileName : fileName.substr(0, dot);
+}
+
 bool fileExistsAtPath(const fs::path &path) {
   std::error_code error;
   // A dangling link still occupies the name, so it counts as there.

@@ -24,6 +24,11 @@ private:
   std::filesystem::recursive_directory_iterator it_;
 };
 
+// A file name's extension (the text after its last dot, or empty) and the
+// name without it, as Foundation's path methods give them.
+std::string pathExtension(const std::string &fileName);
+std::string deletingPathExtension(const std::string &fileName);
+
 bool fileExistsAtPath(const std::filesystem::path &path);
 
 // Nothing when the file cannot be read (missing, a folder, no permission).

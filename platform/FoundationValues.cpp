@@ -9,8 +9,9 @@
 namespace parlova {
 namespace {
 
-// Old-style property-list quoting, as Foundation descriptions print strings.
-std::string quotedIfNeeded(const std::string &text) {
+} // namespace
+
+std::string quotedForDescription(const std::string &text) {
   bool plain = !text.empty();
   for (const unsigned char c : text) {
     if (!(std::isalnum(c) || c == '_')) {
@@ -33,11 +34,13 @@ std::string quotedIfNeeded(const std::string &text) {
   return out + "\"";
 }
 
+namespace {
+
 std::string describeElement(const ObjectRef &object) {
   if (!object)
     return "<null>";
   if (const auto string = objectAs<StringObject>(object))
-    return quotedIfNeeded(string->value());
+    return quotedForDescription(string->value());
   std::string text = object->description();
   std::string indented;
   for (const char c : text) {

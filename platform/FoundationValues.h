@@ -95,6 +95,10 @@ private:
   std::vector<Entry> entries_;
 };
 
+// A string as Foundation's descriptions print it: bare when it is only
+// letters, digits and underscores, quoted and escaped otherwise.
+std::string quotedForDescription(const std::string &text);
+
 // The text of a string object, or empty for anything else.
 std::string stringValueOf(const ObjectRef &object);
 

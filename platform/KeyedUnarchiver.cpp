@@ -1,32 +1,14 @@
 #include "platform/KeyedUnarchiver.h"
 
-#include <cstdlib>
-
 #include "platform/AttributedString.h"
 #include "platform/FileWrapper.h"
 #include "platform/FoundationValues.h"
+#include "platform/GenericObject.h"
 #include "platform/TextAttributes.h"
 #include "platform/Unicode.h"
 
 namespace parlova {
 namespace {
-
-// libplist finds an array's n-th item by walking the list, so arrays are
-// read front to back once.
-std::vector<plist_t> arrayItems(plist_t array) {
-  std::vector<plist_t> items;
-  items.reserve(plist_array_get_size(array));
-  plist_array_iter it = nullptr;
-  plist_array_new_iter(array, &it);
-  for (plist_t item = nullptr;;) {
-    plist_array_next_item(array, it, &item);
-    if (!item)
-      break;
-    items.push_back(item);
-  }
-  std::free(it);
-  return items;
-}
 
 // Binary archives hold real UIDs; XML ones spell each as {CF$UID = n}.
 std::optional<uint64_t> uidOf(plist_t node) {
@@ -194,7 +176,7 @@ ObjectRef decodeColor(KeyedObjectCoder &coder) {
 } // namespace
 
 KeyedUnarchiver::KeyedUnarchiver(PlistPtr archive, plist_t objects, plist_t top)
-    : archive_(std::move(archive)), objects_(arrayItems(objects)), top_(top), decoded_(objects_.size()),
+    : archive_(std::move(archive)), objects_(plistArrayItems(objects)), top_(top), decoded_(objects_.size()),
       state_(objects_.size(), State::NotYet) {}
 
 std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::forData(std::span<const uint8_t> bytes) {
@@ -252,7 +234,7 @@ ObjectRef KeyedUnarchiver::decodeValue(plist_t node) {
   }
   case PLIST_ARRAY: {
     std::vector<ObjectRef> items;
-    for (const plist_t item : arrayItems(node))
+    for (const plist_t item : plistArrayItems(node))
       items.push_back(decodeValue(item));
     return std::make_shared<ArrayObject>(std::move(items));
   }
@@ -260,21 +242,8 @@ ObjectRef KeyedUnarchiver::decodeValue(plist_t node) {
     if (plist_dict_get_item(node, "$class"))
       return decodeInstance(node);
     std::vector<DictionaryObject::Entry> entries;
-    plist_dict_iter it = nullptr;
-    plist_dict_new_iter(node, &it);
-    std::unique_ptr<void, decltype(&std::free)> ownedIterator(it, &std::free);
-    while (true) {
-      char *key = nullptr;
-      plist_t value = nullptr;
-      plist_dict_next_item(node, it, &key, &value);
-      if (!value) {
-        std::free(key);
-        break;
-      }
-      std::string keyText(key ? key : "");
-      std::free(key);
-      entries.emplace_back(std::make_shared<StringObject>(std::move(keyText)), decodeValue(value));
-    }
+    for (const auto &[key, value] : plistDictionaryEntries(node))
+      entries.emplace_back(std::make_shared<StringObject>(key), decodeValue(value));
     return std::make_shared<DictionaryObject>(std::move(entries));
   }
   default:
@@ -320,10 +289,12 @@ ObjectRef KeyedUnarchiver::decodeInstance(plist_t objectDictionary) {
   if (auto name = plistString(plist_dict_get_item(classInfo, "$classname")))
     chain.push_back(std::move(*name));
   if (const plist_t classes = plist_dict_get_item(classInfo, "$classes"); classes && plist_get_node_type(classes) == PLIST_ARRAY) {
-    for (const plist_t item : arrayItems(classes))
-      if (auto name = plistString(item))
+    for (const plist_t item : plistArrayItems(classes))
+      if (auto name = plistString(item); name && (chain.empty() || chain.back() != *name))
         chain.push_back(std::move(*name));
   }
+  if (generic_)
+    return decodeGenerically(chain, objectDictionary);
   for (const std::string &name : chain) {
     bool known = false;
     ObjectRef object = decodeKnownClass(name, objectDictionary, known);
@@ -331,6 +302,17 @@ ObjectRef KeyedUnarchiver::decodeInstance(plist_t objectDictionary) {
       return object;
   }
   return std::make_shared<InertObject>(chain.empty() ? std::string("?") : chain.front());
+}
+
+ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &chain, plist_t objectDictionary) {
+  std::shared_ptr<const ArchivedClass> archivedClass;
+  for (size_t i = chain.size(); i-- > 0;)
+    archivedClass = std::make_shared<ArchivedClass>(chain[i], std::nullopt, archivedClass);
+  std::vector<GenericObject::Field> fields;
+  for (const auto &[label, value] : plistDictionaryEntries(objectDictionary))
+    if (label != "$class")
+      fields.push_back({label, {decodeValue(value)}});
+  return std::make_shared<GenericObject>(archivedClass, std::move(fields));
 }
 
 ObjectRef KeyedUnarchiver::decodeKnownClass(const std::string &name, plist_t objectDictionary, bool &known) {

@@ -24,6 +24,10 @@ public:
   // Objects archived under `archivedName` are made by `factory` instead.
   void setClass(std::string archivedName, ClassFactory factory);
 
+  // Every archived object becomes a GenericObject holding its keys, for
+  // showing an archive as it is.
+  void setDecodesEverythingGenerically(bool generic) { generic_ = generic; }
+
   // The top-level object under `key` (null when absent), or nothing when the
   // archive turns out to be damaged along the way.
   std::optional<ObjectRef> decodeTopLevelObjectForKey(std::string_view key);
@@ -35,6 +39,7 @@ private:
   KeyedUnarchiver(PlistPtr archive, plist_t objects, plist_t top);
   ObjectRef decodeReference(uint64_t uid);
   ObjectRef decodeInstance(plist_t objectDictionary);
+  ObjectRef decodeGenerically(const std::vector<std::string> &chain, plist_t objectDictionary);
   ObjectRef decodeKnownClass(const std::string &name, plist_t objectDictionary, bool &known);
 
   enum class State : uint8_t { NotYet, InProgress, Done };
@@ -46,6 +51,7 @@ private:
   std::vector<ObjectRef> decoded_;
   std::vector<State> state_;
   int depth_ = 0;
+  bool generic_ = false;
 };
 
 } // namespace parlova

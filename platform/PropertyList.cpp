@@ -39,16 +39,55 @@ std::vector<uint8_t> serializePropertyList(plist_t node, PlistFormat format) {
   return std::vector<uint8_t>(out, out + length);
 }
 
+std::vector<std::pair<std::string, plist_t>> plistDictionaryEntries(plist_t dictionary) {
+  std::vector<std::pair<std::string, plist_t>> entries;
+  plist_dict_iter it = nullptr;
+  plist_dict_new_iter(dictionary, &it);
+  while (true) {
+    char *key = nullptr;
+    plist_t value = nullptr;
+    plist_dict_next_item(dictionary, it, &key, &value);
+    std::unique_ptr<char, FreeDeleter> ownedKey(key);
+    if (!value)
+      break;
+    entries.emplace_back(key ? key : "", value);
+  }
+  std::free(it);
+  return entries;
+}
+
+std::vector<plist_t> plistArrayItems(plist_t array) {
+  std::vector<plist_t> items;
+  items.reserve(plist_array_get_size(array));
+  plist_array_iter it = nullptr;
+  plist_array_new_iter(array, &it);
+  for (plist_t item = nullptr;;) {
+    plist_array_next_item(array, it, &item);
+    if (!item)
+      break;
+    items.push_back(item);
+  }
+  std::free(it);
+  return items;
+}
+
 std::optional<std::string> plistString(plist_t node) {
-  if (!node || (plist_get_node_type(node) != PLIST_STRING && plist_get_node_type(node) != PLIST_KEY))
+  if (!node)
     return std::nullopt;
-  char *value = nullptr;
-  if (plist_get_node_type(node) == PLIST_STRING)
-    plist_get_string_val(node, &value);
-  else
+  if (plist_get_node_type(node) == PLIST_STRING) {
+    // The pointer form: libplist's copying getter aborts on strings that
+    // hold a NUL, which a damaged archive can.
+    uint64_t length = 0;
+    const char *value = plist_get_string_ptr(node, &length);
+    return value ? std::string(value, length) : std::string();
+  }
+  if (plist_get_node_type(node) == PLIST_KEY) {
+    char *value = nullptr;
     plist_get_key_val(node, &value);
-  std::unique_ptr<char, FreeDeleter> owned(value);
-  return std::string(value ? value : "");
+    std::unique_ptr<char, FreeDeleter> owned(value);
+    return std::string(value ? value : "");
+  }
+  return std::nullopt;
 }
 
 std::optional<int64_t> plistInteger(plist_t node) {
@@ -83,10 +122,8 @@ std::optional<double> plistReal(plist_t node) {
 std::optional<std::vector<uint8_t>> plistData(plist_t node) {
   if (!node || plist_get_node_type(node) != PLIST_DATA)
     return std::nullopt;
-  char *value = nullptr;
   uint64_t length = 0;
-  plist_get_data_val(node, &value, &length);
-  std::unique_ptr<char, FreeDeleter> owned(value);
+  const auto *value = reinterpret_cast<const uint8_t *>(plist_get_data_ptr(node, &length));
   if (!value)
     return std::vector<uint8_t>{};
   return std::vector<uint8_t>(value, value + length);

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <plist/plist.h>
@@ -23,6 +24,12 @@ enum class PlistFormat { XML, Binary };
 // XML or binary, told apart by the bytes. Nothing for anything else.
 PlistPtr parsePropertyList(std::span<const uint8_t> bytes);
 std::vector<uint8_t> serializePropertyList(plist_t node, PlistFormat format);
+
+// A dictionary's entries and an array's items, in stored order (libplist
+// finds an array's n-th item by walking the list, so arrays are read front
+// to back once).
+std::vector<std::pair<std::string, plist_t>> plistDictionaryEntries(plist_t dictionary);
+std::vector<plist_t> plistArrayItems(plist_t array);
 
 // Small readers over borrowed nodes; each answers nothing for a node of
 // another type.

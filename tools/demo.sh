@@ -15,13 +15,13 @@ echo "just notes" > "$chats/notes.txt"
 
 echo
 echo "== What Parlova reads from each sample =="
-find "$chats" -name '*.ichat' -print0 | sort -z | xargs -0 "$build/parlova-inspect"
+find "$chats" -name '*chat' -type f -print0 | sort -z | xargs -0 "$build/parlova-inspect"
 
 echo
 echo "== Running parlova until every transcript is processed =="
 "$build/parlova-defaults" write com.hollowmere.parlova debugMode -int 2
-for run in 1 2 3 4 5 6; do
-  before=$(find "$chats" -name '*.ichat' | wc -l)
+for run in 1 2 3 4 5 6 7 8; do
+  before=$(find "$chats" -name '*chat' -type f | wc -l)
   [ "$before" -eq 0 ] && break
   echo "-- run $run"
   "$build/parlova"

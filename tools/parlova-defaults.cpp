@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/FoundationValues.h"
 #include "platform/Preferences.h"
 #include "platform/PropertyList.h"
 
@@ -19,26 +20,10 @@ namespace {
 
 constexpr const char *kDefaultDomain = "com.hollowmere.parlova";
 
-std::string quoted(const std::string &text) {
-  bool plain = !text.empty();
-  for (const unsigned char c : text)
-    if (!(std::isalnum(c) || c == '_'))
-      plain = false;
-  if (plain)
-    return text;
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\')
-      out += '\\';
-    out += c;
-  }
-  return out + "\"";
-}
-
 std::string describe(plist_t node, const std::string &indent, bool topLevel) {
   switch (plist_get_node_type(node)) {
   case PLIST_STRING:
-    return topLevel ? *plistString(node) : quoted(*plistString(node));
+    return topLevel ? *plistString(node) : quotedForDescription(*plistString(node));
   case PLIST_BOOLEAN:
   case PLIST_UINT:
     return std::to_string(*plistInteger(node));
@@ -59,27 +44,15 @@ std::string describe(plist_t node, const std::string &indent, bool topLevel) {
   }
   case PLIST_ARRAY: {
     std::string out = "(\n";
-    const uint32_t n = plist_array_get_size(node);
-    for (uint32_t i = 0; i < n; ++i)
-      out += indent + "    " + describe(plist_array_get_item(node, i), indent + "    ", false) + (i + 1 < n ? ",\n" : "\n");
+    const auto items = plistArrayItems(node);
+    for (size_t i = 0; i < items.size(); ++i)
+      out += indent + "    " + describe(items[i], indent + "    ", false) + (i + 1 < items.size() ? ",\n" : "\n");
     return out + indent + ")";
   }
   case PLIST_DICT: {
     std::string out = "{\n";
-    plist_dict_iter it = nullptr;
-    plist_dict_new_iter(node, &it);
-    while (true) {
-      char *key = nullptr;
-      plist_t value = nullptr;
-      plist_dict_next_item(node, it, &key, &value);
-      if (!value) {
-        std::free(key);
-        break;
-      }
-      out += indent + "    " + quoted(key) + " = " + describe(value, indent + "    ", false) + ";\n";
-      std::free(key);
-    }
-    std::free(it);
+    for (const auto &[key, value] : plistDictionaryEntries(node))
+      out += indent + "    " + quotedForDescription(key) + " = " + describe(value, indent + "    ", false) + ";\n";
     return out + indent + "}";
   }
   default:

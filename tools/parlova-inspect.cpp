@@ -3,6 +3,7 @@
 //   parlova-inspect FILE...          the loaded model
 //   parlova-inspect --plain FILE...  the plain-text rendering
 //   parlova-inspect --html FILE...   the HTML rendering's bytes
+//   parlova-inspect --archive FILE...  any archive's object graph as stored
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -12,18 +13,18 @@
 #include "platform/FileManager.h"
 #include "platform/TextAttributes.h"
 #include "platform/Unicode.h"
+#include "tools/ArchiveDump.h"
 
 using namespace parlova;
 
 namespace {
 
-enum class Mode { Model, Plain, Html };
+enum class Mode { Model, Plain, Html, Archive };
 
 // Why a file did not load, in the order loading finds it out.
 std::string reasonNotLoaded(const std::filesystem::path &path) {
   const std::string name = path.filename().string();
-  const auto dot = name.rfind('.');
-  const std::string extension = dot == std::string::npos ? "" : name.substr(dot + 1);
+  const std::string extension = pathExtension(name);
   if (extension != "chat" && extension != "ichat")
     return "not a transcript: the extension must be exactly \"chat\" or \"ichat\"";
   if (!readFileContents(path))
@@ -33,31 +34,6 @@ std::string reasonNotLoaded(const std::filesystem::path &path) {
   if (extension == "chat")
     return "the iChat 2 typed stream could not be decoded into a transcript";
   return "the keyed archive is damaged or its root is not an array";
-}
-
-std::string quotedText(const std::u16string &text) {
-  std::string out = "\"";
-  for (const char c : utf16ToUtf8(text)) {
-    switch (c) {
-    case '\n':
-      out += "\\n";
-      break;
-    case '"':
-      out += "\\\"";
-      break;
-    case '\\':
-      out += "\\\\";
-      break;
-    default:
-      if (static_cast<unsigned char>(c) < 0x20) {
-        char hex[8];
-        std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-        out += hex;
-      } else
-        out += c;
-    }
-  }
-  return out + "\"";
 }
 
 std::string describeAttribute(const std::string &name, const ObjectRef &value) {
@@ -115,7 +91,7 @@ void printModel(const std::string &path, const ICLPChatLog &log) {
       std::cout << "      (no text)\n";
       continue;
     }
-    std::cout << "      text: " << quotedText(text->string()) << "\n";
+    std::cout << "      text: " << quotedForDisplay(utf16ToUtf8(text->string())) << "\n";
     for (const AttributeRun &run : text->runs()) {
       if (run.attributes->empty())
         continue;
@@ -131,7 +107,7 @@ void printModel(const std::string &path, const ICLPChatLog &log) {
 }
 
 int usage() {
-  std::cerr << "usage: parlova-inspect [--plain | --html] FILE...\n";
+  std::cerr << "usage: parlova-inspect [--plain | --html | --archive] FILE...\n";
   return 2;
 }
 
@@ -146,6 +122,8 @@ int main(int argc, char **argv) {
       mode = Mode::Plain;
     else if (arg == "--html")
       mode = Mode::Html;
+    else if (arg == "--archive")
+      mode = Mode::Archive;
     else if (arg == "--help" || arg == "-h")
       return usage();
     else
@@ -153,6 +131,21 @@ int main(int argc, char **argv) {
   }
   if (files.empty())
     return usage();
+  if (mode == Mode::Archive) {
+    int status = 0;
+    for (const std::string &file : files) {
+      const auto bytes = readFileContents(file);
+      const auto dump = bytes ? dumpArchive(*bytes) : std::nullopt;
+      if (!dump) {
+        std::cerr << "parlova-inspect: " << file << ": "
+                  << (bytes ? "not a keyed archive or typed stream, or damaged" : "cannot read the file") << "\n";
+        status = 1;
+        continue;
+      }
+      std::cout << "file: " << file << "\n" << *dump;
+    }
+    return status;
+  }
   if (mode != Mode::Model) {
     std::cerr << "parlova-inspect: " << (mode == Mode::Plain ? "--plain" : "--html")
               << " needs the transcript renderings, which this build does not have yet\n";

@@ -1,0 +1,212 @@
+// iChat 2 typed streams: the same transcript written as a typed stream (in
+// both byte orders) and as a keyed archive must load into equal models, and
+// damaged streams must be refused cleanly.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "model/ICLPChatLog.h"
+#include "platform/TextAttributes.h"
+#include "platform/TypedStreamUnarchiver.h"
+#include "platform/Unicode.h"
+#include "tests/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixtures;
+
+// Everything a later stage reads from a model, as text, so that two
+// models compare as a whole.
+std::string modelText(const ICLPChatLog &log) {
+  std::string out;
+  for (const auto &p : log.participants())
+    out += "participant " + p->protocol() + " " + p->rawName() + "\n";
+  for (const auto &m : log.messages()) {
+    out += "message " + m->rawSpeaker().value_or("(none)") + " at " +
+           std::to_string(m->TimeStamp() ? m->TimeStamp()->timeIntervalSinceReferenceDate() : -1) + " flags " +
+           std::to_string(m->mystery()) + ": " + (m->string() ? utf16ToUtf8(m->string()->string()) : "") + "\n";
+    if (!m->string())
+      continue;
+    for (const auto &run : m->string()->runs()) {
+      out += "  run " + std::to_string(run.location) + "+" + std::to_string(run.length);
+      if (const auto font = objectAs<Font>(run.attributes->valueForName(kFontAttributeName)))
+        out += " font " + font->fontName() + " " + std::to_string(font->pointSize());
+      if (const auto color = objectAs<Color>(run.attributes->valueForName(kForegroundColorAttributeName))) {
+        const auto rgb = color->usingDeviceRGB();
+        out += rgb ? " rgb " + std::to_string(rgb->red) + "," + std::to_string(rgb->green) + "," +
+                         std::to_string(rgb->blue)
+                   : " colour without rgb";
+      }
+      const ObjectRef link = run.attributes->valueForName(kLinkAttributeName);
+      if (const auto url = objectAs<URLObject>(link))
+        out += " url " + url->absoluteString();
+      else if (link)
+        out += " link " + link->description();
+      if (const auto attachment = objectAs<TextAttachment>(run.attributes->valueForName(kAttachmentAttributeName))) {
+        const auto &wrapper = attachment->fileWrapper();
+        out += " attachment ";
+        if (wrapper) {
+          out += wrapper->preferredFilename().value_or("?") + " " +
+                 std::to_string(wrapper->regularFileContents().size()) + " bytes";
+          for (const auto &child : wrapper->fileWrappers())
+            out += " [" + child->preferredFilename().value_or("?") + "]";
+        }
+      }
+      out += "\n";
+    }
+  }
+  return out;
+}
+
+TranscriptSpec everything() {
+  const Account me{"AIM", "me"};
+  const Account bob{"AIM", "bob"};
+  const Account carol{"Jabber", "carol@example.org"};
+  TranscriptSpec spec;
+  spec.others = {bob, carol};
+  MessageSpec styled = says(bob, 131969700.5, "");
+  RunSpec red = text("r\xC3\xA9" "d \xF0\x9F\x98\x80 ");
+  red.color = ColorSpec{ColorSpec::Space::CalibratedRGB, {1, 0, 0}};
+  red.font = FontSpec{"Helvetica-Bold", 12.5};
+  red.paragraphStyle = true;
+  RunSpec grey = text("grey ");
+  grey.color = ColorSpec{ColorSpec::Space::DeviceWhite, {0.5, 1}};
+  RunSpec plainLink = text("plain");
+  plainLink.link = LinkSpec{"http://example.com/a", false, std::nullopt};
+  RunSpec urlLink = text("url");
+  urlLink.link = LinkSpec{"sub/page.html", true, "http://example.com/dir/"};
+  RunSpec file = text("\xEF\xBF\xBC");
+  file.attachment = AttachmentSpec{"photo.jpg", {0xFF, 0xD8, 0, 1, 2}, false, {}, false};
+  RunSpec folder = text("\xEF\xBF\xBC");
+  folder.attachment = AttachmentSpec{"Pics", {}, true, {AttachmentSpec{"a.png", {1}, false, {}, false}}, false};
+  RunSpec bare = text("\xEF\xBF\xBC");
+  bare.attachment = AttachmentSpec{"", {}, false, {}, true};
+  styled.runs = {red, grey, plainLink, urlLink, file, folder, bare, red};
+  styled.flags = 0x1234;
+  MessageSpec status;
+  status.time = 131969800;
+  status.runs = {text("bob went away")};
+  spec.messages = {styled, says(me, 131969760, "ok"), says(carol, 131969770, "hi all"), status};
+  return spec;
+}
+
+class TypedStreamLoading : public ::testing::Test {
+protected:
+  std::optional<ICLPChatLog> load(const std::string &name, const std::vector<uint8_t> &bytes) {
+    const fs::path path = home_.path() / name;
+    writeFile(path, bytes);
+    return ICLPChatLog::initWithFilePath(path);
+  }
+  ScratchHome home_;
+};
+
+TEST_F(TypedStreamLoading, BothFormatsAndByteOrdersLoadIntoEqualModels) {
+  const TranscriptSpec spec = everything();
+  const auto keyed = load("bob on 1.ichat", keyedTranscript(spec));
+  const auto little = load("bob on 1.chat", typedStreamTranscript(spec, ByteOrder::Little));
+  const auto big = load("bob on 2.chat", typedStreamTranscript(spec, ByteOrder::Big));
+  ASSERT_TRUE(keyed && little && big);
+  EXPECT_EQ(little->format(), ICLPChatLog::Format::iChat2);
+  const std::string expected = modelText(*keyed);
+  EXPECT_NE(expected.find("url http://example.com/dir/sub/page.html"), std::string::npos) << expected;
+  EXPECT_NE(expected.find("attachment Pics 0 bytes [a.png]"), std::string::npos) << expected;
+  EXPECT_EQ(modelText(*little), expected);
+  EXPECT_EQ(modelText(*big), expected);
+}
+
+TEST_F(TypedStreamLoading, SharedObjectsStayShared) {
+  const auto log = load("bob on 1.chat", typedStreamTranscript(everything()));
+  ASSERT_TRUE(log);
+  const auto messages = log->messages();
+  ASSERT_EQ(messages.size(), 4u);
+  EXPECT_EQ(messages[0]->speaker(), log->participants()[0]) << "one Presentity serves the list and the messages";
+  EXPECT_EQ(messages[2]->speaker(), log->participants()[1]);
+  EXPECT_EQ(messages[3]->speaker(), nullptr);
+  EXPECT_EQ(messages[3]->rawSpeaker(), std::nullopt);
+  // The first and last runs share one attribute dictionary, written once.
+  const auto &runs = messages[0]->string()->runs();
+  EXPECT_EQ(runs.front().attributes, runs.back().attributes);
+  EXPECT_EQ(messages[0]->mystery(), 0x1234u);
+}
+
+TEST_F(TypedStreamLoading, DamagedStreamsAreRefusedQuickly) {
+  const auto good = typedStreamTranscript(everything());
+  // Every cut short of the end loses the root's closing marks.
+  for (size_t cut = 0; cut + 1 < good.size(); cut += 7)
+    EXPECT_FALSE(ICLPChatLog::initWithArchiveData(std::span(good).first(cut), ICLPChatLog::Format::iChat2, "x"))
+        << cut;
+
+  const std::vector<uint8_t> header = {4, 11, 's', 't', 'r', 'e', 'a', 'm', 't', 'y', 'p', 'e', 'd', 0x81, 0xe8, 3};
+  const auto stream = [&](std::vector<uint8_t> body) {
+    body.insert(body.begin(), header.begin(), header.end());
+    return body;
+  };
+  const std::vector<std::pair<std::string, std::vector<uint8_t>>> hostile = {
+      // "@" then a reference to object 40, never read.
+      {"forward reference", stream({0x84, 1, '@', 0x92 + 40})},
+      // "@" then a reference to the type string table entry 5.
+      {"missing shared string", stream({0x92 + 5})},
+      // An NSArray claiming two billion elements.
+      {"huge count", stream({0x84, 1, '@', 0x84, 0x84, 0x84, 7, 'N', 'S', 'A', 'r', 'r', 'a', 'y', 0, 0x85, 0x84, 1,
+                             'i', 0x82, 0, 0, 0, 0x7f})},
+      {"unknown type", stream({0x84, 1, 'x', 0})},
+      {"string longer than the stream", stream({0x84, 1, '+', 0x82, 0xff, 0xff, 0xff, 0x0f})},
+      {"wrong header", {4, 11, 's', 't', 'r', 'e', 'a', 'm', 't', 'y', 'p', 'e', 'x', 0}},
+  };
+  for (const auto &[label, bytes] : hostile)
+    EXPECT_FALSE(ICLPChatLog::initWithArchiveData(bytes, ICLPChatLog::Format::iChat2, "x")) << label;
+
+  // Arrays nested ten thousand deep: refused, not a stack overflow.
+  std::vector<uint8_t> deep = {0x84, 1, '@', 0x84, 0x84, 0x84, 7, 'N', 'S', 'A', 'r', 'r', 'a', 'y', 0, 0x85,
+                               0x84, 1, 'i', 1, 0x92};
+  for (int i = 0; i < 10000; ++i)
+    deep.insert(deep.end(), {0x84, 0x93, 0x94, 1, 0x92});
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(ICLPChatLog::initWithArchiveData(stream(deep), ICLPChatLog::Format::iChat2, "x"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(TypedStreamLoading, UnknownClassesAreReadThroughAndStayInert) {
+  const std::vector<uint8_t> bytes = {
+      4, 11, 's', 't', 'r', 'e', 'a', 'm', 't', 'y', 'p', 'e', 'd', 0x81, 0xe8, 3,
+      // "@": an NSArray of one IMFancy object holding an "i" and a "{_P=ff}".
+      0x84, 1, '@', 0x84, 0x84, 0x84, 7, 'N', 'S', 'A', 'r', 'r', 'a', 'y', 0, 0x85, 0x84, 1, 'i', 1, 0x92, 0x84,
+      0x84, 0x84, 7, 'I', 'M', 'F', 'a', 'n', 'c', 'y', 3, 0x85, 0x94, 5, 0x84, 7, '{', '_', 'P', '=', 'f', 'f', '}',
+      0x83, 0, 0, 0x80, 0x3f, 2, 0x86, 0x86};
+  auto archive = TypedStreamUnarchiver::forData(bytes);
+  ASSERT_TRUE(archive);
+  const auto root = archive->decodeRootObject();
+  ASSERT_TRUE(root);
+  const auto array = objectAs<ArrayObject>(*root);
+  ASSERT_TRUE(array);
+  ASSERT_EQ(array->count(), 1u);
+  EXPECT_EQ(array->objectAtIndex(0)->className(), "IMFancy");
+}
+
+TEST(TypedStreamTool, ChatFilesGoThroughTheToolAndShowInInspect) {
+  ScratchHome home;
+  writeFile(home.chats() / "Bob on 2004-01-01.chat", typedStreamTranscript(everything(), ByteOrder::Big));
+  const auto inspected = home.run("parlova-inspect", {(home.chats() / "Bob on 2004-01-01.chat").string()});
+  EXPECT_EQ(inspected.exitCode, 0) << inspected.err;
+  EXPECT_NE(inspected.out.find("format: iChat 2 typed stream"), std::string::npos);
+  EXPECT_NE(inspected.out.find("attachment photo.jpg (5 bytes)"), std::string::npos) << inspected.out;
+
+  const auto dump = home.run("parlova-inspect", {"--archive", (home.chats() / "Bob on 2004-01-01.chat").string()});
+  EXPECT_EQ(dump.exitCode, 0);
+  EXPECT_NE(dump.out.find("InstantMessage v1 : NSObject v0"), std::string::npos) << dump.out;
+  EXPECT_NE(dump.out.find("(shown above)"), std::string::npos) << "shared objects are shown once";
+
+  const auto run = home.run("parlova");
+  EXPECT_EQ(run.exitCode, 0);
+  EXPECT_TRUE(fs::exists(home.archive() / "Bob on 2004-01-01.chat")) << run.err;
+
+  writeText(home.path() / "junk on x.chat", "\x04\x0bstreamtyped\x81\xe8\x03\x84");
+  const auto refused = home.run("parlova-inspect", {"--archive", (home.path() / "junk on x.chat").string()});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_NE(refused.err.find("damaged"), std::string::npos);
+}
+
+} // namespace
+} // namespace parlova::testing

@@ -1,0 +1,52 @@
+// The transcript decoders as a fuzz target: libFuzzer's entry point, also
+// driven by our own mutation runner.
+#include "tests/fuzz/TranscriptFuzzTarget.h"
+
+#include "model/ICLPChatLog.h"
+#include "platform/TextAttributes.h"
+
+using namespace parlova;
+
+namespace {
+
+size_t walk(const ICLPChatLog &log) {
+  size_t touched = log.description().size() + log.participants().size();
+  for (const auto &message : log.messages()) {
+    touched += message->rawSpeaker().value_or("").size();
+    if (message->TimeStamp())
+      touched += message->TimeStamp()->description().size();
+    const auto &text = message->string();
+    if (!text)
+      continue;
+    for (size_t i = 0; i < text->length(); i += text->attributesAtIndex(i).length) {
+      for (const auto &[name, value] : text->attributesAtIndex(i).attributes->entries()) {
+        if (const auto color = objectAs<Color>(value))
+          touched += color->usingDeviceRGB().has_value();
+        if (const auto url = objectAs<URLObject>(value))
+          touched += url->absoluteString().size();
+        if (const auto attachment = objectAs<TextAttachment>(value); attachment && attachment->fileWrapper())
+          touched += attachment->fileWrapper()->regularFileContents().size() +
+                     attachment->fileWrapper()->fileWrappers().size();
+      }
+    }
+  }
+  return touched;
+}
+
+} // namespace
+
+int decodeTranscriptBytes(const uint8_t *data, size_t size) {
+  int loaded = 0;
+  for (const auto format : {ICLPChatLog::Format::iChat2, ICLPChatLog::Format::iChat3}) {
+    if (const auto log = ICLPChatLog::initWithArchiveData({data, size}, format, "fuzz")) {
+      walk(*log);
+      ++loaded;
+    }
+  }
+  return loaded;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  decodeTranscriptBytes(data, size);
+  return 0;
+}

@@ -1,0 +1,8 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Decodes bytes as both transcript formats and walks whatever loaded the
+// way the pipeline does. Answers how many formats loaded (0, 1 or 2).
+int decodeTranscriptBytes(const uint8_t *data, size_t size);

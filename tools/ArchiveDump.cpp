@@ -1,0 +1,116 @@
+#include "tools/ArchiveDump.h"
+
+#include <cstdio>
+#include <map>
+
+#include "platform/FoundationValues.h"
+#include "platform/GenericObject.h"
+#include "platform/KeyedUnarchiver.h"
+#include "platform/TypedStreamUnarchiver.h"
+
+namespace parlova {
+namespace {
+
+class Printer {
+public:
+  std::string print(const ObjectRef &object, const std::string &indent) {
+    if (!object)
+      return "nil";
+    if (const auto string = objectAs<StringObject>(object))
+      return quotedForDisplay(string->value());
+    if (const auto data = objectAs<DataObject>(object))
+      return describeBytes(data->bytes());
+    if (const auto array = objectAs<ArrayObject>(object)) {
+      if (array->items().empty())
+        return "()";
+      std::string out = "(\n";
+      for (const ObjectRef &item : array->items())
+        out += indent + "    " + print(item, indent + "    ") + "\n";
+      return out + indent + ")";
+    }
+    if (const auto dictionary = objectAs<DictionaryObject>(object)) {
+      std::string out = "{\n";
+      for (const auto &[key, value] : dictionary->entries())
+        out += indent + "    " + print(key, indent + "    ") + " = " + print(value, indent + "    ") + "\n";
+      return out + indent + "}";
+    }
+    if (const auto archivedClass = objectAs<ArchivedClass>(object))
+      return "class " + archivedClass->description();
+    if (const auto generic = objectAs<GenericObject>(object)) {
+      // Shared objects are shown once and referred to by number after.
+      const auto [it, first] = numbers_.try_emplace(generic.get(), numbers_.size() + 1);
+      const std::string label = "#" + std::to_string(it->second) + " ";
+      const std::string classText = generic->archivedClass() ? generic->archivedClass()->description() : "?";
+      if (!first)
+        return label + generic->className() + " (shown above)";
+      std::string out = label + classText + " {\n";
+      for (const auto &field : generic->fields()) {
+        out += indent + "    " + (field.label.empty() ? std::string("-") : field.label) + ":";
+        for (const ObjectRef &value : field.values)
+          out += " " + print(value, indent + "    ");
+        out += "\n";
+      }
+      return out + indent + "}";
+    }
+    return object->className() + " " + object->description();
+  }
+
+private:
+  static std::string describeBytes(const std::vector<uint8_t> &bytes) {
+    std::string out = "<" + std::to_string(bytes.size()) + " bytes";
+    for (size_t i = 0; i < bytes.size() && i < 16; ++i) {
+      char hex[4];
+      std::snprintf(hex, sizeof hex, " %02x", bytes[i]);
+      out += hex;
+    }
+    return out + (bytes.size() > 16 ? " ...>" : ">");
+  }
+
+  std::map<const Object *, size_t> numbers_;
+};
+
+} // namespace
+
+std::string quotedForDisplay(std::string_view text) {
+  std::string out = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+      out += hex;
+    } else {
+      out += c;
+    }
+  }
+  return out + "\"";
+}
+
+std::optional<std::string> dumpArchive(std::span<const uint8_t> bytes) {
+  if (auto stream = TypedStreamUnarchiver::forData(bytes)) {
+    stream->setDecodesEverythingGenerically(true);
+    const auto root = stream->decodeRootObject();
+    if (!root)
+      return std::nullopt;
+    return "typed stream\nroot: " + Printer().print(*root, "") + "\n";
+  }
+  if (auto keyed = KeyedUnarchiver::forData(bytes)) {
+    keyed->setDecodesEverythingGenerically(true);
+    std::string out = "keyed archive\n";
+    for (const char *key : {"root", "metadata"}) {
+      const auto object = keyed->decodeTopLevelObjectForKey(key);
+      if (!object)
+        return std::nullopt;
+      if (*object)
+        out += std::string(key) + ": " + Printer().print(*object, "") + "\n";
+    }
+    return out;
+  }
+  return std::nullopt;
+}
+
+} // namespace parlova
