@@ -51,8 +51,12 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
     return;
   }
 
-  // The end-of-chat judgement joins here: when it finds the conversation
-  // unfinished, the pipeline returns and the transcript stays.
+  if (!log->isLikelyEndOfChat()) {
+    if (verbose)
+      logLine("*****FINISH*****This log is probably an incomplete log that will be finished later- don't send and "
+              "don't record it as the last log.");
+    return;
+  }
 
   logFormat("preparing email send %@", path);
 

@@ -89,6 +89,26 @@ std::vector<std::shared_ptr<const ICLPPresentity>> ICLPChatLog::participants() c
   return elementsOfClass<ICLPPresentity>(loadedArray_ ? loadedArray_->objectAtIndex(3) : nullptr);
 }
 
+bool ICLPChatLog::NameInSpeakerList(const std::string &name) const {
+  for (const auto &participant : participants())
+    if (participant->rawName() == name)
+      return true;
+  return false;
+}
+
+int32_t ICLPChatLog::NumberOfSpeakers() const {
+  const auto others = objectAs<ArrayObject>(loadedArray_ ? loadedArray_->objectAtIndex(3) : nullptr);
+  return static_cast<int32_t>(others ? others->count() : 0) + 1;
+}
+
+std::optional<Date> ICLPChatLog::LastMessageDate() const {
+  const auto list = objectAs<ArrayObject>(loadedArray_ ? loadedArray_->objectAtIndex(2) : nullptr);
+  if (!list || list->count() == 0)
+    return std::nullopt;
+  const auto last = objectAs<ICLPInstantMessage>(list->items().back());
+  return last ? last->TimeStamp() : std::nullopt;
+}
+
 std::string ICLPChatLog::description() const { return loadedArray_ ? loadedArray_->description() : "(null)"; }
 
 } // namespace parlova

@@ -42,6 +42,24 @@ public:
   std::vector<std::shared_ptr<const ICLPInstantMessage>> messages() const;
   std::vector<std::shared_ptr<const ICLPPresentity>> participants() const;
 
+  // Participants (the names are in ICLPPresentity).
+  const std::string &firstOtherPartyName() const { return primaryOtherParty_; }
+  // Whether `name` is the stored account name of one of the participants.
+  bool NameInSpeakerList(const std::string &name) const;
+  // The participants plus the user.
+  int32_t NumberOfSpeakers() const;
+  // The time of the last message; nothing without messages.
+  std::optional<Date> LastMessageDate() const;
+
+  // Records an email or archive error in the settings for the settings
+  // pane; at a standing failure count of exactly 3 also makes it the
+  // standing error, beeps and sends the user to the pane.
+  static void reportErrorAndLog(int code, const std::string &text);
+  // Whether the conversation is over, asking iChat when it runs: a group
+  // chat is over once iChat shows no chat at all, a two-party chat once no
+  // window with the other party is open. No answer counts as not over.
+  bool isLikelyEndOfChat() const;
+
   // The description of the decoded root, for debug output.
   std::string description() const;
 

@@ -40,6 +40,12 @@ std::shared_ptr<const ICLPInstantMessage> ICLPInstantMessage::initWithCoder(Code
   return std::make_shared<ICLPInstantMessage>(std::move(speaker), std::move(string), timestamp, mystery);
 }
 
+std::optional<std::string> ICLPInstantMessage::Speaker() const {
+  if (!speaker_)
+    return std::nullopt;
+  return speaker_->Name();
+}
+
 std::optional<std::string> ICLPInstantMessage::rawSpeaker() const {
   if (!speaker_)
     return std::nullopt;

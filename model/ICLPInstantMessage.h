@@ -31,6 +31,8 @@ public:
   // iChat's flag word, kept but consulted by nothing.
   uint32_t mystery() const { return mystery_; }
 
+  // The speaker's display name; nothing when there is no speaker.
+  std::optional<std::string> Speaker() const;
   // The account name as stored; nothing when there is no speaker.
   std::optional<std::string> rawSpeaker() const;
   std::optional<Date> TimeStamp() const { return timestamp_; }

@@ -1,6 +1,11 @@
 #include "model/ICLPPresentity.h"
 
+#include <cstdlib>
+
+#include "platform/AddressBook.h"
 #include "platform/FoundationValues.h"
+#include "platform/TextAttributes.h"
+#include "platform/Unicode.h"
 
 namespace parlova {
 
@@ -14,6 +19,43 @@ std::shared_ptr<const ICLPPresentity> ICLPPresentity::initWithCoder(Coder &coder
   auto protocol = stringValueOf(coder.decodeObject());
   auto name = stringValueOf(coder.decodeObject());
   return std::make_shared<ICLPPresentity>(std::move(protocol), std::move(name));
+}
+
+std::string ICLPPresentity::description() const { return name_ + " on protocol " + protocol_; }
+
+std::optional<std::string> ICLPPresentity::Name() const {
+  const char *user = std::getenv("USER");
+  const std::optional<std::string> loginName = user ? std::optional<std::string>(user) : std::nullopt;
+  const ContactCard *me = AddressBook::shared().me();
+  const std::optional<std::string> myHandle = me ? me->primaryAIMHandle() : std::nullopt;
+  const std::string fullName = me && me->firstName && me->lastName ? *me->firstName + " " + *me->lastName : name_;
+
+  if (name_ == " myself " && protocol_ == "SubNet")
+    return loginName;
+  if (protocol_ == "SubNet")
+    return name_.substr(0, name_.find('@'));
+  if (protocol_ == "AIM")
+    return myHandle && name_ == *myHandle ? fullName : ResolveAIMName(name_);
+  return name_;
+}
+
+std::string ICLPPresentity::ResolveAIMName(const std::string &aimName) {
+  const auto cards = AddressBook::shared().cardsWithAIMHandle(aimName);
+  if (cards.empty())
+    return aimName;
+  const ContactCard *card = cards.front();
+  if (!card->firstName || !card->lastName)
+    return aimName;
+  return *card->firstName + " " + *card->lastName;
+}
+
+std::shared_ptr<const AttributedString> ICLPPresentity::RichName() const {
+  // The font manager's bold face of Helvetica 12.
+  static const auto bold = std::make_shared<const TextAttributes>(std::vector<TextAttributes::Entry>{
+      {std::string(kFontAttributeName), std::make_shared<Font>("Helvetica-Bold", 12.0)}});
+  std::u16string text = utf8ToUtf16(Name().value_or(""));
+  const size_t length = text.size();
+  return std::make_shared<AttributedString>(std::move(text), std::vector<AttributedString::RunSpec>{{length, bold}});
 }
 
 } // namespace parlova

@@ -2,7 +2,10 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
+
+#include "platform/AttributedString.h"
 
 #include "platform/Coder.h"
 
@@ -16,12 +19,25 @@ public:
   static std::shared_ptr<const ICLPPresentity> initWithCoder(Coder &coder);
 
   std::string className() const override { return "ICLPPresentity"; }
-  std::string description() const override { return protocol_ + ":" + name_; }
+  // "<account> on protocol <service>"
+  std::string description() const override;
 
   // The service's name as iChat stored it.
   const std::string &protocol() const { return protocol_; }
+  const std::string &Protocol() const { return protocol_; }
   // The account name (screen name) as stored.
   const std::string &rawName() const { return name_; }
+
+  // The name pages, mails and statistics show: the user's own entries as
+  // the user, AIM buddies by their address-book card, local-network
+  // accounts without their host. Nothing only for the user's own
+  // local-network entry when $USER is unset.
+  std::optional<std::string> Name() const;
+  // Name in bold Helvetica 12.
+  std::shared_ptr<const AttributedString> RichName() const;
+
+  // "First Last" of the first card with this AIM handle, else the handle.
+  static std::string ResolveAIMName(const std::string &aimName);
 
 private:
   std::string protocol_;

@@ -175,23 +175,41 @@ fs::path fakeOsascript(const ScratchHome &home, const std::string &answer) {
   return script;
 }
 
-TEST(RunDriver, WithIChatRunningAsksAboutTheBuddyFromTheEntryName) {
+std::string openChatScriptFor(const std::string &name) {
+  return "tell application \"iChat\"\n copy documents to foo\n\trepeat with i from 1 to number of items in foo\n"
+         " if name of item i of foo is \"Chatting with " + name + " et al.\" or name of item i of foo is \"Instant "
+         "Messages with " + name + "\" or name of item i of foo is \"Chatting with " + name +
+         "\" or name of item i of foo is \"Chat with " + name + "\" then \n return yes\nend if\nend repeat\n"
+         "return no\nend tell";
+}
+
+TEST(RunDriver, WithIChatRunningAsksAboutTheBuddyFromTheEntryNameAndThenTheOtherParty) {
   ScratchHome home;
   FakeIChat iChat(home.path());
   home.addTranscript("old/Dinner \"on\" on Friday on 2006-01-01.ichat", simpleChat());
   const auto result = home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, "no").string()}});
   EXPECT_EQ(result.exitCode, 0);
   const auto scripts = filesBelow(home.path() / "scripts");
-  ASSERT_EQ(scripts.size(), 1u) << result.err;
-  const std::string name = "old/Dinner \\\"on\\\" on Friday";
-  const std::string expected =
-      "tell application \"iChat\"\n copy documents to foo\n\trepeat with i from 1 to number of items in foo\n"
-      " if name of item i of foo is \"Chatting with " + name + " et al.\" or name of item i of foo is \"Instant "
-      "Messages with " + name + "\" or name of item i of foo is \"Chatting with " + name +
-      "\" or name of item i of foo is \"Chat with " + name + "\" then \n return yes\nend if\nend repeat\n"
-      "return no\nend tell";
-  EXPECT_EQ(readText(home.path() / "scripts" / scripts.front()), expected);
+  ASSERT_EQ(scripts.size(), 2u) << result.err;
+  // The walk asks by the entry (folder part kept), the pipeline by the
+  // transcript's other party; both escape the quotes.
+  EXPECT_EQ(readText(home.path() / "scripts" / "0.applescript"), openChatScriptFor("old/Dinner \\\"on\\\" on Friday"));
+  EXPECT_EQ(readText(home.path() / "scripts" / "1.applescript"), openChatScriptFor("Dinner \\\"on\\\" on Friday"));
   EXPECT_EQ(filesBelow(home.archive()).size(), 1u);
+}
+
+TEST(RunDriver, AnOpenChatStaysAndTheWalkGoesOn) {
+  for (const std::string answer : {"yes", ""}) {
+    ScratchHome home;
+    FakeIChat iChat(home.path());
+    home.setSetting("debugMode", "-int", "2");
+    home.addTranscript("Alice on 2006-01-01.ichat", simpleChat());
+    home.addTranscript("Bob on 2006-01-02.ichat", simpleChat("bob"));
+    const auto result = home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, answer).string()}});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_FALSE(fs::exists(home.archive())) << "answer '" << answer << "': " << result.err;
+    EXPECT_EQ(countOccurrences(result.err, "incomplete log that will be finished later- don't send"), 2u) << result.err;
+  }
 }
 
 TEST(RunDriver, WithoutIChatNoScriptRuns) {

@@ -74,14 +74,18 @@ void printModel(const std::string &path, const ICLPChatLog &log) {
             << "\n";
   std::cout << "primaryOtherParty: " << log.primaryOtherParty() << "\n";
   const auto participants = log.participants();
-  std::cout << "participants: " << participants.size() << "\n";
+  std::cout << "participants: " << participants.size() << " (" << log.NumberOfSpeakers() << " speakers)\n";
   for (const auto &participant : participants)
-    std::cout << "  " << participant->protocol() << " " << participant->rawName() << "\n";
+    std::cout << "  " << participant->protocol() << " " << participant->rawName() << " shown as "
+              << participant->Name().value_or("(no name)") << "\n";
   const auto messages = log.messages();
   std::cout << "messages: " << messages.size() << "\n";
   size_t number = 0;
   for (const auto &message : messages) {
-    std::cout << "  [" << ++number << "] " << message->rawSpeaker().value_or("(no speaker)") << " at "
+    std::cout << "  [" << ++number << "] " << message->rawSpeaker().value_or("(no speaker)");
+    if (message->speaker())
+      std::cout << " shown as " << message->Speaker().value_or("(no name)");
+    std::cout << " at "
               << (message->TimeStamp() ? message->TimeStamp()->description() : std::string("(no time)"));
     char flags[16];
     std::snprintf(flags, sizeof flags, "0x%x", message->mystery());
