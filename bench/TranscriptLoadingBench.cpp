@@ -1,7 +1,9 @@
-// How fast transcripts load: generated transcripts of about 5 MB in each
-// format, decoded into the model as the tool does it.
+// How fast transcripts load (about 5 MB in each format, decoded into the
+// model as the tool does it) and how fast they render to HTML.
 #include <benchmark/benchmark.h>
 
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <unistd.h>
 
@@ -62,4 +64,43 @@ BENCHMARK_CAPTURE(loadTranscript, ichat_keyed_messages_root, Format::Keyed, Tran
 BENCHMARK_CAPTURE(loadTranscript, chat_typed_stream, Format::TypedStream, TranscriptSpec::Root::IChat)
     ->Unit(benchmark::kMillisecond);
 
-BENCHMARK_MAIN();
+// The HTML conversion of a transcript with styled runs in every message.
+ICLPChatLog renderedTranscript(int messages) {
+  const auto folder = std::filesystem::temp_directory_path() / ("parlova-render-" + std::to_string(getpid()));
+  const auto path = folder / ("somebuddy on " + std::to_string(messages) + ".ichat");
+  writeFile(path, keyedTranscript(largeTranscript(TranscriptSpec::Root::IChat, messages)));
+  auto log = ICLPChatLog::initWithFilePath(path);
+  std::filesystem::remove_all(folder);
+  return std::move(*log);
+}
+
+void renderHtml(benchmark::State &state) {
+  const ICLPChatLog log = renderedTranscript(static_cast<int>(state.range(0)));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(log.HTMLChatLog());
+}
+BENCHMARK(renderHtml)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+namespace {
+
+double bestRenderSeconds(const ICLPChatLog &log) {
+  double best = 1e9;
+  for (int i = 0; i < 5; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(log.HTMLChatLog());
+    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  }
+  return best;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  const double small = bestRenderSeconds(renderedTranscript(1000));
+  const double large = bestRenderSeconds(renderedTranscript(10000));
+  std::printf("HTML rendering: 1,000 messages %.1f ms, 10,000 messages %.1f ms, ratio %.1f (linear is about 10)\n",
+              small * 1000, large * 1000, large / small);
+  return 0;
+}

@@ -60,6 +60,14 @@ public:
   // window with the other party is open. No answer counts as not over.
   bool isLikelyEndOfChat() const;
 
+  // The plain-text transcript: a header, then each message's PlainString.
+  std::string PlainChatLog() const;
+  // The styled transcript with HTML line breaks and the footer.
+  AttributedString RichChatLog() const;
+  // The HTML transcript in UTF-8: the styled transcript with its fonts,
+  // colours, links and attachments turned into tags.
+  std::vector<uint8_t> HTMLChatLog() const;
+
   // The description of the decoded root, for debug output.
   std::string description() const;
 

@@ -52,6 +52,26 @@ std::optional<std::string> ICLPInstantMessage::rawSpeaker() const {
   return speaker_->rawName();
 }
 
+bool ICLPInstantMessage::isStatusMessage() const { return !speaker_ || !string_ || string_->length() == 0; }
+
+std::string ICLPInstantMessage::PlainString() const {
+  if (!string_)
+    return {};
+  // A missing name prints as Foundation prints nil.
+  return Speaker().value_or("(null)") + ": " + utf16ToUtf8(string_->string()) + "\n";
+}
+
+AttributedString ICLPInstantMessage::LoggedString() const {
+  AttributedStringBuilder logged;
+  if (speaker_)
+    logged.append(*speaker_->RichName());
+  logged.append(u": ");
+  if (string_)
+    logged.append(*string_);
+  logged.append(u"\n\n");
+  return std::move(logged).build();
+}
+
 std::string ICLPInstantMessage::description() const {
   return (speaker_ ? speaker_->rawName() : std::string("(status)")) + ": " +
          (string_ ? utf16ToUtf8(string_->string()) : std::string());

@@ -33,6 +33,14 @@ public:
 
   // The speaker's display name; nothing when there is no speaker.
   std::optional<std::string> Speaker() const;
+  // Lines iChat wrote itself (no speaker) and empty messages; every
+  // rendering, extraction and count leaves them out.
+  bool isStatusMessage() const;
+  // "Name: text\n", or empty when the message has no text at all.
+  std::string PlainString() const;
+  // The bold name, ": ", the styled text as it is, two line feeds.
+  AttributedString LoggedString() const;
+
   // The account name as stored; nothing when there is no speaker.
   std::optional<std::string> rawSpeaker() const;
   std::optional<Date> TimeStamp() const { return timestamp_; }

@@ -36,6 +36,33 @@ const AttributeRun &AttributedString::attributesAtIndex(size_t index) const {
   return *(it - 1);
 }
 
+void AttributedStringBuilder::appendRun(size_t length, const std::shared_ptr<const TextAttributes> &attributes) {
+  if (length == 0)
+    return;
+  const bool plain = !attributes || attributes->empty();
+  if (!runs_.empty()) {
+    const auto &last = runs_.back().attributes;
+    if (last == attributes || (plain && (!last || last->empty()))) {
+      runs_.back().length += length;
+      return;
+    }
+  }
+  runs_.push_back({length, attributes});
+}
+
+void AttributedStringBuilder::append(const AttributedString &text) {
+  text_ += text.string();
+  for (const AttributeRun &run : text.runs())
+    appendRun(run.length, run.attributes);
+}
+
+void AttributedStringBuilder::append(std::u16string_view plain) {
+  text_ += plain;
+  appendRun(plain.size(), nullptr);
+}
+
+AttributedString AttributedStringBuilder::build() && { return AttributedString(std::move(text_), runs_); }
+
 std::string AttributedString::description() const {
   std::string out;
   for (const AttributeRun &run : runs_) {

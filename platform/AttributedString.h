@@ -66,4 +66,19 @@ private:
   std::vector<AttributeRun> runs_;
 };
 
+// Builds styled text piece by piece, as a mutable attributed string does:
+// adjacent runs with the same attribute set (or both none) become one.
+class AttributedStringBuilder {
+public:
+  void append(const AttributedString &text);
+  void append(std::u16string_view plain); // without attributes
+  size_t length() const { return text_.size(); }
+  AttributedString build() &&;
+
+private:
+  void appendRun(size_t length, const std::shared_ptr<const TextAttributes> &attributes);
+  std::u16string text_;
+  std::vector<AttributedString::RunSpec> runs_;
+};
+
 } // namespace parlova

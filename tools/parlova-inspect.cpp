@@ -150,12 +150,6 @@ int main(int argc, char **argv) {
     }
     return status;
   }
-  if (mode != Mode::Model) {
-    std::cerr << "parlova-inspect: " << (mode == Mode::Plain ? "--plain" : "--html")
-              << " needs the transcript renderings, which this build does not have yet\n";
-    return 2;
-  }
-
   int status = 0;
   for (const std::string &file : files) {
     const auto log = ICLPChatLog::initWithFilePath(file);
@@ -164,7 +158,14 @@ int main(int argc, char **argv) {
       status = 1;
       continue;
     }
-    printModel(file, *log);
+    if (mode == Mode::Plain) {
+      std::cout << log->PlainChatLog();
+    } else if (mode == Mode::Html) {
+      const auto html = log->HTMLChatLog();
+      std::cout.write(reinterpret_cast<const char *>(html.data()), static_cast<std::streamsize>(html.size()));
+    } else {
+      printModel(file, *log);
+    }
   }
   return status;
 }

@@ -1,0 +1,131 @@
+// The plain, styled and HTML renderings of a transcript.
+#include <cmath>
+#include <cstdio>
+
+#include "model/ICLPChatLog.h"
+#include "model/InsertStringAndTrackIndices.h"
+#include "platform/TextAttributes.h"
+#include "platform/Unicode.h"
+
+#ifndef PARLOVA_WEB_ADDRESS
+#define PARLOVA_WEB_ADDRESS "http://www.hollowmere.com/parlova/"
+#endif
+
+namespace parlova {
+
+namespace {
+
+constexpr std::string_view kWebAddress = PARLOVA_WEB_ADDRESS;
+constexpr std::u16string_view kHead = u"<html><head><title>Parlova log</title></head><body>";
+
+int truncated(double value) {
+  if (!std::isfinite(value) || value >= 2147483647.0 || value <= -2147483648.0)
+    return 0;
+  return static_cast<int>(value);
+}
+
+// The tags one run gets, in the fixed order colour, font, link, attachment.
+// Tags are not nested: a run with colour and font reads
+// <colour><font>text</colour></font>, which is the required output.
+struct RunTags {
+  std::vector<std::u16string> openings; // inserted at the run's start
+  std::vector<std::u16string> closings; // inserted at the run's end
+  std::optional<std::u16string> attachmentLabel;
+};
+
+RunTags tagsFor(const TextAttributes &attributes) {
+  RunTags tags;
+  if (const auto color = objectAs<Color>(attributes.valueForName(kForegroundColorAttributeName))) {
+    if (const auto rgb = color->usingDeviceRGB()) {
+      // The cut to an integer comes before the multiplication, so only a
+      // full 1.0 gives ff: this order is kept.
+      char tag[64];
+      std::snprintf(tag, sizeof tag, "<font color=\"#%02x%02x%02x\">", truncated(rgb->red) * 255,
+                    truncated(rgb->green) * 255, truncated(rgb->blue) * 255);
+      tags.openings.push_back(utf8ToUtf16(tag));
+      tags.closings.push_back(u"</font>");
+    }
+  }
+  if (const auto font = objectAs<Font>(attributes.valueForName(kFontAttributeName))) {
+    tags.openings.push_back(utf8ToUtf16("<font face=\"" + font->fontName() + "\" point-size=\"" +
+                                        std::to_string(truncated(font->pointSize())) + "\">"));
+    tags.closings.push_back(u"</font>");
+  }
+  if (const ObjectRef link = attributes.valueForName(kLinkAttributeName)) {
+    const auto url = objectAs<URLObject>(link);
+    tags.openings.push_back(utf8ToUtf16("<a href=\"" + (url ? url->absoluteString() : link->description()) + "\">"));
+    tags.closings.push_back(u"</a>");
+  }
+  if (const auto attachment = objectAs<TextAttachment>(attributes.valueForName(kAttachmentAttributeName))) {
+    const auto &wrapper = attachment->fileWrapper();
+    const auto name = wrapper ? wrapper->preferredFilename() : std::nullopt;
+    tags.attachmentLabel = name && !name->empty() ? u"[" + utf8ToUtf16(*name) + u"]" : u"[attached item]";
+  }
+  return tags;
+}
+
+} // namespace
+
+void InsertStringAndTrackIndices(std::u16string &target, std::vector<int32_t> &table, const std::u16string &text,
+                                 int32_t from, int32_t count) {
+  target.insert(static_cast<size_t>(table[static_cast<size_t>(from)]), text);
+  for (int32_t i = from; i < count; ++i)
+    table[static_cast<size_t>(i)] += static_cast<int32_t>(text.size());
+}
+
+std::string ICLPChatLog::PlainChatLog() const {
+  // No line break after the header: the first message follows directly.
+  std::string plain = "Sent by Parlova ( " + std::string(kWebAddress) + " )";
+  for (const auto &message : messages())
+    if (!message->isStatusMessage())
+      plain += message->PlainString();
+  return plain;
+}
+
+AttributedString ICLPChatLog::RichChatLog() const {
+  AttributedStringBuilder rich;
+  for (const auto &message : messages()) {
+    if (message->isStatusMessage())
+      continue;
+    rich.append(message->LoggedString());
+    rich.append(u"<br>\n");
+  }
+  rich.append(utf8ToUtf16("<br><hr><i>Sent by <a href=\"" + std::string(kWebAddress) + "\">Parlova</a>.</i>"));
+  return std::move(rich).build();
+}
+
+// The conversion is defined through a position table: every tag is inserted
+// at the current position of a styled-text index, pushing that index past
+// it. Everything inserted at one index therefore lands before that index's
+// character, in the order of insertion. Runs are walked in order, and a
+// run's closing tags fall at the next run's start ahead of that run's
+// opening tags, so the table's result is simply, run after run: the opening
+// tags (and an attachment's label), the run's characters, its closing tags.
+// Written out that way the conversion takes linear time.
+std::vector<uint8_t> ICLPChatLog::HTMLChatLog() const {
+  const AttributedString styled = RichChatLog();
+  const std::u16string &characters = styled.string();
+  std::u16string html(kHead);
+  html.reserve(kHead.size() + characters.size() * 2);
+  for (const AttributeRun &run : styled.runs()) {
+    const RunTags tags = tagsFor(*run.attributes);
+    for (const auto &opening : tags.openings)
+      html += opening;
+    size_t from = run.location;
+    if (tags.attachmentLabel) {
+      // The label goes before the blank that replaces the attachment's
+      // character.
+      html += *tags.attachmentLabel;
+      html += u' ';
+      ++from;
+    }
+    html.append(characters, from, run.location + run.length - from);
+    for (const auto &closing : tags.closings)
+      html += closing;
+  }
+  html += u"</body></html>";
+  const std::string utf8 = utf16ToUtf8(html);
+  return std::vector<uint8_t>(utf8.begin(), utf8.end());
+}
+
+} // namespace parlova
