@@ -33,7 +33,7 @@ FUZZ_CASES ?= 2000000
 fuzz: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target parlova_fuzz_mutations
-	$(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
+	LSAN_OPTIONS=suppressions=tests/fuzz/lsan.supp $(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
 
 install: all
 	cmake --install $(BUILD) --prefix $(PREFIX)

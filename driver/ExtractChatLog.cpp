@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "driver/ProcessFlags.h"
+#include "mail/SmtpSession.h"
 #include "driver/Settings.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -28,20 +29,41 @@ fs::path archiveTarget(const fs::path &archiveFolder, const fs::path &transcript
   return target;
 }
 
+// Composes the transcript email and carries it through the SMTP session.
+// True when it could not be handed to the server.
+bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to, const std::optional<std::string> &from,
+                         const std::optional<std::string> &server, int port) {
+  // Without a server or both addresses there is no one to hand the message
+  // to: that is an unreachable server.
+  if (!server || server->empty() || !to || to->empty() || !from || from->empty()) {
+    logLine("Unable to connect to mail server.");
+    ICLPChatLog::reportErrorAndLog(2, "SMTP unreachable");
+    return true;
+  }
+  MailMessage message;
+  message.subject = log.subjectForEmail();
+  message.from = *from;
+  message.to = *to;
+  message.html = log.HTMLChatLog();
+  message.plainText = log.PlainChatLog();
+  SmtpSession session(*server, static_cast<unsigned>(port), message);
+  return log.HandleEmailSending(session);
+}
+
 } // namespace
 
 void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
   Preferences &settings = appSettings();
 
-  [[maybe_unused]] const auto emailAddress = settings.stringValue("emailAddress");
-  [[maybe_unused]] const auto emailOutgoing = settings.stringValue("emailOutgoing");
+  const auto emailAddress = settings.stringValue("emailAddress");
+  const auto emailOutgoing = settings.stringValue("emailOutgoing");
   const bool handleURLs = settings.boolValue("handleURLs");
   const bool handleImages = settings.boolValue("handleImages");
   const bool sendEmails = settings.boolValue("sendEmails");
 
   logFormat("extracting %@", path);
 
-  [[maybe_unused]] const auto emailServer = settings.stringValue("emailServer");
+  const auto emailServer = settings.stringValue("emailServer");
   int emailPort = settings.intValue("emailPort");
   if (emailPort == 0)
     emailPort = 25;
@@ -60,9 +82,9 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
 
   logFormat("preparing email send %@", path);
 
-  if (sendEmails) {
-    // The email stage joins here: compose, send, and return when the
-    // message could not be handed to the server.
+  if (sendEmails && sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort)) {
+    logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
+    return;
   }
 
   if (settings.intValue("errorStatus") != 0) {

@@ -10,11 +10,12 @@
 
 #include "model/ICLPInstantMessage.h"
 #include "model/ICLPPresentity.h"
+#include "mail/SmtpSession.h"
 #include "platform/FoundationValues.h"
 
 namespace parlova {
 
-class ICLPChatLog {
+class ICLPChatLog final : public SmtpSessionDelegate {
 public:
   enum class Format { iChat2, iChat3 };
 
@@ -71,8 +72,23 @@ public:
   // The description of the decoded root, for debug output.
   std::string description() const;
 
-  // Set by the email delivery once the message has gone out.
+  // The email: the subject line, and the SMTP exchange carried out on the
+  // run loop. True when the message was neither sent nor answered by the
+  // server (unreachable, or the wait broke off); refusals, rejected logins
+  // and time-outs are reported in the settings instead and give false.
+  std::string subjectForEmail();
+  bool HandleEmailSending(SmtpSession &session);
+  void emailReady(SmtpSession &session);
+  void authenticationCompleted() override;
+  void authenticationFailed() override;
+  void messageSent() override;
+  void messageNotSent() override;
+  void connectionTimedOut() override;
+
+  // True once the SMTP exchange has ended, well or badly.
   bool mailTransmissionDone = false;
+  // The session of the send in progress; not owned.
+  SmtpSession *smtp = nullptr;
 
 private:
   ICLPChatLog() = default;

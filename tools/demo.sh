@@ -17,9 +17,25 @@ echo
 echo "== What Parlova reads from each sample =="
 find "$chats" -name '*chat' -type f -print0 | sort -z | xargs -0 "$build/parlova-inspect"
 
+# A loopback SMTP sink that keeps every message it receives as a .eml file.
+mail="$HOME/received-mail"
+mkdir -p "$mail"
+/usr/bin/python3 "$(dirname "$0")/../tests/smtp_server.py" --mode accept --port-file "$HOME/.smtp-port" --dir "$mail" \
+  2>/dev/null &
+sink=$!
+trap 'kill $sink 2>/dev/null' EXIT
+for _ in $(seq 100); do [ -s "$HOME/.smtp-port" ] && break; sleep 0.1; done
+
+defaults="$build/parlova-defaults"
+"$defaults" write com.hollowmere.parlova debugMode -int 2
+"$defaults" write com.hollowmere.parlova sendEmails -bool YES
+"$defaults" write com.hollowmere.parlova emailServer 127.0.0.1
+"$defaults" write com.hollowmere.parlova emailPort -int "$(cat "$HOME/.smtp-port")"
+"$defaults" write com.hollowmere.parlova emailAddress you@example.org
+"$defaults" write com.hollowmere.parlova emailOutgoing parlova@example.org
+
 echo
 echo "== Running parlova until every transcript is processed =="
-"$build/parlova-defaults" write com.hollowmere.parlova debugMode -int 2
 for run in 1 2 3 4 5 6 7 8; do
   before=$(find "$chats" -name '*chat' -type f | wc -l)
   [ "$before" -eq 0 ] && break
@@ -32,5 +48,7 @@ echo "Demo home: $HOME"
 echo "Transcripts left in place:  $chats"
 echo "Processed transcripts:      $HOME/Documents/iChats (Parlovaed)"
 ls -1 "$HOME/Documents/iChats (Parlovaed)"
+echo "Emails received:            $mail"
+ls -1 "$mail"
 echo "Settings:                   $HOME/Library/Preferences/com.hollowmere.parlova.plist"
 "$build/parlova-defaults" read com.hollowmere.parlova

@@ -1,0 +1,237 @@
+// The Pantomime side of the SMTP session. Objective-C stays in this file.
+#include "mail/SmtpSession.h"
+
+#include <cstdlib>
+#include <deque>
+
+#import <Foundation/Foundation.h>
+#import <Pantomime/CWConstants.h>
+#import <Pantomime/CWInternetAddress.h>
+#import <Pantomime/CWMIMEMultipart.h>
+#import <Pantomime/CWMessage.h>
+#import <Pantomime/CWPart.h>
+#import <Pantomime/CWSMTP.h>
+
+// Receives the framework's callbacks and watches the connection: GNUstep's
+// Pantomime never reports a server that stops answering, so a silence
+// longer than the time-out is reported here as the framework's time-out.
+@interface ParlovaSmtpDelegate : NSObject {
+@public
+  parlova::SmtpSessionDelegate *delegate;
+  NSTimeInterval lastActivity;
+  NSTimeInterval timeout;
+  BOOL finished;
+}
+- (void)watch:(NSTimer *)timer;
+@end
+
+@implementation ParlovaSmtpDelegate
+- (BOOL)finish {
+  if (finished || !delegate)
+    return NO;
+  finished = YES;
+  return YES;
+}
+- (void)authenticationCompleted:(NSNotification *)notification {
+  lastActivity = [NSDate timeIntervalSinceReferenceDate];
+  if (delegate && !finished)
+    delegate->authenticationCompleted();
+}
+- (void)authenticationFailed:(NSNotification *)notification {
+  if ([self finish])
+    delegate->authenticationFailed();
+}
+- (void)messageSent:(NSNotification *)notification {
+  if ([self finish])
+    delegate->messageSent();
+}
+- (void)messageNotSent:(NSNotification *)notification {
+  if ([self finish])
+    delegate->messageNotSent();
+}
+- (void)connectionTimedOut:(NSNotification *)notification {
+  if ([self finish])
+    delegate->connectionTimedOut();
+}
+- (void)service:(CWService *)service receivedData:(NSData *)data {
+  lastActivity = [NSDate timeIntervalSinceReferenceDate];
+}
+- (void)service:(CWService *)service sentData:(NSData *)data {
+  lastActivity = [NSDate timeIntervalSinceReferenceDate];
+}
+- (void)watch:(NSTimer *)timer {
+  if ([NSDate timeIntervalSinceReferenceDate] - lastActivity > timeout)
+    [self connectionTimedOut:nil];
+}
+@end
+
+// GCC runs no C++ constructors for Objective-C fields, so the callback
+// stays on the C++ side and the target only points at it.
+@interface ParlovaTimerTarget : NSObject {
+@public
+  const std::function<void()> *fired;
+}
+- (void)fire:(NSTimer *)timer;
+@end
+
+@implementation ParlovaTimerTarget
+- (void)fire:(NSTimer *)timer {
+  if (fired && *fired)
+    (*fired)();
+}
+@end
+
+namespace parlova {
+
+namespace {
+
+NSString *text(const std::string &utf8) {
+  return [[[NSString alloc] initWithBytes:utf8.data() length:utf8.size() encoding:NSUTF8StringEncoding] autorelease];
+}
+
+} // namespace
+
+struct SmtpSession::Objects {
+  NSAutoreleasePool *pool = nil;
+  CWSMTP *smtp = nil;
+  CWMessage *message = nil;
+  ParlovaSmtpDelegate *delegate = nil;
+  NSMutableArray *timerTargets = nil;
+  NSMutableArray *timers = nil;
+  std::deque<std::function<void()>> timerCallbacks; // stable addresses
+};
+
+SmtpSession::SmtpSession(const std::string &host, unsigned port, const MailMessage &mail)
+    : objects_(std::make_unique<Objects>()) {
+  objects_->pool = [[NSAutoreleasePool alloc] init];
+  objects_->timerTargets = [[NSMutableArray alloc] init];
+  objects_->timers = [[NSMutableArray alloc] init];
+
+  CWMessage *message = [[CWMessage alloc] init];
+  [message setSubject:text(mail.subject)];
+  CWInternetAddress *from = [[CWInternetAddress alloc] initWithString:text(mail.from)];
+  [message setFrom:from];
+  CWInternetAddress *to = [[CWInternetAddress alloc] initWithString:text(mail.to)];
+  [to setType:(PantomimeRecipientType)1];
+  [message addRecipient:to];
+
+  CWMIMEMultipart *multipart = [[CWMIMEMultipart alloc] init];
+  CWPart *plain = [[CWPart alloc] init];
+  [plain setContentType:@"text/plain"];
+  // Parts carry bytes; the plain part gets no character set of its own.
+  [plain setContent:[NSData dataWithBytes:mail.plainText.data() length:mail.plainText.size()]];
+  [multipart addPart:plain];
+  CWPart *html = [[CWPart alloc] init];
+  [html setContentType:@"text/html"];
+  [html setContent:[NSData dataWithBytes:mail.html.data() length:mail.html.size()]];
+  [html setCharset:@"utf-8"];
+  [multipart addPart:html];
+
+  [message setContentType:@"multipart/alternative"];
+  [message setContentTransferEncoding:(PantomimeEncoding)0];
+  [message setCharset:@"utf-8"];
+  [message setContent:multipart];
+  [plain release];
+  [html release];
+  [multipart release];
+  [from release];
+  [to release];
+  objects_->message = message;
+
+  objects_->smtp = [[CWSMTP alloc] initWithName:text(host) port:port];
+  [objects_->smtp setConnectionTimeout:timeoutSeconds()];
+  [objects_->smtp setReadTimeout:timeoutSeconds()];
+  [objects_->smtp setWriteTimeout:timeoutSeconds()];
+  [objects_->smtp setMessage:message];
+  objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
+  objects_->delegate->timeout = timeoutSeconds();
+  objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
+  [objects_->smtp setDelegate:objects_->delegate];
+}
+
+SmtpSession::~SmtpSession() {
+  // A timer that has not fired must not reach callbacks that are gone.
+  for (NSUInteger i = 0; i < [objects_->timers count]; ++i)
+    [(NSTimer *)[objects_->timers objectAtIndex:i] invalidate];
+  for (NSUInteger i = 0; i < [objects_->timerTargets count]; ++i)
+    ((ParlovaTimerTarget *)[objects_->timerTargets objectAtIndex:i])->fired = nullptr;
+  [objects_->timers release];
+  [objects_->smtp setDelegate:nil];
+  [objects_->smtp release];
+  [objects_->message release];
+  [objects_->delegate release];
+  [objects_->timerTargets release];
+  [objects_->pool release];
+}
+
+unsigned SmtpSession::timeoutSeconds() {
+  constexpr unsigned kDefault = 60;
+  const char *configured = std::getenv("PARLOVA_SMTP_TIMEOUT_SECONDS");
+  if (!configured || !*configured)
+    return kDefault;
+  const long seconds = std::strtol(configured, nullptr, 10);
+  return seconds > 0 ? static_cast<unsigned>(seconds) : kDefault;
+}
+
+void SmtpSession::setDelegate(SmtpSessionDelegate *delegate) { objects_->delegate->delegate = delegate; }
+
+int SmtpSession::connect() {
+  // A framework exception must not end the run: it counts as no connection.
+  @try {
+    const int status = [objects_->smtp connect];
+    if (status == 0) {
+      objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
+      [objects_->timers addObject:[NSTimer scheduledTimerWithTimeInterval:0.5
+                                                                  target:objects_->delegate
+                                                                selector:@selector(watch:)
+                                                                userInfo:nil
+                                                                 repeats:YES]];
+    }
+    return status;
+  } @catch (NSException *exception) {
+    return -1;
+  }
+}
+
+void SmtpSession::scheduleTimer(double seconds, std::function<void()> fired) {
+  objects_->timerCallbacks.push_back(std::move(fired));
+  ParlovaTimerTarget *target = [[ParlovaTimerTarget alloc] init];
+  target->fired = &objects_->timerCallbacks.back();
+  [objects_->timerTargets addObject:target];
+  [objects_->timers addObject:[NSTimer scheduledTimerWithTimeInterval:seconds
+                                                                target:target
+                                                              selector:@selector(fire:)
+                                                              userInfo:nil
+                                                               repeats:NO]];
+  [target release];
+}
+
+bool SmtpSession::runRunLoopOnce() {
+  NSAutoreleasePool *pool = [[NSAutoreleasePool alloc] init];
+  const BOOL ran = [[NSRunLoop currentRunLoop] runMode:NSDefaultRunLoopMode beforeDate:[NSDate distantFuture]];
+  [pool release];
+  return ran;
+}
+
+void SmtpSession::authenticate(const std::string &username, const std::string &password, const std::string &mechanism) {
+  [objects_->smtp authenticate:text(username) password:text(password) mechanism:text(mechanism)];
+}
+
+void SmtpSession::sendMessage() {
+  @try {
+    [objects_->smtp sendMessage];
+  } @catch (NSException *exception) {
+    if (objects_->delegate->delegate)
+      objects_->delegate->delegate->messageNotSent();
+  }
+}
+
+std::vector<uint8_t> SmtpSession::lastResponse() const {
+  NSData *response = [objects_->smtp lastResponse];
+  if (!response)
+    return {};
+  const auto *bytes = static_cast<const uint8_t *>([response bytes]);
+  return std::vector<uint8_t>(bytes, bytes + [response length]);
+}
+
+} // namespace parlova
