@@ -4,8 +4,8 @@
 #include <filesystem>
 
 #include "driver/ProcessFlags.h"
-#include "mail/SmtpSession.h"
 #include "driver/Settings.h"
+#include "mail/SmtpSession.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
 #include "platform/Log.h"

@@ -9,14 +9,21 @@
 namespace parlova {
 namespace {
 
-template <class T> std::vector<std::shared_ptr<const T>> elementsOfClass(const ObjectRef &object) {
+template <class T> std::vector<std::shared_ptr<const T>> elementsOfClass(const std::shared_ptr<const ArrayObject> &array) {
   std::vector<std::shared_ptr<const T>> result;
-  if (const auto array = objectAs<ArrayObject>(object)) {
+  if (array) {
     for (const ObjectRef &item : array->items())
       if (auto element = objectAs<T>(item))
         result.push_back(std::move(element));
   }
   return result;
+}
+
+// iChat's names are decoded as the program's own classes, in either format.
+template <class Archive> void substituteProgramClasses(Archive &archive) {
+  archive.setClass("InstantMessage", [](Coder &coder) { return ICLPInstantMessage::initWithCoder(coder); });
+  archive.setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
+  archive.setClass("Person", [](Coder &coder) { return ICLPPerson::initWithCoder(coder); });
 }
 
 } // namespace
@@ -63,9 +70,7 @@ void ICLPChatLog::LoadiChat2Data(std::span<const uint8_t> data) {
   auto archive = TypedStreamUnarchiver::forData(data);
   if (!archive)
     return;
-  archive->setClass("InstantMessage", [](Coder &coder) { return ICLPInstantMessage::initWithCoder(coder); });
-  archive->setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
-  archive->setClass("Person", [](Coder &coder) { return ICLPPerson::initWithCoder(coder); });
+  substituteProgramClasses(*archive);
   if (const auto root = archive->decodeRootObject())
     loadedArray_ = objectAs<ArrayObject>(*root);
 }
@@ -74,19 +79,21 @@ void ICLPChatLog::LoadiChat3Data(std::span<const uint8_t> data) {
   auto archive = KeyedUnarchiver::forData(data);
   if (!archive)
     return;
-  archive->setClass("InstantMessage", [](Coder &coder) { return ICLPInstantMessage::initWithCoder(coder); });
-  archive->setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
-  archive->setClass("Person", [](Coder &coder) { return ICLPPerson::initWithCoder(coder); });
+  substituteProgramClasses(*archive);
   if (const auto root = archive->decodeTopLevelObjectForKey("root"))
     loadedArray_ = objectAs<ArrayObject>(*root);
 }
 
+std::shared_ptr<const ArrayObject> ICLPChatLog::rootArray(size_t index) const {
+  return objectAs<ArrayObject>(loadedArray_ ? loadedArray_->objectAtIndex(index) : nullptr);
+}
+
 std::vector<std::shared_ptr<const ICLPInstantMessage>> ICLPChatLog::messages() const {
-  return elementsOfClass<ICLPInstantMessage>(loadedArray_ ? loadedArray_->objectAtIndex(2) : nullptr);
+  return elementsOfClass<ICLPInstantMessage>(rootArray(2));
 }
 
 std::vector<std::shared_ptr<const ICLPPresentity>> ICLPChatLog::participants() const {
-  return elementsOfClass<ICLPPresentity>(loadedArray_ ? loadedArray_->objectAtIndex(3) : nullptr);
+  return elementsOfClass<ICLPPresentity>(rootArray(3));
 }
 
 bool ICLPChatLog::NameInSpeakerList(const std::string &name) const {
@@ -97,12 +104,12 @@ bool ICLPChatLog::NameInSpeakerList(const std::string &name) const {
 }
 
 int32_t ICLPChatLog::NumberOfSpeakers() const {
-  const auto others = objectAs<ArrayObject>(loadedArray_ ? loadedArray_->objectAtIndex(3) : nullptr);
+  const auto others = rootArray(3);
   return static_cast<int32_t>(others ? others->count() : 0) + 1;
 }
 
 std::optional<Date> ICLPChatLog::LastMessageDate() const {
-  const auto list = objectAs<ArrayObject>(loadedArray_ ? loadedArray_->objectAtIndex(2) : nullptr);
+  const auto list = rootArray(2);
   if (!list || list->count() == 0)
     return std::nullopt;
   const auto last = objectAs<ICLPInstantMessage>(list->items().back());

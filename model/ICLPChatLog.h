@@ -93,6 +93,9 @@ public:
 private:
   ICLPChatLog() = default;
   void LoadiChat2Data(std::span<const uint8_t> data);
+  // An element of the root that should be an array; null when the root is
+  // too short or holds something else there.
+  std::shared_ptr<const ArrayObject> rootArray(size_t index) const;
   void LoadiChat3Data(std::span<const uint8_t> data);
 
   Format format_ = Format::iChat3;

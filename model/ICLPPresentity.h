@@ -23,7 +23,6 @@ public:
   std::string description() const override;
 
   // The service's name as iChat stored it.
-  const std::string &protocol() const { return protocol_; }
   const std::string &Protocol() const { return protocol_; }
   // The account name (screen name) as stored.
   const std::string &rawName() const { return name_; }

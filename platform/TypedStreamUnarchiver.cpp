@@ -495,38 +495,29 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
       const double size = cursor.nextReal().value_or(0);
       object = std::make_shared<Font>(fontName.value_or(""), size);
     } else if (name == "NSColor") {
-      const int64_t kind = cursor.nextInteger().value_or(0);
-      const auto components = [&](int n) {
-        std::vector<double> values;
-        for (int i = 0; i < n; ++i)
-          values.push_back(cursor.nextReal().value_or(0));
-        return values;
+      // The kind byte names the colour space and how many components follow.
+      struct Kind {
+        ColorSpace space;
+        int components;
       };
-      switch (kind) {
-      case 1:
-        object = std::make_shared<Color>(ColorSpace::CalibratedRGB, components(4));
-        break;
-      case 2:
-        object = std::make_shared<Color>(ColorSpace::DeviceRGB, components(4));
-        break;
-      case 3:
-        object = std::make_shared<Color>(ColorSpace::CalibratedWhite, components(2));
-        break;
-      case 4:
-        object = std::make_shared<Color>(ColorSpace::DeviceWhite, components(2));
-        break;
-      case 5:
-        object = std::make_shared<Color>(ColorSpace::DeviceCMYK, components(5));
-        break;
-      case 6: {
+      static const std::map<int64_t, Kind> kKinds = {{1, {ColorSpace::CalibratedRGB, 4}},
+                                                     {2, {ColorSpace::DeviceRGB, 4}},
+                                                     {3, {ColorSpace::CalibratedWhite, 2}},
+                                                     {4, {ColorSpace::DeviceWhite, 2}},
+                                                     {5, {ColorSpace::DeviceCMYK, 5}}};
+      const int64_t kind = cursor.nextInteger().value_or(0);
+      if (const auto known = kKinds.find(kind); known != kKinds.end()) {
+        std::vector<double> values;
+        for (int i = 0; i < known->second.components; ++i)
+          values.push_back(cursor.nextReal().value_or(0));
+        object = std::make_shared<Color>(known->second.space, std::move(values));
+      } else if (kind == 6) {
         cursor.nextObject(); // catalogue
         cursor.nextObject(); // colour name
         object = objectAs<Color>(cursor.nextObject());
         if (!object)
           object = std::make_shared<Color>(ColorSpace::Named, std::vector<double>{});
-        break;
-      }
-      default:
+      } else {
         object = std::make_shared<Color>(ColorSpace::Unknown, std::vector<double>{});
       }
     } else if (name == "NSTextAttachment") {

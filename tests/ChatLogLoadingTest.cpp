@@ -51,7 +51,7 @@ TEST_F(ChatLogLoading, ReadsMessagesInOrderWithSpeakersTimesAndFlags) {
   const auto messages = log->messages();
   ASSERT_EQ(messages.size(), 3u);
   EXPECT_EQ(messages[0]->rawSpeaker(), "alice");
-  EXPECT_EQ(messages[0]->speaker()->protocol(), "AIM");
+  EXPECT_EQ(messages[0]->speaker()->Protocol(), "AIM");
   EXPECT_EQ(messages[0]->mystery(), 0x80000005u);
   EXPECT_EQ(messages[1]->rawSpeaker(), "parlovauser");
   EXPECT_EQ(messages[1]->mystery(), 0u) << "a missing Flags entry reads as 0";

@@ -22,7 +22,7 @@ using namespace fixtures;
 std::string modelText(const ICLPChatLog &log) {
   std::string out;
   for (const auto &p : log.participants())
-    out += "participant " + p->protocol() + " " + p->rawName() + "\n";
+    out += "participant " + p->Protocol() + " " + p->rawName() + "\n";
   for (const auto &m : log.messages()) {
     out += "message " + m->rawSpeaker().value_or("(none)") + " at " +
            std::to_string(m->TimeStamp() ? m->TimeStamp()->timeIntervalSinceReferenceDate() : -1) + " flags " +

@@ -76,7 +76,7 @@ void printModel(const std::string &path, const ICLPChatLog &log) {
   const auto participants = log.participants();
   std::cout << "participants: " << participants.size() << " (" << log.NumberOfSpeakers() << " speakers)\n";
   for (const auto &participant : participants)
-    std::cout << "  " << participant->protocol() << " " << participant->rawName() << " shown as "
+    std::cout << "  " << participant->Protocol() << " " << participant->rawName() << " shown as "
               << participant->Name().value_or("(no name)") << "\n";
   const auto messages = log.messages();
   std::cout << "messages: " << messages.size() << "\n";
