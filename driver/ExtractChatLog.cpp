@@ -5,6 +5,7 @@
 
 #include "driver/ProcessFlags.h"
 #include "driver/Settings.h"
+#include "generator/ICLPLogGenerator.h"
 #include "mail/SmtpSession.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -92,9 +93,8 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
     std::exit(0);
   }
 
-  if (handleURLs) {
-    // The link stage joins here.
-  }
+  if (handleURLs)
+    ICLPLogGenerator::GenerateLinkFiles(log);
   if (handleImages) {
     // The image stage joins here.
   }

@@ -52,6 +52,16 @@ public:
   // The time of the last message; nothing without messages.
   std::optional<Date> LastMessageDate() const;
 
+  // The link and image records of every message that is not a status
+  // message, in message order (empty lists included).
+  std::vector<LinkRecord> GatheredURLs() const;
+  std::vector<ImageRecord> GatheredImages() const;
+  // Words said by the other party (the messages whose display name is the
+  // name in the file name) and by everybody else: in a group chat all other
+  // participants count as the user. A null set counts every word.
+  int32_t CountWordsForUserInSet(const WordSet *words) const;
+  int32_t CountWordsForOthersInSet(const WordSet *words) const;
+
   // Records an email or archive error in the settings for the settings
   // pane; at a standing failure count of exactly 3 also makes it the
   // standing error, beeps and sends the user to the pane.

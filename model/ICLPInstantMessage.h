@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "model/ContentRecords.h"
 #include "model/ICLPPresentity.h"
 #include "platform/AttributedString.h"
 #include "platform/Coder.h"
@@ -40,6 +41,17 @@ public:
   std::string PlainString() const;
   // The bold name, ": ", the styled text as it is, two line feeds.
   AttributedString LoggedString() const;
+
+  // The message's links (string links as they are, URL objects as their
+  // absolute text) and attached files, one entry per link or attachment
+  // object in text order. Nothing for a status message, and nothing for a
+  // message without a display name or a time stamp, which gives no record to
+  // file its links under.
+  std::optional<LinkRecord> allURLs() const;
+  std::optional<ImageRecord> allImages() const;
+  // The words between single blanks (a line break alone does not part two
+  // words); with a set, only the words it holds exactly. Null counts all.
+  int32_t wordCountInSet(const WordSet *words) const;
 
   // The account name as stored; nothing when there is no speaker.
   std::optional<std::string> rawSpeaker() const;

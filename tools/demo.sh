@@ -26,6 +26,11 @@ sink=$!
 trap 'kill $sink 2>/dev/null' EXIT
 for _ in $(seq 100); do [ -s "$HOME/.smtp-port" ] && break; sleep 0.1; done
 
+# The templates, word lists and icon that ship, where an install puts them.
+mkdir -p "$HOME/Library/Parlova/Images"
+cp "$(dirname "$0")/../resources/"*.html "$(dirname "$0")/../resources/"*.plist "$HOME/Library/Parlova/" 2>/dev/null || true
+cp "$(dirname "$0")/../resources/pdf.png" "$HOME/Library/Parlova/Images/" 2>/dev/null || true
+
 defaults="$build/parlova-defaults"
 "$defaults" write com.hollowmere.parlova debugMode -int 2
 "$defaults" write com.hollowmere.parlova sendEmails -bool YES
@@ -33,10 +38,12 @@ defaults="$build/parlova-defaults"
 "$defaults" write com.hollowmere.parlova emailPort -int "$(cat "$HOME/.smtp-port")"
 "$defaults" write com.hollowmere.parlova emailAddress you@example.org
 "$defaults" write com.hollowmere.parlova emailOutgoing parlova@example.org
+"$defaults" write com.hollowmere.parlova handleURLs -bool YES
+"$defaults" write com.hollowmere.parlova handleImages -bool YES
 
 echo
 echo "== Running parlova until every transcript is processed =="
-for run in 1 2 3 4 5 6 7 8; do
+for run in $(seq 20); do
   before=$(find "$chats" -name '*chat' -type f | wc -l)
   [ "$before" -eq 0 ] && break
   echo "-- run $run"
@@ -50,5 +57,6 @@ echo "Processed transcripts:      $HOME/Documents/iChats (Parlovaed)"
 ls -1 "$HOME/Documents/iChats (Parlovaed)"
 echo "Emails received:            $mail"
 ls -1 "$mail"
+echo "Link pages:                 $HOME/Library/Parlova/Links.html"
 echo "Settings:                   $HOME/Library/Preferences/com.hollowmere.parlova.plist"
 "$build/parlova-defaults" read com.hollowmere.parlova

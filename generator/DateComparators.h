@@ -1,0 +1,24 @@
+// The orderings the gathered pages sort by.
+#pragma once
+
+#include <compare>
+#include <string_view>
+
+#include "platform/PropertyListValue.h"
+
+namespace parlova {
+
+// Link entries by their "date", earliest first; an entry without a date
+// counts as earliest.
+std::weak_ordering compareLinkDictionaries(const PlistValue &first, const PlistValue &second,
+                                           void *context = nullptr);
+// Image entries by their "date", newest first.
+std::weak_ordering compareImageDictionaries(const PlistValue &first, const PlistValue &second,
+                                            void *context = nullptr);
+
+// Month titles ("March 2005") read back as dates, earliest first; a title
+// that does not read back counts as earliest.
+std::weak_ordering compareLinkDateString(std::string_view receiver, std::string_view other);
+std::weak_ordering compareImageDateString(std::string_view receiver, std::string_view other);
+
+} // namespace parlova

@@ -1,0 +1,53 @@
+// Everything built from the whole history of processed transcripts: the
+// link archive and pages, the image archive and pages, and the statistics.
+// All of it lives in ~/Library/Parlova; nothing is kept between calls.
+#pragma once
+
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "platform/PropertyListValue.h"
+
+namespace parlova {
+
+class ICLPChatLog;
+
+class ICLPLogGenerator {
+public:
+  ICLPLogGenerator() = delete;
+
+  // Merges the transcript's links into gatheredURLs.plist and rebuilds the
+  // link pages; with no transcript only the pages are rebuilt.
+  static void GenerateLinkFiles(const ICLPChatLog *log);
+  // Stores the transcript's attachments in Images/, records them in
+  // gatheredImages.plist and rebuilds the image pages and the top images;
+  // with no transcript only the pages and top images are rebuilt.
+  static void GenerateImageFiles(const ICLPChatLog *log);
+  // Adds the transcript to the running totals in chatgeist.plist and
+  // rebuilds the statistics page; with no transcript only the chat count and
+  // the end date change.
+  static void UpdateStatistics(const ICLPChatLog *log);
+
+  // The "urls" list of the first speaker entry named exactly `speaker`, or
+  // null; the list is the archive's own, so what is added lands there.
+  static PlistValue::Array *FindSpeakerArray(std::string_view speaker, PlistValue::Array *data);
+  // The same for the image archive's "filenames" lists.
+  static PlistValue::Array *FindImagesArray(std::string_view speaker, PlistValue::Array *data);
+
+  // A link of more than 40 UTF-16 units as its first 20, " . . . " and its
+  // last 20.
+  static std::string CompressedLinkForList(std::string_view link);
+  // Percent-escapes every UTF-16 unit other than ASCII letters and digits,
+  // the high digit taken as "A" + (unit >> 4) - 10 past 9 even above 255.
+  static std::string stringWithFunkyURLStuffInserted(std::string_view text);
+
+  // ~/Library/Parlova, where the archives, templates and pages live.
+  static std::filesystem::path parlovaFolder();
+  // The names of the program's own files and folders there, which no page
+  // or stored file named after a speaker may take.
+  static std::span<const std::string_view> ownFileNames();
+};
+
+} // namespace parlova

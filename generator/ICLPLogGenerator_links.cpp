@@ -1,0 +1,225 @@
+// The link archive (gatheredURLs.plist) and the link pages built from it.
+#include <algorithm>
+#include <map>
+
+#include "generator/DateComparators.h"
+#include "generator/ICLPLogGenerator.h"
+#include "generator/PageText.h"
+#include "generator/SafeFileName.h"
+#include "model/ICLPChatLog.h"
+#include "platform/CalendarFormat.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view kNavigationItem = R"(<li><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
+constexpr std::string_view kActiveNavigationItem =
+    R"(<li class="active"><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
+constexpr std::string_view kMonthHeading = R"(<h3>%@</h3><ul class="links">)";
+constexpr std::string_view kLinkItem = R"(<li><span><a href="%@" target="_blank">%@</a> -- %@, %@</span></li>)";
+
+struct Link {
+  Date date;
+  const std::string *url;
+};
+
+// A speaker entry as the pages see it; entries damaged by hand (no name, no
+// list) and links without a date or address are left out of the pages but
+// stay in the archive.
+struct SpeakerLinks {
+  const std::string *name;
+  std::vector<Link> links;
+  std::string pageStem;
+};
+
+std::vector<SpeakerLinks> pageView(const PlistValue::Array &archive) {
+  std::vector<SpeakerLinks> speakers;
+  for (const PlistValue &entry : archive) {
+    const std::string *name = entry.stringForKey("speaker");
+    const PlistValue *list = entry.objectForKey("urls");
+    const auto *items = list ? list->get<PlistValue::Array>() : nullptr;
+    if (!name || !items)
+      continue;
+    SpeakerLinks speaker{name, {}, safeFileStem(*name, ".html", ICLPLogGenerator::ownFileNames())};
+    speaker.links.reserve(items->size());
+    for (const PlistValue &item : *items) {
+      const auto date = item.dateForKey("date");
+      const std::string *url = item.stringForKey("linkurl");
+      if (date && url)
+        speaker.links.push_back({*date, url});
+    }
+    speakers.push_back(std::move(speaker));
+  }
+  return speakers;
+}
+
+std::string navigationList(const std::vector<SpeakerLinks> &speakers, size_t total, const SpeakerLinks *active) {
+  std::string list = fillFormat(active ? kNavigationItem : kActiveNavigationItem,
+                                {"Links.html", "All", std::to_string(total)});
+  for (const SpeakerLinks &speaker : speakers)
+    list += fillFormat(&speaker == active ? kActiveNavigationItem : kNavigationItem,
+                       {ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + ".html", *speaker.name,
+                        std::to_string(speaker.links.size())});
+  return list;
+}
+
+std::string monthHeading(const std::string &title) { return "\n" + fillFormat(kMonthHeading, {title}) + "\n"; }
+
+// One speaker's links grouped by month, earliest first. Only the month
+// number parts two groups, so the same month of consecutive years stays in
+// one group under the first title; and the last group is left open. Both
+// are how the pages have always looked. Each item also goes to the month's
+// text for the all-links page.
+std::string speakerLinkList(const SpeakerLinks &speaker, std::map<std::string, std::string> &monthTable) {
+  std::string list;
+  if (speaker.links.empty())
+    return list;
+  int currentMonth = localMonthOfYear(speaker.links.front().date);
+  std::string title = formatCalendarDate(speaker.links.front().date, "%B %Y");
+  std::string group = monthHeading(title);
+  std::string *tableEntry = &monthTable.try_emplace(title, group).first->second;
+  for (const Link &link : speaker.links) {
+    const int month = localMonthOfYear(link.date);
+    if (month != currentMonth) {
+      group += "</ul>";
+      list += group;
+      title = formatCalendarDate(link.date, "%B %Y");
+      group = monthHeading(title);
+      currentMonth = month;
+      tableEntry = &monthTable.try_emplace(title, group).first->second;
+    }
+    const std::string item =
+        fillFormat(kLinkItem, {*link.url, ICLPLogGenerator::CompressedLinkForList(*link.url), *speaker.name,
+                               formatCalendarDate(link.date, "%a %B %e, %I:%M%p")});
+    group += item;
+    *tableEntry += item;
+  }
+  list += group;
+  return list;
+}
+
+// Every month's text, newest month first, each closed, plus one more close.
+std::string allLinksList(const std::map<std::string, std::string> &monthTable) {
+  std::vector<const std::pair<const std::string, std::string> *> months;
+  for (const auto &month : monthTable)
+    months.push_back(&month);
+  std::stable_sort(months.begin(), months.end(),
+                   [](const auto *a, const auto *b) { return compareLinkDateString(a->first, b->first) < 0; });
+  std::string list;
+  for (auto month = months.rbegin(); month != months.rend(); ++month) {
+    list += (*month)->second;
+    list += "</ul>";
+  }
+  list += "</ul>";
+  return list;
+}
+
+void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder) {
+  const std::vector<SpeakerLinks> speakers = pageView(archive);
+  size_t total = 0;
+  for (const SpeakerLinks &speaker : speakers)
+    total += speaker.links.size();
+
+  const auto pageTemplate = readTemplate(folder / "linktemplate.html");
+  std::map<std::string, std::string> monthTable;
+  for (const SpeakerLinks &speaker : speakers) {
+    // The month table fills even without a template, as the all-links page
+    // is not written then either.
+    std::string links = speakerLinkList(speaker, monthTable);
+    if (!pageTemplate)
+      continue;
+    std::string page = *pageTemplate;
+    replaceOccurrences(page, "____NAME", *speaker.name);
+    replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, &speaker));
+    replaceOccurrences(page, "____LINKS", links);
+    writePage(folder / (speaker.pageStem + ".html"), page);
+  }
+  if (!pageTemplate)
+    return;
+  std::string page = *pageTemplate;
+  replaceOccurrences(page, "____NAME", "Links");
+  replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, nullptr));
+  replaceOccurrences(page, "____LINKS", allLinksList(monthTable));
+  writePage(folder / "Links.html", page);
+}
+
+void mergeLinks(const std::vector<LinkRecord> &gathered, PlistValue::Array &archive) {
+  for (const LinkRecord &item : gathered) {
+    if (item.urls.empty())
+      continue;
+    PlistValue::Array *links = ICLPLogGenerator::FindSpeakerArray(item.speaker, &archive);
+    if (!links) {
+      PlistValue::Array fresh;
+      fresh.reserve(5);
+      archive.emplace_back(PlistValue::Dictionary{{"speaker", item.speaker}, {"urls", std::move(fresh)}});
+      links = archive.back().objectForKey("urls")->get<PlistValue::Array>();
+    }
+    for (const std::string &url : item.urls)
+      links->emplace_back(PlistValue::Dictionary{{"date", item.time}, {"linkurl", url}});
+  }
+  // Every speaker is re-sorted, not only those this transcript touched.
+  for (PlistValue &entry : archive) {
+    PlistValue *list = entry.objectForKey("urls");
+    if (auto *links = list ? list->get<PlistValue::Array>() : nullptr)
+      std::stable_sort(links->begin(), links->end(),
+                       [](const PlistValue &a, const PlistValue &b) { return compareLinkDictionaries(a, b) < 0; });
+  }
+}
+
+// The archive as read: nothing when the file is there but is not an array
+// of entries (unreadable, damaged, or some other property list), which
+// keeps it from being replaced.
+std::optional<PlistValue> loadLinkArchive(const fs::path &path) {
+  if (!fileExistsAtPath(path)) {
+    PlistValue::Array empty;
+    empty.reserve(10);
+    return PlistValue(std::move(empty));
+  }
+  const auto bytes = readFileContents(path);
+  if (!bytes)
+    return std::nullopt;
+  std::optional<PlistValue> archive = PlistValue::parse(*bytes);
+  if (archive && !archive->get<PlistValue::Array>())
+    return std::nullopt;
+  return archive;
+}
+
+} // namespace
+
+void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
+  const fs::path folder = parlovaFolder();
+  const fs::path archivePath = folder / "gatheredURLs.plist";
+  std::optional<PlistValue> archive = loadLinkArchive(archivePath);
+
+  if (log) {
+    if (archive)
+      mergeLinks(log->GatheredURLs(), *archive->get<PlistValue::Array>());
+    std::error_code ignored;
+    fs::create_directories(folder, ignored);
+    const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
+    if (bytes.empty() || !writeFileAtomically(archivePath, bytes)) {
+      logFormat("Link file failed to write to path: %@", archivePath.string());
+      ICLPChatLog::reportErrorAndLog(1, "permissions");
+      return;
+    }
+    // The archive is serialized and written a second time, as it always
+    // was; only a failure to serialize is looked at.
+    const std::vector<uint8_t> again = archive->serialized(PlistFormat::XML);
+    if (again.empty()) {
+      logFormat("Error while serializing link database: %@", "the link archive could not be turned into XML");
+      ICLPChatLog::reportErrorAndLog(4, "corrupt cache");
+      return;
+    }
+    writeFileAtomically(archivePath, again);
+  }
+
+  static const PlistValue::Array kNoLinks;
+  generateLinkPages(archive ? *archive->get<PlistValue::Array>() : kNoLinks, folder);
+}
+
+} // namespace parlova

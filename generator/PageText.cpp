@@ -1,0 +1,54 @@
+#include "generator/PageText.h"
+
+#include <span>
+
+#include "platform/FileManager.h"
+
+namespace parlova {
+
+std::string fillFormat(std::string_view format, std::initializer_list<std::string_view> arguments) {
+  std::string out;
+  out.reserve(format.size() + 64);
+  auto next = arguments.begin();
+  for (size_t i = 0; i < format.size(); ++i) {
+    if (format[i] == '%' && i + 1 < format.size() && (format[i + 1] == '@' || format[i + 1] == 'd')) {
+      if (next != arguments.end())
+        out += *next++;
+      ++i;
+      continue;
+    }
+    out += format[i];
+  }
+  return out;
+}
+
+void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement) {
+  if (placeholder.empty())
+    return;
+  size_t found = text.find(placeholder);
+  if (found == std::string::npos)
+    return;
+  std::string out;
+  out.reserve(text.size() + replacement.size());
+  size_t from = 0;
+  for (; found != std::string::npos; found = text.find(placeholder, from)) {
+    out.append(text, from, found - from);
+    out += replacement;
+    from = found + placeholder.size();
+  }
+  out.append(text, from, std::string::npos);
+  text = std::move(out);
+}
+
+std::optional<std::string> readTemplate(const std::filesystem::path &path) {
+  const auto bytes = readFileContents(path);
+  if (!bytes)
+    return std::nullopt;
+  return std::string(bytes->begin(), bytes->end());
+}
+
+bool writePage(const std::filesystem::path &path, std::string_view text) {
+  return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
+}
+
+} // namespace parlova

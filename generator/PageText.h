@@ -1,0 +1,27 @@
+// Pieces shared by the generated pages: the fragment formats and the
+// placeholder replacement in the templates.
+#pragma once
+
+#include <filesystem>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace parlova {
+
+// Fills each "%@" and "%d" of `format` with the next argument, already in
+// text form, so that the fragments read in the code exactly as on the page.
+std::string fillFormat(std::string_view format, std::initializer_list<std::string_view> arguments);
+
+// Replaces every occurrence of `placeholder`, literally and case-sensitively,
+// scanning left to right without looking at what was put in.
+void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement);
+
+// A template's text; nothing when it is missing or unreadable.
+std::optional<std::string> readTemplate(const std::filesystem::path &path);
+
+// Writes a page through a temporary file, so a reader never sees half of it.
+bool writePage(const std::filesystem::path &path, std::string_view text);
+
+} // namespace parlova

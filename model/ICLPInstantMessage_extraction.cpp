@@ -1,0 +1,137 @@
+#include "model/ICLPChatLog.h"
+#include "model/ICLPInstantMessage.h"
+#include "platform/FoundationValues.h"
+#include "platform/TextAttributes.h"
+#include "platform/Unicode.h"
+
+namespace parlova {
+
+namespace {
+
+// Walks the text run by run (a run is a stretch of one attribute set) and
+// hands over each new object stored under `name`. The same object met again
+// right after itself, or after stretches without the attribute, is one
+// object, so a link spread over several runs counts once.
+template <class Visit>
+void forEachNewAttributeValue(const AttributedString &text, std::string_view name, Visit visit) {
+  const Object *lastTaken = nullptr;
+  for (const AttributeRun &run : text.runs()) {
+    if (run.length == 0 || !run.attributes)
+      continue;
+    const ObjectRef value = run.attributes->valueForName(name);
+    if (!value || value.get() == lastTaken)
+      continue;
+    lastTaken = value.get();
+    visit(value);
+  }
+}
+
+// What a text scanner skips in front of each token: blanks, tabs, line
+// breaks and the other Unicode separators.
+bool isSkippedBetweenWords(char16_t unit) {
+  return (unit >= 0x09 && unit <= 0x0D) || unit == 0x20 || unit == 0x85 || unit == 0xA0 || unit == 0x1680 ||
+         (unit >= 0x2000 && unit <= 0x200A) || unit == 0x2028 || unit == 0x2029 || unit == 0x202F ||
+         unit == 0x205F || unit == 0x3000;
+}
+
+// Counters are 32-bit and wrap like the originals, without the undefined
+// behaviour of signed overflow.
+int32_t wrappingAdd(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+} // namespace
+
+std::optional<LinkRecord> ICLPInstantMessage::allURLs() const {
+  if (isStatusMessage() || !timestamp_)
+    return std::nullopt;
+  auto speaker = Speaker();
+  if (!speaker)
+    return std::nullopt;
+  LinkRecord record{std::move(*speaker), *timestamp_, {}};
+  forEachNewAttributeValue(*string_, kLinkAttributeName, [&](const ObjectRef &link) {
+    if (const auto text = objectAs<StringObject>(link))
+      record.urls.push_back(text->value());
+    else if (const auto url = objectAs<URLObject>(link))
+      record.urls.push_back(url->absoluteString());
+  });
+  return record;
+}
+
+std::optional<ImageRecord> ICLPInstantMessage::allImages() const {
+  if (isStatusMessage() || !timestamp_)
+    return std::nullopt;
+  auto speaker = Speaker();
+  if (!speaker)
+    return std::nullopt;
+  ImageRecord record{std::move(*speaker), *timestamp_, {}};
+  forEachNewAttributeValue(*string_, kAttachmentAttributeName, [&](const ObjectRef &value) {
+    const auto attachment = objectAs<TextAttachment>(value);
+    if (attachment && attachment->fileWrapper())
+      record.images.push_back(attachment->fileWrapper());
+  });
+  return record;
+}
+
+int32_t ICLPInstantMessage::wordCountInSet(const WordSet *words) const {
+  if (!speaker_ || !string_)
+    return 0;
+  const std::u16string &text = string_->string();
+  int32_t count = 0;
+  size_t position = 0;
+  for (;;) {
+    while (position < text.size() && isSkippedBetweenWords(text[position]))
+      ++position;
+    if (position >= text.size())
+      break;
+    size_t end = text.find(u' ', position);
+    if (end == std::u16string::npos)
+      end = text.size();
+    if (!words || words->contains(utf16ToUtf8(std::u16string_view(text).substr(position, end - position))))
+      count = wrappingAdd(count, 1);
+    position = end;
+  }
+  return count;
+}
+
+std::vector<LinkRecord> ICLPChatLog::GatheredURLs() const {
+  std::vector<LinkRecord> gathered;
+  for (const auto &message : messages())
+    if (auto record = message->allURLs())
+      gathered.push_back(std::move(*record));
+  return gathered;
+}
+
+std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
+  std::vector<ImageRecord> gathered;
+  for (const auto &message : messages())
+    if (auto record = message->allImages())
+      gathered.push_back(std::move(*record));
+  return gathered;
+}
+
+int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const {
+  int32_t total = 0;
+  for (const auto &message : messages()) {
+    if (!message->speaker())
+      continue;
+    const auto name = message->Speaker();
+    if (!name || *name != primaryOtherParty_)
+      total = wrappingAdd(total, message->wordCountInSet(words));
+  }
+  return total;
+}
+
+int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const {
+  int32_t total = 0;
+  for (const auto &message : messages()) {
+    if (!message->speaker())
+      continue;
+    const auto name = message->Speaker();
+    if (name && *name == primaryOtherParty_)
+      total = wrappingAdd(total, message->wordCountInSet(words));
+  }
+  return total;
+}
+
+} // namespace parlova
