@@ -11,6 +11,7 @@
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "platform/PropertyListValue.h"
+#include "tests/fixtures/ImageWriter.h"
 #include "tests/fixtures/TranscriptWriter.h"
 
 using namespace parlova;
@@ -87,7 +88,36 @@ void mergeLinks(benchmark::State &state) {
   state.counters["archive_MB"] = static_cast<double>(archive.size()) / 1e6;
 }
 
+ICLPChatLog transcriptWithPictures(int pictures) {
+  TranscriptSpec spec;
+  const Account other{"AIM", speakerName(3)};
+  spec.others = {other};
+  const ImageFormat formats[] = {ImageFormat::PNG, ImageFormat::JPEG, ImageFormat::GIF, ImageFormat::TIFF};
+  for (int i = 0; i < pictures; ++i) {
+    RunSpec picture = text("\uFFFC");
+    picture.attachment = AttachmentSpec{.fileName = "picture" + std::to_string(i) + ".img",
+                                        .bytes = pictureBytes(formats[i % 4], 640, 480)};
+    spec.messages.push_back(MessageSpec{other, 400000000.0 + i, {picture}});
+  }
+  return *ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, speakerName(3));
+}
+
+void mergePictures(benchmark::State &state) {
+  BenchHome home;
+  const auto archive = archiveOf(100, 200, true);
+  const ICLPChatLog log = transcriptWithPictures(10);
+  for (auto _ : state) {
+    state.PauseTiming();
+    writeFileAtomically(home.folder() / "gatheredImages.plist", archive);
+    state.ResumeTiming();
+    ICLPLogGenerator::GenerateImageFiles(&log);
+  }
+  state.counters["archive_MB"] = static_cast<double>(archive.size()) / 1e6;
+}
+
 } // namespace
+
+BENCHMARK(mergePictures)->Unit(benchmark::kMillisecond);
 
 // 10,000 and 100,000 links: ten times the archive should take little more
 // than ten times as long.

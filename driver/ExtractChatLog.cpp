@@ -95,10 +95,9 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
 
   if (handleURLs)
     ICLPLogGenerator::GenerateLinkFiles(log);
-  if (handleImages) {
-    // The image stage joins here.
-  }
-  // The statistics stage joins here; it always runs.
+  if (handleImages)
+    ICLPLogGenerator::GenerateImageFiles(log);
+  ICLPLogGenerator::UpdateStatistics(log);
 
   const fs::path archiveFolder = homeDirectory() / "Documents" / "iChats (Parlovaed)";
   std::error_code error;

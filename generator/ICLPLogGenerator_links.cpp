@@ -5,7 +5,7 @@
 #include "generator/DateComparators.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
-#include "generator/SafeFileName.h"
+#include "platform/SafeFileName.h"
 #include "model/ICLPChatLog.h"
 #include "platform/CalendarFormat.h"
 #include "platform/FileManager.h"

@@ -1,5 +1,6 @@
 #include "platform/FileManager.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -40,6 +41,18 @@ std::string deletingPathExtension(const std::string &fileName) {
   return dot == std::string::npos ? fileName : fileName.substr(0, dot);
 }
 
+std::optional<Date> creationDateOfItem(const fs::path &path) {
+  struct statx status {};
+  if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_BASIC_STATS, &status) != 0)
+    return std::nullopt;
+  const auto toDate = [](const struct statx_timestamp &t) {
+    return Date::fromUnixTime(static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9);
+  };
+  if (status.stx_mask & STATX_BTIME)
+    return toDate(status.stx_btime);
+  return std::min({toDate(status.stx_ctime), toDate(status.stx_mtime), toDate(status.stx_atime)});
+}
+
 bool fileExistsAtPath(const fs::path &path) {
   std::error_code error;
   // A dangling link still occupies the name, so it counts as there.
@@ -61,7 +74,9 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
 
 bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
   std::random_device random;
-  const fs::path temporary = path.parent_path() / ("." + path.filename().string() + ".tmp" + std::to_string(random()));
+  // A short name of its own, so that a target name near the file system's
+  // limit still has room for its temporary.
+  const fs::path temporary = path.parent_path() / (".parlova-tmp-" + std::to_string(random()));
   const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0)
     return false;

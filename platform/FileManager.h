@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Date.h"
+
 namespace parlova {
 
 // Yields the path of every file and folder below a folder, relative to it,
@@ -30,6 +32,11 @@ std::string pathExtension(const std::string &fileName);
 std::string deletingPathExtension(const std::string &fileName);
 
 bool fileExistsAtPath(const std::filesystem::path &path);
+
+// When a file or folder was made, not following a link at the path: its
+// birth time where the file system keeps one, else the oldest of its change,
+// modification and access times. Nothing when it cannot be looked at.
+std::optional<Date> creationDateOfItem(const std::filesystem::path &path);
 
 // Nothing when the file cannot be read (missing, a folder, no permission).
 std::optional<std::vector<uint8_t>> readFileContents(const std::filesystem::path &path);

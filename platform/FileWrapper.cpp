@@ -1,7 +1,11 @@
 #include "platform/FileWrapper.h"
 
 #include <cstring>
+#include <random>
 #include <string_view>
+
+#include "platform/FileManager.h"
+#include "platform/SafeFileName.h"
 
 namespace parlova {
 namespace {
@@ -128,6 +132,47 @@ std::shared_ptr<const FileWrapper> parse(std::span<const uint8_t> bytes, int dep
 
 std::shared_ptr<const FileWrapper> FileWrapper::fromSerializedRepresentation(std::span<const uint8_t> bytes) {
   return parse(bytes, 0, std::nullopt);
+}
+
+namespace {
+
+bool writeFolderContents(const FileWrapper &folder, const std::filesystem::path &path, int depth) {
+  std::error_code error;
+  if (!std::filesystem::create_directory(path, error) || depth > 64)
+    return false;
+  bool complete = true;
+  for (const auto &child : folder.fileWrappers()) {
+    if (!child)
+      continue;
+    const auto target = path / safeFileStem(child->preferredFilename().value_or(""), "");
+    complete &= child->isDirectory() ? writeFolderContents(*child, target, depth + 1)
+                                     : writeFileAtomically(target, child->regularFileContents());
+  }
+  return complete;
+}
+
+} // namespace
+
+bool FileWrapper::writeAtomically(const std::filesystem::path &path) const {
+  namespace fs = std::filesystem;
+  if (isRegularFile())
+    return writeFileAtomically(path, contents_);
+  std::random_device random;
+  const fs::path temporary = path.parent_path() / (".parlova-tmp-" + std::to_string(random()));
+  std::error_code error;
+  if (!writeFolderContents(*this, temporary, 0)) {
+    fs::remove_all(temporary, error);
+    return false;
+  }
+  // A folder cannot be renamed over a non-empty one: the old one goes first.
+  if (fs::exists(fs::symlink_status(path, error)))
+    fs::remove_all(path, error);
+  fs::rename(temporary, path, error);
+  if (error) {
+    fs::remove_all(temporary, error);
+    return false;
+  }
+  return true;
 }
 
 } // namespace parlova

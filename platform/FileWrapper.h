@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
@@ -31,6 +32,11 @@ public:
   const std::optional<std::string> &preferredFilename() const { return preferredFilename_; }
   const std::vector<uint8_t> &regularFileContents() const { return contents_; }
   const std::vector<std::shared_ptr<const FileWrapper>> &fileWrappers() const { return children_; }
+
+  // Writes the file, or the folder with everything in it, to `path` through
+  // a temporary beside it, replacing what is there. The contents' names are
+  // made safe, so nothing lands outside the new folder.
+  bool writeAtomically(const std::filesystem::path &path) const;
 
 private:
   Kind kind_;

@@ -16,48 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// tests/smtp_server.py in one of its modes, for as long as the object lives.
-class SmtpServer {
-public:
-  SmtpServer(const fs::path &folder, const std::string &mode) : folder_(folder) {
-    fs::create_directories(folder);
-    const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "smtp_server.py";
-    const std::string portFile = (folder / "port").string();
-    const std::string mail = (folder / "mail").string();
-    pid_ = fork();
-    if (pid_ == 0) {
-      execl("/usr/bin/python3", "python3", script.c_str(), "--mode", mode.c_str(), "--port-file", portFile.c_str(),
-            "--dir", mail.c_str(), nullptr);
-      _exit(127);
-    }
-    for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    port_ = readText(folder / "port");
-  }
-  ~SmtpServer() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  SmtpServer(const SmtpServer &) = delete;
-  SmtpServer &operator=(const SmtpServer &) = delete;
-
-  const std::string &port() const { return port_; }
-  std::vector<std::string> messages() const {
-    std::vector<std::string> texts;
-    for (const auto &name : filesBelow(folder_ / "mail")) {
-      std::string text = readText(folder_ / "mail" / name);
-      std::erase(text, '\r');
-      texts.push_back(std::move(text));
-    }
-    return texts;
-  }
-
-private:
-  fs::path folder_;
-  pid_t pid_ = -1;
-  std::string port_;
-};
-
 class Email : public ::testing::Test {
 protected:
   void configure(const std::string &port) {

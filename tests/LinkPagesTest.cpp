@@ -6,7 +6,7 @@
 #include <ctime>
 
 #include "generator/ICLPLogGenerator.h"
-#include "generator/SafeFileName.h"
+#include "platform/SafeFileName.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "platform/PropertyListValue.h"

@@ -1,6 +1,9 @@
 #include "tests/ToolTestSupport.h"
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <thread>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -90,6 +93,37 @@ std::string ScratchHome::readSetting(const std::string &key) const {
   while (!value.empty() && value.back() == '\n')
     value.pop_back();
   return result.exitCode == 0 ? value : "(absent)";
+}
+
+SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode) : folder_(folder) {
+  fs::create_directories(folder);
+  const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "smtp_server.py";
+  const std::string portFile = (folder / "port").string();
+  const std::string mail = (folder / "mail").string();
+  pid_ = fork();
+  if (pid_ == 0) {
+    execl("/usr/bin/python3", "python3", script.c_str(), "--mode", mode.c_str(), "--port-file", portFile.c_str(),
+          "--dir", mail.c_str(), nullptr);
+    _exit(127);
+  }
+  for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  port_ = readText(folder / "port");
+}
+
+SmtpServer::~SmtpServer() {
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+std::vector<std::string> SmtpServer::messages() const {
+  std::vector<std::string> texts;
+  for (const auto &name : filesBelow(folder_ / "mail")) {
+    std::string text = readText(folder_ / "mail" / name);
+    std::erase(text, '\r');
+    texts.push_back(std::move(text));
+  }
+  return texts;
 }
 
 fixtures::TranscriptSpec simpleChat(const std::string &buddy) {

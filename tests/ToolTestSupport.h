@@ -45,6 +45,25 @@ private:
   std::filesystem::path path_;
 };
 
+// tests/smtp_server.py in one of its modes ("accept", "auth", "refuse",
+// "silent"), listening on loopback for as long as the object lives.
+class SmtpServer {
+public:
+  SmtpServer(const std::filesystem::path &folder, const std::string &mode);
+  ~SmtpServer();
+  SmtpServer(const SmtpServer &) = delete;
+  SmtpServer &operator=(const SmtpServer &) = delete;
+
+  const std::string &port() const { return port_; }
+  // Every message received so far, in arrival order, with bare line feeds.
+  std::vector<std::string> messages() const;
+
+private:
+  std::filesystem::path folder_;
+  int pid_ = -1;
+  std::string port_;
+};
+
 // A short two-party transcript between the user and `buddy`.
 fixtures::TranscriptSpec simpleChat(const std::string &buddy = "alice1979");
 

@@ -1,4 +1,4 @@
-#include "generator/SafeFileName.h"
+#include "platform/SafeFileName.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,0 +1,322 @@
+// The image archive (gatheredImages.plist with the files in Images/), the
+// image pages built from it and the folder of the three newest pictures.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <map>
+
+#include "generator/DateComparators.h"
+#include "generator/ICLPLogGenerator.h"
+#include "generator/PageText.h"
+#include "model/ICLPChatLog.h"
+#include "platform/CalendarFormat.h"
+#include "platform/FileManager.h"
+#include "platform/ImageSize.h"
+#include "platform/SafeFileName.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view kIndexItem = R"(<li><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
+constexpr std::string_view kActiveIndexItem =
+    R"(<li class="active"><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
+constexpr std::string_view kMonthHeading = "\n<h3>%@</h3>\n<table class=\"images\" cellpadding=0 cellspacing=10>\n";
+constexpr std::string_view kLandscapeCell = R"(<td><a href="%@" target="_blank"><img src="%@" width="90"/></a></td>)";
+constexpr std::string_view kPortraitCell = R"(<td><a href="%@" target="_blank"><img src="%@" height="90"/></a></td>)";
+constexpr std::string_view kPdfCell = R"(<td><a href="%@" target="_blank"><img src="%@"/></a></td>)";
+constexpr std::string_view kRowBreak = "</tr><tr>";
+constexpr std::string_view kSectionEnd = "</tr></table></ul>";
+
+// Names in the image folder that stored files must not take.
+constexpr std::array<std::string_view, 2> kImageFolderOwnNames = {"topimages", "pdf.png"};
+
+// The extension of a path's last component, as the Mac's path methods
+// give it.
+std::string lastExtension(const std::string &path) {
+  return pathExtension(fs::path(path).filename().string());
+}
+
+// "photo-alice-2005-03-14 15:22:07 -0800.jpg" for an attachment sent as
+// photo.jpg, "alice-2005-03-14 15:22:07 -0800.image" for one without a
+// name; made safe to use as a file name in the image folder.
+std::string storedFileName(const FileWrapper &attachment, const std::string &speaker, Date time) {
+  const std::string when = time.description();
+  std::string stem;
+  std::string extension;
+  if (const auto &preferred = attachment.preferredFilename()) {
+    stem = deletingPathExtension(*preferred) + "-" + speaker + "-" + when;
+    extension = pathExtension(*preferred);
+  } else {
+    stem = speaker + "-" + when;
+    extension = "image";
+  }
+  // An extension that is no real extension (long, or holding a folder
+  // separator) stays part of the name rather than be trusted.
+  const bool usable = extension.size() <= 32 && std::none_of(extension.begin(), extension.end(), [](char c) {
+                        return c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+                      });
+  if (!usable)
+    return safeFileStem(stem + "." + extension, "", kImageFolderOwnNames);
+  const std::string suffix = "." + extension;
+  return safeFileStem(stem, suffix, kImageFolderOwnNames) + suffix;
+}
+
+PlistValue imageEntry(Date date, const std::string &fileName, int64_t width, int64_t height) {
+  return PlistValue(PlistValue::Dictionary{
+      {"date", date}, {"filename", "Images/" + fileName}, {"width", width}, {"height", height}});
+}
+
+// Sizes are cut toward zero; a size beyond any real picture is taken as
+// unreadable.
+int64_t wholePoints(double value) { return std::isfinite(value) && std::fabs(value) < 1e12 ? static_cast<int64_t>(value) : 0; }
+
+void gatherImages(const ICLPChatLog &log, PlistValue::Array *archive, const fs::path &imageFolder) {
+  // A folder attachment takes the size of the last file attachment before
+  // it in this call, in this message or an earlier one.
+  int64_t lastWidth = 0;
+  int64_t lastHeight = 0;
+  for (const ImageRecord &item : log.GatheredImages()) {
+    if (item.images.empty())
+      continue;
+    PlistValue::Array *list = ICLPLogGenerator::FindImagesArray(item.speaker, archive);
+    if (!list && archive) {
+      archive->emplace_back(PlistValue::Dictionary{{"speaker", item.speaker}, {"filenames", PlistValue::Array{}}});
+      list = archive->back().objectForKey("filenames")->get<PlistValue::Array>();
+    }
+    for (const auto &attachment : item.images) {
+      if (attachment->isRegularFile()) {
+        const auto size = imageSizeOfData(attachment->regularFileContents());
+        lastWidth = size ? wholePoints(size->width) : 0;
+        lastHeight = size ? wholePoints(size->height) : 0;
+      }
+      const std::string name = storedFileName(*attachment, item.speaker, item.time);
+      attachment->writeAtomically(imageFolder / name);
+      if (list)
+        list->push_back(imageEntry(item.time, name, lastWidth, lastHeight));
+    }
+  }
+  if (!archive)
+    return;
+  for (PlistValue &entry : *archive) {
+    PlistValue *list = entry.objectForKey("filenames");
+    if (auto *images = list ? list->get<PlistValue::Array>() : nullptr)
+      std::stable_sort(images->begin(), images->end(),
+                       [](const PlistValue &a, const PlistValue &b) { return compareImageDictionaries(a, b) < 0; });
+  }
+}
+
+// The archive as read: an empty one when there is no file, nothing when the
+// file is there but is not an array of entries.
+std::optional<PlistValue> loadImageArchive(const fs::path &path) {
+  if (!fileExistsAtPath(path))
+    return PlistValue(PlistValue::Array{});
+  const auto bytes = readFileContents(path);
+  if (!bytes)
+    return std::nullopt;
+  std::optional<PlistValue> archive = PlistValue::parse(*bytes);
+  if (archive && !archive->get<PlistValue::Array>())
+    return std::nullopt;
+  return archive;
+}
+
+struct Picture {
+  Date date;
+  const std::string *fileName;
+  int64_t width;
+  int64_t height;
+};
+
+// A speaker entry as the pages see it; entries damaged by hand and pictures
+// without a date or file name are left out of the pages.
+struct SpeakerPictures {
+  const std::string *name;
+  std::vector<Picture> pictures;
+  std::string pageStem;
+};
+
+std::vector<SpeakerPictures> pageView(const PlistValue::Array &archive) {
+  std::vector<SpeakerPictures> speakers;
+  for (const PlistValue &entry : archive) {
+    const std::string *name = entry.stringForKey("speaker");
+    const PlistValue *list = entry.objectForKey("filenames");
+    const auto *items = list ? list->get<PlistValue::Array>() : nullptr;
+    if (!name || !items)
+      continue;
+    SpeakerPictures speaker{name, {}, safeFileStem(*name, "-images.html", ICLPLogGenerator::ownFileNames())};
+    for (const PlistValue &item : *items) {
+      const auto date = item.dateForKey("date");
+      const std::string *fileName = item.stringForKey("filename");
+      if (date && fileName)
+        speaker.pictures.push_back(
+            {*date, fileName, item.integerForKey("width").value_or(0), item.integerForKey("height").value_or(0)});
+    }
+    speakers.push_back(std::move(speaker));
+  }
+  return speakers;
+}
+
+std::string indexList(const std::vector<SpeakerPictures> &speakers, size_t total, const SpeakerPictures *active) {
+  std::string list = fillFormat(active ? kIndexItem : kActiveIndexItem, {"Images.html", "All", std::to_string(total)});
+  for (const SpeakerPictures &speaker : speakers)
+    list += fillFormat(&speaker == active ? kActiveIndexItem : kIndexItem,
+                       {ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + "-images.html",
+                        *speaker.name, std::to_string(speaker.pictures.size())});
+  return list;
+}
+
+std::string cellFor(const Picture &picture) {
+  const std::string escaped = ICLPLogGenerator::stringWithFunkyURLStuffInserted(*picture.fileName);
+  if (lastExtension(*picture.fileName) == "pdf")
+    return fillFormat(kPdfCell, {escaped, "Images/pdf.png"});
+  return fillFormat(picture.width > picture.height ? kLandscapeCell : kPortraitCell, {escaped, escaped});
+}
+
+std::string monthHeading(const std::string &label) { return fillFormat(kMonthHeading, {label}); }
+
+// What the pages share while they are built: the month sections of
+// Images.html with their cell counts, and the newest picture per date.
+struct SharedTables {
+  std::map<std::string, std::string> sections;
+  std::map<std::string, int> cellCounts;
+  std::map<Date, const std::string *> topImages;
+
+  std::string *section(const std::string &label) {
+    auto [it, created] = sections.try_emplace(label);
+    if (created) {
+      it->second = monthHeading(label);
+      cellCounts[label] = 0;
+    }
+    return &it->second;
+  }
+};
+
+// One speaker's pictures in month sections, newest first, five to a row.
+// Only the month number parts two sections, so the same month of
+// consecutive years stays in one section under the first label, and the
+// last section is left open: both are how the pages have always looked.
+std::string speakerBody(const SpeakerPictures &speaker, SharedTables &tables) {
+  std::string body;
+  if (speaker.pictures.empty())
+    return body;
+  const Picture &first = speaker.pictures.front();
+  int currentMonth = localMonthOfYear(first.date);
+  std::string section = monthHeading(formatCalendarDate(first.date, "%B %Y"));
+  std::string *shared = tables.section(formatCalendarDate(first.date, "%B %Y"));
+  int speakerCells = 0;
+  for (const Picture &picture : speaker.pictures) {
+    const std::string label = formatCalendarDate(picture.date, "%B %Y");
+    const int month = localMonthOfYear(picture.date);
+    if (month == currentMonth) {
+      ++speakerCells;
+    } else {
+      section += kSectionEnd;
+      body += section;
+      section = monthHeading(label);
+      currentMonth = month;
+      shared = tables.section(label);
+      speakerCells = 1;
+    }
+    const std::string cell = cellFor(picture);
+    section += cell;
+    if (speakerCells > 0 && speakerCells % 5 == 0)
+      section += kRowBreak;
+    // The row count on Images.html goes by the picture's own month, even
+    // where the cell went into an earlier year's section.
+    *shared += cell;
+    const int count = tables.cellCounts[label] + 1;
+    if (count % 5 == 0)
+      *shared += kRowBreak;
+    tables.cellCounts[label] = count;
+    tables.topImages[picture.date] = picture.fileName;
+  }
+  body += section;
+  return body;
+}
+
+std::string allImagesBody(const std::map<std::string, std::string> &sections) {
+  std::vector<const std::pair<const std::string, std::string> *> months;
+  for (const auto &month : sections)
+    months.push_back(&month);
+  std::stable_sort(months.begin(), months.end(),
+                   [](const auto *a, const auto *b) { return compareImageDateString(a->first, b->first) < 0; });
+  std::string body;
+  for (auto month = months.rbegin(); month != months.rend(); ++month) {
+    body += (*month)->second;
+    body += kSectionEnd;
+  }
+  body += kSectionEnd;
+  return body;
+}
+
+// Images/topimages anew, with copies of the three newest pictures named
+// 01, 02, 03 (newest last), each keeping its extension.
+void refreshTopImages(const std::map<Date, const std::string *> &topImages, const fs::path &folder) {
+  const fs::path topFolder = folder / "Images" / "topimages";
+  std::error_code error;
+  fs::remove_all(topFolder, error);
+  fs::create_directory(topFolder, error);
+  auto kept = topImages.begin();
+  std::advance(kept, topImages.size() > 3 ? topImages.size() - 3 : 0);
+  for (int number = 1; kept != topImages.end(); ++kept, ++number) {
+    const fs::path source = folder / *kept->second;
+    const fs::path destination = topFolder / ("0" + std::to_string(number) + "." + lastExtension(*kept->second));
+    fs::remove_all(destination, error);
+    fs::copy(source, destination, fs::copy_options::recursive, error);
+  }
+}
+
+void generateImagePages(const PlistValue::Array &archive, const fs::path &folder) {
+  const std::vector<SpeakerPictures> speakers = pageView(archive);
+  size_t total = 0;
+  for (const SpeakerPictures &speaker : speakers)
+    total += speaker.pictures.size();
+
+  const auto pageTemplate = readTemplate(folder / "imagetemplate.html");
+  SharedTables tables;
+  for (const SpeakerPictures &speaker : speakers) {
+    std::string body = speakerBody(speaker, tables);
+    if (!pageTemplate)
+      continue;
+    std::string page = *pageTemplate;
+    replaceOccurrences(page, "____NAME", *speaker.name);
+    replaceOccurrences(page, "____CONTENTS", indexList(speakers, total, &speaker));
+    replaceOccurrences(page, "____IMAGES", body);
+    writePage(folder / (speaker.pageStem + "-images.html"), page);
+  }
+  if (pageTemplate) {
+    std::string page = *pageTemplate;
+    replaceOccurrences(page, "____NAME", "Images");
+    replaceOccurrences(page, "____CONTENTS", indexList(speakers, total, nullptr));
+    replaceOccurrences(page, "____IMAGES", allImagesBody(tables.sections));
+    writePage(folder / "Images.html", page);
+  }
+  refreshTopImages(tables.topImages, folder);
+}
+
+} // namespace
+
+void ICLPLogGenerator::GenerateImageFiles(const ICLPChatLog *log) {
+  const fs::path folder = parlovaFolder();
+  const fs::path archivePath = folder / "gatheredImages.plist";
+  std::optional<PlistValue> archive = loadImageArchive(archivePath);
+  PlistValue::Array *entries = archive ? archive->get<PlistValue::Array>() : nullptr;
+
+  if (log) {
+    gatherImages(*log, entries, folder / "Images");
+    // A damaged archive is never replaced: what was gathered this time is on
+    // disk but not recorded.
+    if (archive) {
+      std::error_code ignored;
+      fs::create_directories(folder, ignored);
+      writeFileAtomically(archivePath, archive->serialized(PlistFormat::XML));
+    }
+  }
+
+  static const PlistValue::Array kNoImages;
+  generateImagePages(entries ? *entries : kNoImages, folder);
+}
+
+} // namespace parlova

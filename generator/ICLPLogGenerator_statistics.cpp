@@ -1,0 +1,118 @@
+// The running totals (chatgeist.plist) and the statistics page.
+#include "generator/ICLPLogGenerator.h"
+#include "generator/PageText.h"
+#include "generator/StatisticsPage.h"
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A shipped word list as a set; nothing when it is missing or is not a
+// list, and then every word counts.
+std::optional<WordSet> loadWordList(const fs::path &path) {
+  const auto bytes = readFileContents(path);
+  const auto parsed = bytes ? PlistValue::parse(*bytes) : std::nullopt;
+  const auto *items = parsed ? parsed->get<PlistValue::Array>() : nullptr;
+  if (!items)
+    return std::nullopt;
+  WordSet words;
+  for (const PlistValue &item : *items)
+    if (const auto *word = item.get<std::string>())
+      words.insert(*word);
+  return words;
+}
+
+int32_t wrappingSum(int32_t a, int64_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+
+// The stored counters, read as 32-bit integers the way a number object's
+// intValue reads them; a missing key or an unparseable file reads as 0.
+StatisticsTotals loadTotals(const fs::path &path) {
+  StatisticsTotals totals;
+  if (!fileExistsAtPath(path)) {
+    totals.startDate = Date::now();
+    return totals;
+  }
+  const auto bytes = readFileContents(path);
+  const auto stored = bytes ? PlistValue::parse(*bytes) : std::nullopt;
+  const auto counter = [&](std::string_view key) {
+    return stored ? static_cast<int32_t>(stored->integerForKey(key).value_or(0)) : 0;
+  };
+  totals.userWords = counter("usertextcount");
+  totals.otherWords = counter("othertextcount");
+  totals.userCurses = counter("cursecount");
+  totals.userNetspeak = counter("netspeakcount");
+  totals.images = counter("imagecount");
+  totals.links = counter("linkcount");
+  totals.chats = wrappingSum(counter("chatcount"), 1);
+  totals.otherCurses = counter("othercursecount");
+  totals.otherNetspeak = counter("othernetspeakcount");
+  totals.startDate = stored ? stored->dateForKey("startDate") : std::nullopt;
+  if (!totals.startDate)
+    totals.startDate = creationDateOfItem(path.parent_path());
+  return totals;
+}
+
+void addTranscript(const ICLPChatLog &log, const fs::path &folder, StatisticsTotals &totals) {
+  const auto curses = loadWordList(folder / "curses.plist");
+  const auto netspeak = loadWordList(folder / "netspeak.plist");
+  const WordSet *curseSet = curses ? &*curses : nullptr;
+  const WordSet *netspeakSet = netspeak ? &*netspeak : nullptr;
+  totals.userWords = wrappingSum(totals.userWords, log.CountWordsForUserInSet(nullptr));
+  totals.otherWords = wrappingSum(totals.otherWords, log.CountWordsForOthersInSet(nullptr));
+  totals.userCurses = wrappingSum(totals.userCurses, log.CountWordsForUserInSet(curseSet));
+  totals.otherCurses = wrappingSum(totals.otherCurses, log.CountWordsForOthersInSet(curseSet));
+  totals.userNetspeak = wrappingSum(totals.userNetspeak, log.CountWordsForUserInSet(netspeakSet));
+  totals.otherNetspeak = wrappingSum(totals.otherNetspeak, log.CountWordsForOthersInSet(netspeakSet));
+  for (const ImageRecord &item : log.GatheredImages())
+    totals.images = wrappingSum(totals.images, static_cast<int64_t>(item.images.size()));
+  for (const LinkRecord &item : log.GatheredURLs())
+    totals.links = wrappingSum(totals.links, static_cast<int64_t>(item.urls.size()));
+}
+
+// The eleven keys in their order. Without a start date the dictionary ends
+// before it, so neither date is kept; without an end date it ends there.
+PlistValue totalsDictionary(const StatisticsTotals &t) {
+  PlistValue::Dictionary entries = {
+      {"usertextcount", int64_t{t.userWords}},     {"othertextcount", int64_t{t.otherWords}},
+      {"cursecount", int64_t{t.userCurses}},       {"netspeakcount", int64_t{t.userNetspeak}},
+      {"imagecount", int64_t{t.images}},           {"linkcount", int64_t{t.links}},
+      {"chatcount", int64_t{t.chats}},             {"othercursecount", int64_t{t.otherCurses}},
+      {"othernetspeakcount", int64_t{t.otherNetspeak}}};
+  if (t.startDate) {
+    entries.emplace_back("startDate", *t.startDate);
+    if (t.endDate)
+      entries.emplace_back("endDate", *t.endDate);
+  }
+  return PlistValue(std::move(entries));
+}
+
+} // namespace
+
+void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog *log) {
+  const fs::path folder = parlovaFolder();
+  const fs::path totalsPath = folder / "chatgeist.plist";
+  StatisticsTotals totals = loadTotals(totalsPath);
+  if (log)
+    addTranscript(*log, folder, totals);
+  // An older transcript processed later moves the end back: the end date
+  // always follows the last transcript.
+  totals.endDate = log ? log->LastMessageDate() : std::optional<Date>(Date::now());
+
+  const std::vector<uint8_t> bytes = totalsDictionary(totals).serialized(PlistFormat::XML);
+  if (!bytes.empty()) {
+    std::error_code ignored;
+    fs::create_directories(folder, ignored);
+    writeFileAtomically(totalsPath, bytes);
+  }
+
+  if (const auto pageTemplate = readTemplate(folder / "statstemplate.html"))
+    writePage(folder / "stats.html", renderStatisticsPage(*pageTemplate, totals));
+}
+
+} // namespace parlova

@@ -1,0 +1,277 @@
+// The image archive filled from transcripts carrying real pictures, and the
+// gallery pages and top images built from it, compared with pages written
+// out by hand.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "generator/ICLPLogGenerator.h"
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+#include "platform/PropertyListValue.h"
+#include "tests/ToolTestSupport.h"
+#include "tests/fixtures/ImageWriter.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixtures;
+
+const Account kAlice{"AIM", "alice1979"};
+const Account kMe{"AIM", "me2004"};
+
+RunSpec attached(AttachmentSpec attachment) {
+  RunSpec run = text("\uFFFC");
+  run.attachment = std::move(attachment);
+  return run;
+}
+
+AttachmentSpec file(std::string name, std::vector<uint8_t> bytes) {
+  return AttachmentSpec{.fileName = std::move(name), .bytes = std::move(bytes)};
+}
+
+class ImagePages : public ::testing::Test {
+protected:
+  void SetUp() override {
+    savedHome_ = std::getenv("HOME") ? std::getenv("HOME") : "";
+    setenv("HOME", home_.path().c_str(), 1);
+    setenv("TZ", "UTC", 1);
+    tzset();
+    fs::create_directories(folder() / "Images");
+    writeText(folder() / "imagetemplate.html", "N:____NAME\nC:____CONTENTS\nI:____IMAGES\n");
+  }
+  void TearDown() override {
+    setenv("HOME", savedHome_.c_str(), 1);
+    unsetenv("TZ");
+    tzset();
+  }
+  fs::path folder() const { return home_.path() / "Library" / "Parlova"; }
+  static void generate(const TranscriptSpec &spec, const std::string &otherParty) {
+    const auto log = ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, otherParty);
+    ASSERT_TRUE(log);
+    ICLPLogGenerator::GenerateImageFiles(&*log);
+  }
+  PlistValue::Array archive() const {
+    const auto bytes = readFileContents(folder() / "gatheredImages.plist");
+    if (!bytes)
+      return {};
+    const auto parsed = PlistValue::parse(*bytes);
+    return parsed && parsed->get<PlistValue::Array>() ? *parsed->get<PlistValue::Array>() : PlistValue::Array{};
+  }
+
+  ScratchHome home_;
+  std::string savedHome_;
+};
+
+struct Stored {
+  std::string fileName;
+  int64_t width, height;
+};
+
+std::vector<Stored> storedEntries(const PlistValue &speaker) {
+  std::vector<Stored> stored;
+  for (const PlistValue &entry : *speaker.objectForKey("filenames")->get<PlistValue::Array>())
+    stored.push_back({*entry.stringForKey("filename"), *entry.integerForKey("width"), *entry.integerForKey("height")});
+  return stored;
+}
+
+TEST_F(ImagePages, PicturesAreStoredWithTheirSizesInPointsNewestFirst) {
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  // 2005-12-30 10:00:00 UTC, then a message a minute later.
+  MessageSpec first{kAlice, 157629600, {text("pictures: "),
+                                       attached(file("wide.png", pictureBytes(ImageFormat::PNG, 120, 45, 144))),
+                                       attached(file("tall.jpg", pictureBytes(ImageFormat::JPEG, 50, 80))),
+                                       attached(file("square.gif", pictureBytes(ImageFormat::GIF, 30, 30)))}};
+  AttachmentSpec album{.fileName = "album", .isFolder = true,
+                       .children = {file("inside.txt", {'h', 'i'})}};
+  MessageSpec second{kAlice, 157629660, {attached(file("scan.tiff", pictureBytes(ImageFormat::TIFF, 200, 100, 36))),
+                                        attached(album), attached(file("paper.pdf", pdfBytes())),
+                                        attached(file("notes", {'n', 'o'}))}};
+  spec.messages = {first, second, says(kMe, 157629700, "no pictures from me")};
+  generate(spec, "alice1979");
+
+  const auto speakers = archive();
+  ASSERT_EQ(speakers.size(), 1u);
+  const std::string later = "-alice1979-2005-12-30 10:01:00 +0000";
+  const std::string earlier = "-alice1979-2005-12-30 10:00:00 +0000";
+  const auto stored = storedEntries(speakers[0]);
+  ASSERT_EQ(stored.size(), 7u);
+  // Newest first; within one message the order is not defined, so the
+  // later message's four come before the earlier message's three.
+  std::map<std::string, std::pair<int64_t, int64_t>> sizes;
+  for (size_t i = 0; i < stored.size(); ++i) {
+    EXPECT_EQ(stored[i].fileName.find(i < 4 ? later : earlier), stored[i].fileName.find('-')) << stored[i].fileName;
+    sizes[stored[i].fileName] = {stored[i].width, stored[i].height};
+  }
+  EXPECT_EQ(sizes["Images/wide" + earlier + ".png"], std::make_pair(int64_t{60}, int64_t{22})) << "144 dpi: points";
+  EXPECT_EQ(sizes["Images/tall" + earlier + ".jpg"], std::make_pair(int64_t{50}, int64_t{80}));
+  EXPECT_EQ(sizes["Images/square" + earlier + ".gif"], std::make_pair(int64_t{30}, int64_t{30}));
+  EXPECT_EQ(sizes["Images/scan" + later + ".tiff"], std::make_pair(int64_t{400}, int64_t{200}));
+  EXPECT_EQ(sizes["Images/album" + later + "."], std::make_pair(int64_t{400}, int64_t{200}))
+      << "a folder takes the size of the file before it";
+  EXPECT_EQ(sizes["Images/paper" + later + ".pdf"], std::make_pair(int64_t{0}, int64_t{0}));
+  EXPECT_EQ(sizes["Images/notes" + later + "."], std::make_pair(int64_t{0}, int64_t{0}));
+
+  for (const auto &[name, size] : sizes)
+    EXPECT_TRUE(fs::exists(folder() / name)) << name;
+  EXPECT_EQ(readText(folder() / ("Images/album" + later + ".") / "inside.txt"), "hi");
+  EXPECT_EQ(readFileContents(folder() / ("Images/tall" + earlier + ".jpg")), pictureBytes(ImageFormat::JPEG, 50, 80));
+
+  // The newest three dates, oldest first: all attachments of a message
+  // share one date, so two messages give two top images.
+  const auto top = filesBelow(folder() / "Images" / "topimages");
+  ASSERT_EQ(top.size(), 2u);
+  EXPECT_EQ(top[0].substr(0, 3), "01.");
+  EXPECT_EQ(top[1].substr(0, 3), "02.");
+}
+
+TEST_F(ImagePages, SecondTranscriptAppendsAndSortsEverySpeaker) {
+  TranscriptSpec older;
+  older.others = {kAlice};
+  older.messages = {MessageSpec{kAlice, 100000000, {attached(file("old.png", pictureBytes(ImageFormat::PNG, 4, 4)))}}};
+  TranscriptSpec newer;
+  newer.others = {kAlice};
+  newer.messages = {MessageSpec{kMe, 200000000, {attached(file("mine.png", pictureBytes(ImageFormat::PNG, 8, 4)))}},
+                    MessageSpec{kAlice, 150000000, {attached(file("mid.png", pictureBytes(ImageFormat::PNG, 4, 8)))}}};
+  generate(older, "alice1979");
+  generate(newer, "alice1979");
+  generate(older, "alice1979");
+
+  const auto speakers = archive();
+  ASSERT_EQ(speakers.size(), 2u);
+  EXPECT_EQ(*speakers[0].stringForKey("speaker"), "alice1979") << "first seen stays first";
+  const auto alice = storedEntries(speakers[0]);
+  ASSERT_EQ(alice.size(), 3u) << "the same transcript twice is recorded twice";
+  EXPECT_EQ(alice[0].fileName.substr(0, 11), "Images/mid-");
+  EXPECT_EQ(alice[1].fileName, alice[2].fileName);
+}
+
+TEST_F(ImagePages, PagesGroupByMonthNumberWithFiveCellsToARow) {
+  const auto entry = [](double date, std::string name, int64_t width, int64_t height) {
+    return PlistValue(PlistValue::Dictionary{
+        {"date", Date(date)}, {"filename", std::move(name)}, {"width", width}, {"height", height}});
+  };
+  PlistValue::Array alice = {entry(132969600, "Images/a b.jpg", 100, 50),   // 2005-03-20
+                             entry(132105600, "Images/doc.pdf", 0, 0),      // 2005-03-10
+                             entry(100137600, "Images/old.PDF", 0, 0),      // 2004-03-05
+                             entry(97286400, "Images/sq.png", 40, 40)};     // 2004-02-01
+  PlistValue::Array bob;
+  for (int day = 15; day >= 11; --day)
+    bob.push_back(entry(132192000 + 86400.0 * (day - 11), // 2005-03-15 down to 03-11
+                        "Images/b" + std::to_string(day) + ".gif", 10, 20));
+  bob.push_back(entry(126316800, "Images/jan.png", 30, 20)); // 2005-01-02
+  const PlistValue archiveValue(PlistValue::Array{
+      PlistValue::Dictionary{{"speaker", "alice"}, {"filenames", alice}},
+      PlistValue::Dictionary{{"speaker", "bob"}, {"filenames", bob}}});
+  ASSERT_TRUE(writeFileAtomically(folder() / "gatheredImages.plist", archiveValue.serialized(PlistFormat::Binary)));
+  for (const char *name : {"a b.jpg", "b15.gif", "b14.gif"})
+    writeText(folder() / "Images" / name, name);
+
+  ICLPLogGenerator::GenerateImageFiles(nullptr);
+
+  const auto heading = [](const std::string &label) {
+    return "\n<h3>" + label + "</h3>\n<table class=\"images\" cellpadding=0 cellspacing=10>\n";
+  };
+  const auto cell = [](const std::string &escaped, const std::string &size) {
+    return "<td><a href=\"" + escaped + "\" target=\"_blank\"><img src=\"" + escaped + "\" " + size + "/></a></td>";
+  };
+  const std::string end = "</tr></table></ul>", row = "</tr><tr>";
+  const std::string a1 = cell("Images%2Fa%20b%2Ejpg", "width=\"90\"");
+  const std::string a2 = R"(<td><a href="Images%2Fdoc%2Epdf" target="_blank"><img src="Images/pdf.png"/></a></td>)";
+  const std::string a3 = cell("Images%2Fold%2EPDF", "height=\"90\"");
+  const std::string a4 = cell("Images%2Fsq%2Epng", "height=\"90\"");
+  std::vector<std::string> b;
+  for (int day = 15; day >= 11; --day)
+    b.push_back(cell("Images%2Fb" + std::to_string(day) + "%2Egif", "height=\"90\""));
+  const std::string b6 = cell("Images%2Fjan%2Epng", "width=\"90\"");
+  const auto index = [](int active) {
+    const auto item = [&](const std::string &href, const std::string &label, int count, bool on) {
+      return std::string(on ? "<li class=\"active\">" : "<li>") + "<a href=\"" + href + "\">" + label +
+             "</a><span class=\"numb\">(" + std::to_string(count) + ")</span></li>";
+    };
+    return item("Images.html", "All", 10, active < 0) + item("alice-images.html", "alice", 4, active == 0) +
+           item("bob-images.html", "bob", 6, active == 1);
+  };
+
+  // March 2004 follows March 2005 with nothing between: one section.
+  EXPECT_EQ(readText(folder() / "alice-images.html"), "N:alice\nC:" + index(0) + "\nI:" + heading("March 2005") + a1 +
+                                                          a2 + a3 + end + heading("February 2004") + a4 + "\n");
+  EXPECT_EQ(readText(folder() / "bob-images.html"), "N:bob\nC:" + index(1) + "\nI:" + heading("March 2005") + b[0] +
+                                                        b[1] + b[2] + b[3] + b[4] + row + end +
+                                                        heading("January 2005") + b6 + "\n");
+  // On the shared page the March 2004 cell sits in March 2005 but counts
+  // under March 2004, so the row breaks after bob's third cell.
+  EXPECT_EQ(readText(folder() / "Images.html"),
+            "N:Images\nC:" + index(-1) + "\nI:" + heading("March 2005") + a1 + a2 + a3 + b[0] + b[1] + b[2] + row +
+                b[3] + b[4] + end + heading("January 2005") + b6 + end + heading("February 2004") + a4 + end + end +
+                "\n");
+
+  EXPECT_EQ(filesBelow(folder() / "Images" / "topimages"), (std::vector<std::string>{"01.gif", "02.gif", "03.jpg"}));
+  EXPECT_EQ(readText(folder() / "Images" / "topimages" / "01.gif"), "b14.gif");
+  EXPECT_EQ(readText(folder() / "Images" / "topimages" / "03.jpg"), "a b.jpg");
+}
+
+TEST_F(ImagePages, DamagedArchiveKeepsItsFileAndPagesShowNothing) {
+  writeText(folder() / "gatheredImages.plist", "not a property list");
+  fs::create_directories(folder() / "Images" / "topimages");
+  writeText(folder() / "Images" / "topimages" / "01.png", "stale");
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  spec.messages = {MessageSpec{kAlice, 157629600, {attached(file("a.png", pictureBytes(ImageFormat::PNG, 2, 2)))}}};
+  generate(spec, "alice1979");
+
+  EXPECT_EQ(readText(folder() / "gatheredImages.plist"), "not a property list");
+  EXPECT_TRUE(fs::exists(folder() / "Images" / "a-alice1979-2005-12-30 10:00:00 +0000.png")) << "still stored";
+  EXPECT_EQ(readText(folder() / "Images.html"),
+            "N:Images\nC:<li class=\"active\"><a href=\"Images.html\">All</a><span class=\"numb\">(0)</span></li>\n"
+            "I:</tr></table></ul>\n");
+  EXPECT_FALSE(fs::exists(folder() / "alice1979-images.html"));
+  EXPECT_TRUE(filesBelow(folder() / "Images" / "topimages").empty());
+}
+
+TEST_F(ImagePages, HostileNamesStayInTheirFoldersAndEntriesMatchTheDisk) {
+  TranscriptSpec spec;
+  const Account climber{"AIM", "../up"};
+  spec.others = {climber};
+  const std::string longName = std::string(300, 'x') + ".png";
+  spec.messages = {MessageSpec{climber, 157629600,
+                               {attached(file("../../evil.png", {1})), attached(file(".hidden", {2})),
+                                attached(file(longName, {3})), attached(file("a\nb.jpg", {4}))}}};
+  generate(spec, "../up");
+
+  const auto speakers = archive();
+  ASSERT_EQ(speakers.size(), 1u);
+  const auto stored = storedEntries(speakers[0]);
+  ASSERT_EQ(stored.size(), 4u);
+  for (const Stored &entry : stored) {
+    ASSERT_EQ(entry.fileName.substr(0, 7), "Images/");
+    const std::string name = entry.fileName.substr(7);
+    EXPECT_EQ(name.find('/'), std::string::npos) << name;
+    EXPECT_NE(name.front(), '.') << name;
+    EXPECT_LE(name.size(), 255u);
+    EXPECT_TRUE(fs::is_regular_file(folder() / entry.fileName)) << name;
+  }
+  size_t storedFiles = 0;
+  for (const auto &entry : fs::directory_iterator(folder() / "Images"))
+    storedFiles += entry.path().filename() != "topimages";
+  EXPECT_EQ(storedFiles, 4u);
+  EXPECT_EQ(filesBelow(home_.path()).size(), filesBelow(folder()).size()) << "nothing outside the folder";
+  EXPECT_TRUE(fs::exists(folder() / "_._up-images.html"));
+  EXPECT_FALSE(fs::exists(home_.path() / "Library" / "up-images.html"));
+}
+
+TEST_F(ImagePages, MissingTemplateStillRefreshesTheTopImages) {
+  fs::remove(folder() / "imagetemplate.html");
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  spec.messages = {MessageSpec{kAlice, 157629600, {attached(file("a.png", pictureBytes(ImageFormat::PNG, 2, 2)))}}};
+  generate(spec, "alice1979");
+  EXPECT_FALSE(fs::exists(folder() / "Images.html"));
+  EXPECT_EQ(filesBelow(folder() / "Images" / "topimages"), std::vector<std::string>{"01.png"});
+}
+
+} // namespace
+} // namespace parlova::testing
