@@ -35,8 +35,11 @@ fuzz: deps
 	cmake --build $(BUILD) -j$(JOBS) --target parlova_fuzz_mutations
 	LSAN_OPTIONS=suppressions=tests/fuzz/lsan.supp $(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
 
+# The tools into $(PREFIX)/bin, then the templates, word lists, icon and the
+# systemd user units into this user's home (existing files are kept).
 install: all
 	cmake --install $(BUILD) --prefix $(PREFIX)
+	tools/install-user-files $(PREFIX)/bin
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-bench

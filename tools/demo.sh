@@ -28,8 +28,8 @@ for _ in $(seq 100); do [ -s "$HOME/.smtp-port" ] && break; sleep 0.1; done
 
 # The templates, word lists and icon that ship, where an install puts them.
 mkdir -p "$HOME/Library/Parlova/Images"
-cp "$(dirname "$0")/../resources/"*.html "$(dirname "$0")/../resources/"*.plist "$HOME/Library/Parlova/" 2>/dev/null || true
-cp "$(dirname "$0")/../resources/pdf.png" "$HOME/Library/Parlova/Images/" 2>/dev/null || true
+cp "$(dirname "$0")/../resources/"*.html "$(dirname "$0")/../resources/"*.plist "$HOME/Library/Parlova/"
+cp "$(dirname "$0")/../resources/pdf.png" "$HOME/Library/Parlova/Images/"
 
 defaults="$build/parlova-defaults"
 "$defaults" write com.hollowmere.parlova debugMode -int 2
@@ -50,13 +50,19 @@ for run in $(seq 20); do
   "$build/parlova"
 done
 
+pages="$HOME/Library/Parlova"
 echo
 echo "Demo home: $HOME"
 echo "Transcripts left in place:  $chats"
+find "$chats" -name '*chat' -type f | sed 's/^/  /'
 echo "Processed transcripts:      $HOME/Documents/iChats (Parlovaed)"
-ls -1 "$HOME/Documents/iChats (Parlovaed)"
-echo "Emails received:            $mail"
-ls -1 "$mail"
-echo "Link pages:                 $HOME/Library/Parlova/Links.html"
+ls -1 "$HOME/Documents/iChats (Parlovaed)" | sed 's/^/  /'
+echo "Emails received:"
+find "$mail" -name '*.eml' | sort | sed 's/^/  /'
 echo "Settings:                   $HOME/Library/Preferences/com.hollowmere.parlova.plist"
-"$build/parlova-defaults" read com.hollowmere.parlova
+echo
+echo "Open these in a browser:"
+echo "  Links:      file://$pages/Links.html"
+echo "  Pictures:   file://$pages/Images.html"
+echo "  Statistics: file://$pages/stats.html"
+echo "  Newest pictures: $pages/Images/topimages"
