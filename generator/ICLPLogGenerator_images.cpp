@@ -6,6 +6,7 @@
 #include <map>
 
 #include "generator/DateComparators.h"
+#include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
@@ -20,9 +21,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::string_view kIndexItem = R"(<li><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
-constexpr std::string_view kActiveIndexItem =
-    R"(<li class="active"><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
 constexpr std::string_view kMonthHeading = "\n<h3>%@</h3>\n<table class=\"images\" cellpadding=0 cellspacing=10>\n";
 constexpr std::string_view kLandscapeCell = R"(<td><a href="%@" target="_blank"><img src="%@" width="90"/></a></td>)";
 constexpr std::string_view kPortraitCell = R"(<td><a href="%@" target="_blank"><img src="%@" height="90"/></a></td>)";
@@ -98,28 +96,8 @@ void gatherImages(const ICLPChatLog &log, PlistValue::Array *archive, const fs::
         list->push_back(imageEntry(item.time, name, lastWidth, lastHeight));
     }
   }
-  if (!archive)
-    return;
-  for (PlistValue &entry : *archive) {
-    PlistValue *list = entry.objectForKey("filenames");
-    if (auto *images = list ? list->get<PlistValue::Array>() : nullptr)
-      std::stable_sort(images->begin(), images->end(),
-                       [](const PlistValue &a, const PlistValue &b) { return compareImageDictionaries(a, b) < 0; });
-  }
-}
-
-// The archive as read: an empty one when there is no file, nothing when the
-// file is there but is not an array of entries.
-std::optional<PlistValue> loadImageArchive(const fs::path &path) {
-  if (!fileExistsAtPath(path))
-    return PlistValue(PlistValue::Array{});
-  const auto bytes = readFileContents(path);
-  if (!bytes)
-    return std::nullopt;
-  std::optional<PlistValue> archive = PlistValue::parse(*bytes);
-  if (archive && !archive->get<PlistValue::Array>())
-    return std::nullopt;
-  return archive;
+  if (archive)
+    sortEveryList(*archive, "filenames", compareImageDictionaries);
 }
 
 struct Picture {
@@ -158,13 +136,12 @@ std::vector<SpeakerPictures> pageView(const PlistValue::Array &archive) {
   return speakers;
 }
 
-std::string indexList(const std::vector<SpeakerPictures> &speakers, size_t total, const SpeakerPictures *active) {
-  std::string list = fillFormat(active ? kIndexItem : kActiveIndexItem, {"Images.html", "All", std::to_string(total)});
+std::string pageIndex(const std::vector<SpeakerPictures> &speakers, size_t total, std::optional<size_t> active) {
+  std::vector<IndexEntry> people;
   for (const SpeakerPictures &speaker : speakers)
-    list += fillFormat(&speaker == active ? kActiveIndexItem : kIndexItem,
-                       {ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + "-images.html",
-                        *speaker.name, std::to_string(speaker.pictures.size())});
-  return list;
+    people.push_back({ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + "-images.html",
+                      *speaker.name, speaker.pictures.size()});
+  return indexList({"Images.html", "All", total}, people, active);
 }
 
 std::string cellFor(const Picture &picture) {
@@ -236,21 +213,6 @@ std::string speakerBody(const SpeakerPictures &speaker, SharedTables &tables) {
   return body;
 }
 
-std::string allImagesBody(const std::map<std::string, std::string> &sections) {
-  std::vector<const std::pair<const std::string, std::string> *> months;
-  for (const auto &month : sections)
-    months.push_back(&month);
-  std::stable_sort(months.begin(), months.end(),
-                   [](const auto *a, const auto *b) { return compareImageDateString(a->first, b->first) < 0; });
-  std::string body;
-  for (auto month = months.rbegin(); month != months.rend(); ++month) {
-    body += (*month)->second;
-    body += kSectionEnd;
-  }
-  body += kSectionEnd;
-  return body;
-}
-
 // Images/topimages anew, with copies of the three newest pictures named
 // 01, 02, 03 (newest last), each keeping its extension.
 void refreshTopImages(const std::map<Date, const std::string *> &topImages, const fs::path &folder) {
@@ -276,21 +238,22 @@ void generateImagePages(const PlistValue::Array &archive, const fs::path &folder
 
   const auto pageTemplate = readTemplate(folder / "imagetemplate.html");
   SharedTables tables;
-  for (const SpeakerPictures &speaker : speakers) {
+  for (size_t i = 0; i < speakers.size(); ++i) {
+    const SpeakerPictures &speaker = speakers[i];
     std::string body = speakerBody(speaker, tables);
     if (!pageTemplate)
       continue;
     std::string page = *pageTemplate;
     replaceOccurrences(page, "____NAME", *speaker.name);
-    replaceOccurrences(page, "____CONTENTS", indexList(speakers, total, &speaker));
+    replaceOccurrences(page, "____CONTENTS", pageIndex(speakers, total, i));
     replaceOccurrences(page, "____IMAGES", body);
     writePage(folder / (speaker.pageStem + "-images.html"), page);
   }
   if (pageTemplate) {
     std::string page = *pageTemplate;
     replaceOccurrences(page, "____NAME", "Images");
-    replaceOccurrences(page, "____CONTENTS", indexList(speakers, total, nullptr));
-    replaceOccurrences(page, "____IMAGES", allImagesBody(tables.sections));
+    replaceOccurrences(page, "____CONTENTS", pageIndex(speakers, total, std::nullopt));
+    replaceOccurrences(page, "____IMAGES", newestMonthFirst(tables.sections, compareImageDateString, kSectionEnd));
     writePage(folder / "Images.html", page);
   }
   refreshTopImages(tables.topImages, folder);
@@ -301,7 +264,7 @@ void generateImagePages(const PlistValue::Array &archive, const fs::path &folder
 void ICLPLogGenerator::GenerateImageFiles(const ICLPChatLog *log) {
   const fs::path folder = parlovaFolder();
   const fs::path archivePath = folder / "gatheredImages.plist";
-  std::optional<PlistValue> archive = loadImageArchive(archivePath);
+  std::optional<PlistValue> archive = loadGatheredArchive(archivePath);
   PlistValue::Array *entries = archive ? archive->get<PlistValue::Array>() : nullptr;
 
   if (log) {

@@ -1,8 +1,8 @@
 // The link archive (gatheredURLs.plist) and the link pages built from it.
-#include <algorithm>
 #include <map>
 
 #include "generator/DateComparators.h"
+#include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "platform/SafeFileName.h"
@@ -17,9 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::string_view kNavigationItem = R"(<li><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
-constexpr std::string_view kActiveNavigationItem =
-    R"(<li class="active"><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
 constexpr std::string_view kMonthHeading = R"(<h3>%@</h3><ul class="links">)";
 constexpr std::string_view kLinkItem = R"(<li><span><a href="%@" target="_blank">%@</a> -- %@, %@</span></li>)";
 
@@ -58,14 +55,12 @@ std::vector<SpeakerLinks> pageView(const PlistValue::Array &archive) {
   return speakers;
 }
 
-std::string navigationList(const std::vector<SpeakerLinks> &speakers, size_t total, const SpeakerLinks *active) {
-  std::string list = fillFormat(active ? kNavigationItem : kActiveNavigationItem,
-                                {"Links.html", "All", std::to_string(total)});
+std::string navigationList(const std::vector<SpeakerLinks> &speakers, size_t total, std::optional<size_t> active) {
+  std::vector<IndexEntry> people;
   for (const SpeakerLinks &speaker : speakers)
-    list += fillFormat(&speaker == active ? kActiveNavigationItem : kNavigationItem,
-                       {ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + ".html", *speaker.name,
-                        std::to_string(speaker.links.size())});
-  return list;
+    people.push_back({ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + ".html", *speaker.name,
+                      speaker.links.size()});
+  return indexList({"Links.html", "All", total}, people, active);
 }
 
 std::string monthHeading(const std::string &title) { return "\n" + fillFormat(kMonthHeading, {title}) + "\n"; }
@@ -103,22 +98,6 @@ std::string speakerLinkList(const SpeakerLinks &speaker, std::map<std::string, s
   return list;
 }
 
-// Every month's text, newest month first, each closed, plus one more close.
-std::string allLinksList(const std::map<std::string, std::string> &monthTable) {
-  std::vector<const std::pair<const std::string, std::string> *> months;
-  for (const auto &month : monthTable)
-    months.push_back(&month);
-  std::stable_sort(months.begin(), months.end(),
-                   [](const auto *a, const auto *b) { return compareLinkDateString(a->first, b->first) < 0; });
-  std::string list;
-  for (auto month = months.rbegin(); month != months.rend(); ++month) {
-    list += (*month)->second;
-    list += "</ul>";
-  }
-  list += "</ul>";
-  return list;
-}
-
 void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder) {
   const std::vector<SpeakerLinks> speakers = pageView(archive);
   size_t total = 0;
@@ -127,15 +106,14 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
 
   const auto pageTemplate = readTemplate(folder / "linktemplate.html");
   std::map<std::string, std::string> monthTable;
-  for (const SpeakerLinks &speaker : speakers) {
-    // The month table fills even without a template, as the all-links page
-    // is not written then either.
+  for (size_t i = 0; i < speakers.size(); ++i) {
+    const SpeakerLinks &speaker = speakers[i];
     std::string links = speakerLinkList(speaker, monthTable);
     if (!pageTemplate)
       continue;
     std::string page = *pageTemplate;
     replaceOccurrences(page, "____NAME", *speaker.name);
-    replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, &speaker));
+    replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, i));
     replaceOccurrences(page, "____LINKS", links);
     writePage(folder / (speaker.pageStem + ".html"), page);
   }
@@ -143,8 +121,8 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
     return;
   std::string page = *pageTemplate;
   replaceOccurrences(page, "____NAME", "Links");
-  replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, nullptr));
-  replaceOccurrences(page, "____LINKS", allLinksList(monthTable));
+  replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, std::nullopt));
+  replaceOccurrences(page, "____LINKS", newestMonthFirst(monthTable, compareLinkDateString, "</ul>"));
   writePage(folder / "Links.html", page);
 }
 
@@ -162,31 +140,7 @@ void mergeLinks(const std::vector<LinkRecord> &gathered, PlistValue::Array &arch
     for (const std::string &url : item.urls)
       links->emplace_back(PlistValue::Dictionary{{"date", item.time}, {"linkurl", url}});
   }
-  // Every speaker is re-sorted, not only those this transcript touched.
-  for (PlistValue &entry : archive) {
-    PlistValue *list = entry.objectForKey("urls");
-    if (auto *links = list ? list->get<PlistValue::Array>() : nullptr)
-      std::stable_sort(links->begin(), links->end(),
-                       [](const PlistValue &a, const PlistValue &b) { return compareLinkDictionaries(a, b) < 0; });
-  }
-}
-
-// The archive as read: nothing when the file is there but is not an array
-// of entries (unreadable, damaged, or some other property list), which
-// keeps it from being replaced.
-std::optional<PlistValue> loadLinkArchive(const fs::path &path) {
-  if (!fileExistsAtPath(path)) {
-    PlistValue::Array empty;
-    empty.reserve(10);
-    return PlistValue(std::move(empty));
-  }
-  const auto bytes = readFileContents(path);
-  if (!bytes)
-    return std::nullopt;
-  std::optional<PlistValue> archive = PlistValue::parse(*bytes);
-  if (archive && !archive->get<PlistValue::Array>())
-    return std::nullopt;
-  return archive;
+  sortEveryList(archive, "urls", compareLinkDictionaries);
 }
 
 } // namespace
@@ -194,7 +148,7 @@ std::optional<PlistValue> loadLinkArchive(const fs::path &path) {
 void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
   const fs::path folder = parlovaFolder();
   const fs::path archivePath = folder / "gatheredURLs.plist";
-  std::optional<PlistValue> archive = loadLinkArchive(archivePath);
+  std::optional<PlistValue> archive = loadGatheredArchive(archivePath);
 
   if (log) {
     if (archive)

@@ -107,6 +107,7 @@ private:
   // too short or holds something else there.
   std::shared_ptr<const ArrayObject> rootArray(size_t index) const;
   void LoadiChat3Data(std::span<const uint8_t> data);
+  int32_t countWordsOfSide(const WordSet *words, bool otherParty) const;
 
   Format format_ = Format::iChat3;
   std::shared_ptr<const ArrayObject> loadedArray_;

@@ -110,28 +110,22 @@ std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
   return gathered;
 }
 
-int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const {
+// The other party is whoever the file is named after; every other speaker,
+// in a group chat too, counts as the user.
+int32_t ICLPChatLog::countWordsOfSide(const WordSet *words, bool otherParty) const {
   int32_t total = 0;
   for (const auto &message : messages()) {
     if (!message->speaker())
       continue;
     const auto name = message->Speaker();
-    if (!name || *name != primaryOtherParty_)
+    if ((name && *name == primaryOtherParty_) == otherParty)
       total = wrappingAdd(total, message->wordCountInSet(words));
   }
   return total;
 }
 
-int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const {
-  int32_t total = 0;
-  for (const auto &message : messages()) {
-    if (!message->speaker())
-      continue;
-    const auto name = message->Speaker();
-    if (name && *name == primaryOtherParty_)
-      total = wrappingAdd(total, message->wordCountInSet(words));
-  }
-  return total;
-}
+int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const { return countWordsOfSide(words, false); }
+
+int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const { return countWordsOfSide(words, true); }
 
 } // namespace parlova

@@ -35,19 +35,10 @@ AttachmentSpec file(std::string name, std::vector<uint8_t> bytes) {
 class ImagePages : public ::testing::Test {
 protected:
   void SetUp() override {
-    savedHome_ = std::getenv("HOME") ? std::getenv("HOME") : "";
-    setenv("HOME", home_.path().c_str(), 1);
-    setenv("TZ", "UTC", 1);
-    tzset();
     fs::create_directories(folder() / "Images");
     writeText(folder() / "imagetemplate.html", "N:____NAME\nC:____CONTENTS\nI:____IMAGES\n");
   }
-  void TearDown() override {
-    setenv("HOME", savedHome_.c_str(), 1);
-    unsetenv("TZ");
-    tzset();
-  }
-  fs::path folder() const { return home_.path() / "Library" / "Parlova"; }
+  fs::path folder() const { return home_.parlovaFolder(); }
   static void generate(const TranscriptSpec &spec, const std::string &otherParty) {
     const auto log = ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, otherParty);
     ASSERT_TRUE(log);
@@ -61,8 +52,7 @@ protected:
     return parsed && parsed->get<PlistValue::Array>() ? *parsed->get<PlistValue::Array>() : PlistValue::Array{};
   }
 
-  ScratchHome home_;
-  std::string savedHome_;
+  InProcessHome home_;
 };
 
 struct Stored {

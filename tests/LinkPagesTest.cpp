@@ -34,27 +34,16 @@ MessageSpec postsLink(const Account &who, double time, const std::string &addres
 class LinkPages : public ::testing::Test {
 protected:
   void SetUp() override {
-    savedHome_ = std::getenv("HOME") ? std::getenv("HOME") : "";
-    setenv("HOME", home_.path().c_str(), 1);
-    setenv("TZ", "UTC", 1);
-    tzset();
-    fs::create_directories(folder());
     writeText(folder() / "linktemplate.html", "N:____NAME\nC:____CONTENTS\nL:____LINKS\n");
   }
-  void TearDown() override {
-    setenv("HOME", savedHome_.c_str(), 1);
-    unsetenv("TZ");
-    tzset();
-  }
-  fs::path folder() const { return home_.path() / "Library" / "Parlova"; }
+  fs::path folder() const { return home_.parlovaFolder(); }
   static void generate(const TranscriptSpec &spec, const std::string &otherParty) {
     const auto log = ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, otherParty);
     ASSERT_TRUE(log);
     ICLPLogGenerator::GenerateLinkFiles(&*log);
   }
 
-  ScratchHome home_;
-  std::string savedHome_;
+  InProcessHome home_;
 };
 
 std::string item(const std::string &href, const std::string &shown, const std::string &who, const std::string &when) {

@@ -28,19 +28,10 @@ const std::string kAllPlaceholders =
     "____SUMCURSETOTAL|____CURSERATIOSIZE|____CURSERECRATIOSIZE|____NETSPEAKTOTAL|____NETSPEAKOTHERTOTAL|"
     "____NETSPEAKSUMTOTAL|____NETSPEAKRATIOSIZE|____DATE1|____DATE2|____AVGCHATSPERDAY";
 
-class UtcClock : public ::testing::Test {
-protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-  void TearDown() override {
-    unsetenv("TZ");
-    tzset();
-  }
+// The page needs no home, only the clock; a scratch home brings UTC.
+class StatisticsPage : public ::testing::Test {
+  InProcessHome home_;
 };
-
-using StatisticsPage = UtcClock;
 
 TEST_F(StatisticsPage, FillsEveryPlaceholderWithFloatQuotientsAndCalendarDates) {
   StatisticsTotals totals{.userWords = 7, .otherWords = 14, .userCurses = 1, .otherCurses = 2, .userNetspeak = 3,
@@ -73,22 +64,14 @@ TEST_F(StatisticsPage, ZeroDenominatorsAndSameDayAndLargeCounts) {
   EXPECT_EQ(renderStatisticsPage("____USERTOTAL/____USERTOTAL ____UNKNOWN", large), "16777217/16777217 ____UNKNOWN");
 }
 
-class StatisticsStore : public UtcClock {
+class StatisticsStore : public ::testing::Test {
 protected:
   void SetUp() override {
-    UtcClock::SetUp();
-    savedHome_ = std::getenv("HOME") ? std::getenv("HOME") : "";
-    setenv("HOME", home_.path().c_str(), 1);
-    fs::create_directories(folder());
     writeText(folder() / "statstemplate.html", "____CHATLINKTOTAL ____CHATIMAGETOTAL ____DATE1 ____DATE2");
     writeWords("curses.plist", {"Darn", "heck"});
     writeWords("netspeak.plist", {"lol", "brb"});
   }
-  void TearDown() override {
-    setenv("HOME", savedHome_.c_str(), 1);
-    UtcClock::TearDown();
-  }
-  fs::path folder() const { return home_.path() / "Library" / "Parlova"; }
+  fs::path folder() const { return home_.parlovaFolder(); }
   void writeWords(const std::string &name, std::vector<std::string> words) const {
     PlistValue::Array list;
     for (auto &word : words)
@@ -112,8 +95,7 @@ protected:
     return names;
   }
 
-  ScratchHome home_;
-  std::string savedHome_;
+  InProcessHome home_;
 };
 
 TranscriptSpec chatter(double lastTime) {

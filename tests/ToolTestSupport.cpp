@@ -5,6 +5,7 @@
 #include <csignal>
 #include <thread>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -93,6 +94,19 @@ std::string ScratchHome::readSetting(const std::string &key) const {
   while (!value.empty() && value.back() == '\n')
     value.pop_back();
   return result.exitCode == 0 ? value : "(absent)";
+}
+
+InProcessHome::InProcessHome() : savedHome_(std::getenv("HOME") ? std::getenv("HOME") : "") {
+  setenv("HOME", home_.path().c_str(), 1);
+  setenv("TZ", "UTC", 1);
+  tzset();
+  fs::create_directories(parlovaFolder());
+}
+
+InProcessHome::~InProcessHome() {
+  setenv("HOME", savedHome_.c_str(), 1);
+  unsetenv("TZ");
+  tzset();
 }
 
 SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode) : folder_(folder) {

@@ -45,6 +45,24 @@ private:
   std::filesystem::path path_;
 };
 
+// Points this process at a scratch home, in UTC so that dates print the
+// same everywhere, and restores HOME and TZ afterwards.
+class InProcessHome {
+public:
+  InProcessHome();
+  ~InProcessHome();
+  InProcessHome(const InProcessHome &) = delete;
+  InProcessHome &operator=(const InProcessHome &) = delete;
+
+  const std::filesystem::path &path() const { return home_.path(); }
+  // ~/Library/Parlova, created.
+  std::filesystem::path parlovaFolder() const { return home_.path() / "Library" / "Parlova"; }
+
+private:
+  ScratchHome home_;
+  std::string savedHome_;
+};
+
 // tests/smtp_server.py in one of its modes ("accept", "auth", "refuse",
 // "silent"), listening on loopback for as long as the object lives.
 class SmtpServer {

@@ -1,0 +1,68 @@
+#include "generator/GatheredArchive.h"
+
+#include <algorithm>
+
+#include "generator/PageText.h"
+#include "platform/FileManager.h"
+
+namespace parlova {
+
+namespace {
+
+constexpr std::string_view kIndexItem = R"(<li><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
+constexpr std::string_view kActiveIndexItem =
+    R"(<li class="active"><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
+
+} // namespace
+
+std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path) {
+  if (!fileExistsAtPath(path)) {
+    PlistValue::Array empty;
+    empty.reserve(10);
+    return PlistValue(std::move(empty));
+  }
+  const auto bytes = readFileContents(path);
+  if (!bytes)
+    return std::nullopt;
+  std::optional<PlistValue> archive = PlistValue::parse(*bytes);
+  if (archive && !archive->get<PlistValue::Array>())
+    return std::nullopt;
+  return archive;
+}
+
+void sortEveryList(PlistValue::Array &archive, std::string_view listKey, EntryOrdering order) {
+  for (PlistValue &entry : archive) {
+    PlistValue *list = entry.objectForKey(listKey);
+    if (auto *items = list ? list->get<PlistValue::Array>() : nullptr)
+      std::stable_sort(items->begin(), items->end(),
+                       [order](const PlistValue &a, const PlistValue &b) { return order(a, b, nullptr) < 0; });
+  }
+}
+
+std::string indexList(const IndexEntry &all, const std::vector<IndexEntry> &people, std::optional<size_t> active) {
+  const auto item = [](const IndexEntry &entry, bool isActive) {
+    return fillFormat(isActive ? kActiveIndexItem : kIndexItem, {entry.href, entry.label, std::to_string(entry.count)});
+  };
+  std::string list = item(all, !active);
+  for (size_t i = 0; i < people.size(); ++i)
+    list += item(people[i], active == i);
+  return list;
+}
+
+std::string newestMonthFirst(const std::map<std::string, std::string> &months, MonthOrdering order,
+                             std::string_view closing) {
+  std::vector<const std::pair<const std::string, std::string> *> ordered;
+  for (const auto &month : months)
+    ordered.push_back(&month);
+  std::stable_sort(ordered.begin(), ordered.end(),
+                   [order](const auto *a, const auto *b) { return order(a->first, b->first) < 0; });
+  std::string text;
+  for (auto month = ordered.rbegin(); month != ordered.rend(); ++month) {
+    text += (*month)->second;
+    text += closing;
+  }
+  text += closing;
+  return text;
+}
+
+} // namespace parlova

@@ -1,0 +1,47 @@
+// What the link and image archives have in common: how they are read, how
+// their per-person lists are kept in order, and the index and month lists of
+// their pages.
+#pragma once
+
+#include <compare>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/PropertyListValue.h"
+
+namespace parlova {
+
+// The archive's list of people; an empty one when there is no file, and
+// nothing when the file is there but is not such a list (unreadable,
+// damaged, or some other property list), which keeps it from being
+// replaced.
+std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path);
+
+// Sorts the list under `listKey` of every entry, not only of those a
+// transcript touched; equal dates keep their order.
+using EntryOrdering = std::weak_ordering (*)(const PlistValue &, const PlistValue &, void *);
+void sortEveryList(PlistValue::Array &archive, std::string_view listKey, EntryOrdering order);
+
+// One line of a page's index: the page of everybody, or of one person.
+struct IndexEntry {
+  std::string href;
+  std::string label;
+  size_t count;
+};
+
+// The index list of a page: "All" first, then every person; the page shown
+// (`active`, or "All" when none) in the active form.
+std::string indexList(const IndexEntry &all, const std::vector<IndexEntry> &people,
+                      std::optional<size_t> active);
+
+// Every month's text, newest month first (by `order` of their titles), each
+// followed by `closing`, and one more `closing` at the end.
+using MonthOrdering = std::weak_ordering (*)(std::string_view, std::string_view);
+std::string newestMonthFirst(const std::map<std::string, std::string> &months, MonthOrdering order,
+                             std::string_view closing);
+
+} // namespace parlova
