@@ -11,6 +11,12 @@ namespace {
 
 size_t walk(const ICLPChatLog &log) {
   size_t touched = log.description().size() + log.participants().size();
+  for (const auto &record : log.GatheredURLs())
+    touched += record.urls.size();
+  for (const auto &record : log.GatheredImages())
+    touched += record.images.size();
+  const WordSet words{"lol", "the"};
+  touched += static_cast<size_t>(log.CountWordsForUserInSet(&words)) + static_cast<size_t>(log.CountWordsForOthersInSet(nullptr));
   for (const auto &message : log.messages()) {
     touched += message->rawSpeaker().value_or("").size();
     if (message->TimeStamp())
