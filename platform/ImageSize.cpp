@@ -23,12 +23,26 @@ std::optional<double> dotsPerInch(GdkPixbuf *pixbuf, const char *option) {
   return dpi;
 }
 
+// Past this many pixels a picture is not decoded (a hostile attachment can
+// claim billions); its header alone answers, without a resolution.
+constexpr double kMostPixelsDecoded = 64e6;
+
+// The size as the file's header gives it, before any pixel is decoded.
+void rememberHeaderSize(GdkPixbufLoader *loader, gint width, gint height, gpointer size) {
+  *static_cast<std::optional<ImageSize> *>(size) = ImageSize{static_cast<double>(width), static_cast<double>(height)};
+  // A size of nothing makes the decoder stop before it allocates.
+  if (static_cast<double>(width) * height > kMostPixelsDecoded)
+    gdk_pixbuf_loader_set_size(loader, 0, 0);
+}
+
 } // namespace
 
 std::optional<ImageSize> imageSizeOfData(std::span<const uint8_t> bytes) {
   if (bytes.empty())
     return std::nullopt;
   std::unique_ptr<GdkPixbufLoader, GObjectUnref> loader(gdk_pixbuf_loader_new());
+  std::optional<ImageSize> headerSize;
+  g_signal_connect(loader.get(), "size-prepared", G_CALLBACK(rememberHeaderSize), &headerSize);
   GError *error = nullptr;
   const bool written = gdk_pixbuf_loader_write(loader.get(), bytes.data(), bytes.size(), &error);
   if (error)
@@ -39,8 +53,10 @@ std::optional<ImageSize> imageSizeOfData(std::span<const uint8_t> bytes) {
   if (error)
     g_clear_error(&error);
   GdkPixbuf *pixbuf = written ? gdk_pixbuf_loader_get_pixbuf(loader.get()) : nullptr;
+  // A picture too large to decode in memory still has the size its header
+  // gives, as the Mac reported it without decoding.
   if (!pixbuf)
-    return std::nullopt;
+    return headerSize && headerSize->width > 0 && headerSize->height > 0 ? headerSize : std::nullopt;
   ImageSize size{static_cast<double>(gdk_pixbuf_get_width(pixbuf)), static_cast<double>(gdk_pixbuf_get_height(pixbuf))};
   if (const auto dpi = dotsPerInch(pixbuf, "x-dpi"))
     size.width = size.width * 72.0 / *dpi;

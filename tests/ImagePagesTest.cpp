@@ -253,6 +253,47 @@ TEST_F(ImagePages, HostileNamesStayInTheirFoldersAndEntriesMatchTheDisk) {
   EXPECT_FALSE(fs::exists(home_.path() / "Library" / "up-images.html"));
 }
 
+// A PNG that claims 60,000 by 50,000 pixels and carries almost none.
+std::vector<uint8_t> pngClaimingBillionsOfPixels() {
+  const auto crc = [](const std::vector<uint8_t> &bytes) {
+    uint32_t c = 0xFFFFFFFFu;
+    for (const uint8_t byte : bytes) {
+      c ^= byte;
+      for (int k = 0; k < 8; ++k)
+        c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+    }
+    return ~c;
+  };
+  const auto big = [](std::vector<uint8_t> &out, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+      out.push_back(static_cast<uint8_t>(value >> shift));
+  };
+  std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+  std::vector<uint8_t> header = {'I', 'H', 'D', 'R'};
+  big(header, 60000), big(header, 50000);
+  header.insert(header.end(), {8, 2, 0, 0, 0});
+  big(png, 13);
+  png.insert(png.end(), header.begin(), header.end());
+  big(png, crc(header));
+  // The decoder reports the size once the pixel data begins.
+  const std::vector<uint8_t> data = {'I', 'D', 'A', 'T', 0x78, 0x9C, 0x63, 0x00, 0x00};
+  big(png, static_cast<uint32_t>(data.size() - 4));
+  png.insert(png.end(), data.begin(), data.end());
+  big(png, crc(data));
+  return png;
+}
+
+TEST_F(ImagePages, APictureClaimingBillionsOfPixelsIsMeasuredNotDecoded) {
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  spec.messages = {MessageSpec{kAlice, 157629600, {attached(file("huge.png", pngClaimingBillionsOfPixels()))}}};
+  generate(spec, "alice1979");
+  const auto stored = storedEntries(archive().at(0));
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored[0].width, 60000);
+  EXPECT_EQ(stored[0].height, 50000);
+}
+
 TEST_F(ImagePages, MissingTemplateStillRefreshesTheTopImages) {
   fs::remove(folder() / "imagetemplate.html");
   TranscriptSpec spec;
