@@ -294,6 +294,16 @@ TEST_F(ImagePages, APictureClaimingBillionsOfPixelsIsMeasuredNotDecoded) {
   EXPECT_EQ(stored[0].height, 50000);
 }
 
+TEST_F(ImagePages, APersonWithNoPicturesGetsAnEmptyPage) {
+  const PlistValue archiveValue(
+      PlistValue::Array{PlistValue::Dictionary{{"speaker", "nobody"}, {"filenames", PlistValue::Array{}}}});
+  writeFileAtomically(folder() / "gatheredImages.plist", archiveValue.serialized(PlistFormat::XML));
+  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  EXPECT_EQ(readText(folder() / "nobody-images.html"),
+            "N:nobody\nC:<li><a href=\"Images.html\">All</a><span class=\"numb\">(0)</span></li>"
+            "<li class=\"active\"><a href=\"nobody-images.html\">nobody</a><span class=\"numb\">(0)</span></li>\nI:\n");
+}
+
 TEST_F(ImagePages, MissingTemplateStillRefreshesTheTopImages) {
   fs::remove(folder() / "imagetemplate.html");
   TranscriptSpec spec;
