@@ -62,7 +62,8 @@ std::string ICLPLogGenerator::stringWithFunkyURLStuffInserted(std::string_view t
   std::u16string escaped;
   escaped.reserve(units.size() * 3);
   for (const char16_t unit : units) {
-    const bool plain = (unit >= u'a' && unit <= u'z') || (unit >= u'A' && unit <= u'Z') || (unit >= u'0' && unit <= u'9');
+    const bool plain =
+        (unit >= u'a' && unit <= u'z') || (unit >= u'A' && unit <= u'Z') || (unit >= u'0' && unit <= u'9');
     if (plain) {
       escaped += unit;
       continue;

@@ -69,7 +69,9 @@ PlistValue imageEntry(Date date, const std::string &fileName, int64_t width, int
 
 // Sizes are cut toward zero; a size beyond any real picture is taken as
 // unreadable.
-int64_t wholePoints(double value) { return std::isfinite(value) && std::fabs(value) < 1e12 ? static_cast<int64_t>(value) : 0; }
+int64_t wholePoints(double value) {
+  return std::isfinite(value) && std::fabs(value) < 1e12 ? static_cast<int64_t>(value) : 0;
+}
 
 void gatherImages(const ICLPChatLog &log, PlistValue::Array *archive, const fs::path &imageFolder) {
   // A folder attachment takes the size of the last file attachment before

@@ -20,7 +20,9 @@ std::string fixed(double value, int decimals) {
   return text;
 }
 
-std::string average(float numerator, float denominator) { return fixed(static_cast<double>(numerator / denominator), 1); }
+std::string average(float numerator, float denominator) {
+  return fixed(static_cast<double>(numerator / denominator), 1);
+}
 
 std::string barSize(float numerator, float denominator) {
   return fixed(static_cast<double>(numerator) * 300.0 / static_cast<double>(denominator), 0);

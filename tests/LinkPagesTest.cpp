@@ -90,7 +90,8 @@ TEST_F(LinkPages, ArchiveGrowsOverTranscriptsAndPagesGroupByMonthNumber) {
   EXPECT_EQ(alice[0].dateForKey("date"), Date(154205100));
   EXPECT_EQ(*alice[2].stringForKey("linkurl"), kLongLink);
 
-  const std::string itemNov = item("http://a.example/nov", "http://a.example/nov", "alice1979", "Sun November 20, 06:45PM");
+  const std::string itemNov =
+      item("http://a.example/nov", "http://a.example/nov", "alice1979", "Sun November 20, 06:45PM");
   const std::string itemDec = item("http://a.example/1", "http://a.example/1", "alice1979", "Fri December 30, 10:00AM");
   const std::string itemJan3 = item(kLongLink, "http://www.example.c . . . th/to/something.html", "alice1979",
                                     "Tue January 3, 09:05AM");

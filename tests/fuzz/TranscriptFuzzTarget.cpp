@@ -16,7 +16,8 @@ size_t walk(const ICLPChatLog &log) {
   for (const auto &record : log.GatheredImages())
     touched += record.images.size();
   const WordSet words{"lol", "the"};
-  touched += static_cast<size_t>(log.CountWordsForUserInSet(&words)) + static_cast<size_t>(log.CountWordsForOthersInSet(nullptr));
+  touched += static_cast<size_t>(log.CountWordsForUserInSet(&words));
+  touched += static_cast<size_t>(log.CountWordsForOthersInSet(nullptr));
   for (const auto &message : log.messages()) {
     touched += message->rawSpeaker().value_or("").size();
     if (message->TimeStamp())
