@@ -53,8 +53,12 @@ struct NodeMaker {
 
 } // namespace
 
-std::optional<PlistValue> PlistValue::fromNode(plist_t node) {
-  if (!node)
+std::optional<PlistValue> PlistValue::fromNode(plist_t node) { return fromNode(node, 0); }
+
+std::optional<PlistValue> PlistValue::fromNode(plist_t node, int depth) {
+  // Nothing the program stores nests deeply; a file that does is damaged or
+  // hostile, and reading it on would exhaust the stack.
+  if (!node || depth > kMostNesting)
     return std::nullopt;
   switch (plist_get_node_type(node)) {
   case PLIST_STRING:
@@ -80,16 +84,22 @@ std::optional<PlistValue> PlistValue::fromNode(plist_t node) {
   }
   case PLIST_ARRAY: {
     Array items;
-    for (plist_t item : plistArrayItems(node))
-      if (auto value = fromNode(item))
-        items.push_back(std::move(*value));
+    for (plist_t item : plistArrayItems(node)) {
+      auto value = fromNode(item, depth + 1);
+      if (!value)
+        return std::nullopt;
+      items.push_back(std::move(*value));
+    }
     return PlistValue(std::move(items));
   }
   case PLIST_DICT: {
     Dictionary entries;
-    for (auto &[key, item] : plistDictionaryEntries(node))
-      if (auto value = fromNode(item))
-        entries.emplace_back(std::move(key), std::move(*value));
+    for (auto &[key, item] : plistDictionaryEntries(node)) {
+      auto value = fromNode(item, depth + 1);
+      if (!value)
+        return std::nullopt;
+      entries.emplace_back(std::move(key), std::move(*value));
+    }
     return PlistValue(std::move(entries));
   }
   default:

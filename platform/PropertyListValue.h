@@ -37,7 +37,9 @@ public:
   PlistValue(const char *text) : storage_(std::string(text)) {}
   PlistValue(int32_t number) : storage_(int64_t{number}) {}
 
-  // The whole tree of a borrowed node; nothing for a node of no known type.
+  // The whole tree of a borrowed node; nothing when any part of it is of
+  // no known type or it nests deeper than kMostNesting.
+  static constexpr int kMostNesting = 256;
   static std::optional<PlistValue> fromNode(plist_t node);
   // XML or binary bytes; nothing when they are not a property list.
   static std::optional<PlistValue> parse(std::span<const uint8_t> bytes);
@@ -65,6 +67,7 @@ public:
   bool operator==(const PlistValue &) const = default;
 
 private:
+  static std::optional<PlistValue> fromNode(plist_t node, int depth);
   Storage storage_;
 };
 

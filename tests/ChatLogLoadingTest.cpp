@@ -4,6 +4,7 @@
 
 #include "model/ICLPChatLog.h"
 #include "platform/FoundationValues.h"
+#include "platform/PropertyList.h"
 #include "tests/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -97,6 +98,62 @@ TEST_F(ChatLogLoading, DamagedOrForeignContentsAreNoTranscript) {
   }
   fs::create_directories(home_.path() / "folder on x.ichat");
   EXPECT_FALSE(ICLPChatLog::initWithFilePath(home_.path() / "folder on x.ichat"));
+}
+
+// Arrays inside arrays, `levels` deep, as XML and as a binary property list
+// (object i holds a reference to object i + 1).
+std::vector<uint8_t> nestedXml(size_t levels) {
+  std::string text = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
+  for (size_t i = 0; i < levels; ++i)
+    text += "<array>";
+  for (size_t i = 0; i < levels; ++i)
+    text += "</array>";
+  text += "</plist>";
+  return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+std::vector<uint8_t> nestedBinary(size_t levels) {
+  std::vector<uint8_t> bytes = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+  std::vector<uint64_t> offsets;
+  const auto put = [&](uint64_t value, int width) {
+    for (int shift = (width - 1) * 8; shift >= 0; shift -= 8)
+      bytes.push_back(static_cast<uint8_t>(value >> shift));
+  };
+  for (size_t i = 0; i < levels; ++i) {
+    offsets.push_back(bytes.size());
+    if (i + 1 == levels) {
+      bytes.push_back(0xA0); // an empty array
+    } else {
+      bytes.push_back(0xA1);
+      put(i + 1, 4);
+    }
+  }
+  const uint64_t table = bytes.size();
+  for (const uint64_t offset : offsets)
+    put(offset, 8);
+  bytes.insert(bytes.end(), 6, 0);
+  bytes.push_back(8); // offset size
+  bytes.push_back(4); // reference size
+  put(levels, 8);
+  put(0, 8);
+  put(table, 8);
+  return bytes;
+}
+
+// libplist reads and frees nesting recursively: a few hundred kilobytes of
+// nesting must be refused before it runs out of stack.
+TEST(PropertyLists, NestingTooDeepIsRefusedBeforeParsing) {
+  EXPECT_TRUE(parsePropertyList(nestedXml(100)));
+  EXPECT_TRUE(parsePropertyList(nestedBinary(100)));
+  EXPECT_FALSE(parsePropertyList(nestedXml(300000)));
+  EXPECT_FALSE(parsePropertyList(nestedBinary(300000)));
+
+  ScratchHome home;
+  fixtures::writeFile(home.chats() / "Deep on 2005-01-01.ichat", nestedBinary(300000));
+  home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+  const ToolResult result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(filesBelow(home.archive()), std::vector<std::string>{"Alice on 2005-03-01 at 10.15.ichat"});
 }
 
 } // namespace
