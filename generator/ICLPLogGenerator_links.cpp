@@ -5,11 +5,11 @@
 #include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
-#include "platform/SafeFileName.h"
 #include "model/ICLPChatLog.h"
 #include "platform/CalendarFormat.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
+#include "platform/SafeFileName.h"
 
 namespace parlova {
 
