@@ -26,10 +26,6 @@ std::optional<WordSet> loadWordList(const fs::path &path) {
   return words;
 }
 
-int32_t wrappingSum(int32_t a, int64_t b) {
-  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
 // The stored counters, read as 32-bit integers the way a number object's
 // intValue reads them; a missing key or an unparseable file reads as 0.
 StatisticsTotals loadTotals(const fs::path &path) {
@@ -49,7 +45,7 @@ StatisticsTotals loadTotals(const fs::path &path) {
   totals.userNetspeak = counter("netspeakcount");
   totals.images = counter("imagecount");
   totals.links = counter("linkcount");
-  totals.chats = wrappingSum(counter("chatcount"), 1);
+  totals.chats = wrappingAdd(counter("chatcount"), 1);
   totals.otherCurses = counter("othercursecount");
   totals.otherNetspeak = counter("othernetspeakcount");
   totals.startDate = stored ? stored->dateForKey("startDate") : std::nullopt;
@@ -63,16 +59,16 @@ void addTranscript(const ICLPChatLog &log, const fs::path &folder, StatisticsTot
   const auto netspeak = loadWordList(folder / "netspeak.plist");
   const WordSet *curseSet = curses ? &*curses : nullptr;
   const WordSet *netspeakSet = netspeak ? &*netspeak : nullptr;
-  totals.userWords = wrappingSum(totals.userWords, log.CountWordsForUserInSet(nullptr));
-  totals.otherWords = wrappingSum(totals.otherWords, log.CountWordsForOthersInSet(nullptr));
-  totals.userCurses = wrappingSum(totals.userCurses, log.CountWordsForUserInSet(curseSet));
-  totals.otherCurses = wrappingSum(totals.otherCurses, log.CountWordsForOthersInSet(curseSet));
-  totals.userNetspeak = wrappingSum(totals.userNetspeak, log.CountWordsForUserInSet(netspeakSet));
-  totals.otherNetspeak = wrappingSum(totals.otherNetspeak, log.CountWordsForOthersInSet(netspeakSet));
+  totals.userWords = wrappingAdd(totals.userWords, log.CountWordsForUserInSet(nullptr));
+  totals.otherWords = wrappingAdd(totals.otherWords, log.CountWordsForOthersInSet(nullptr));
+  totals.userCurses = wrappingAdd(totals.userCurses, log.CountWordsForUserInSet(curseSet));
+  totals.otherCurses = wrappingAdd(totals.otherCurses, log.CountWordsForOthersInSet(curseSet));
+  totals.userNetspeak = wrappingAdd(totals.userNetspeak, log.CountWordsForUserInSet(netspeakSet));
+  totals.otherNetspeak = wrappingAdd(totals.otherNetspeak, log.CountWordsForOthersInSet(netspeakSet));
   for (const ImageRecord &item : log.GatheredImages())
-    totals.images = wrappingSum(totals.images, static_cast<int64_t>(item.images.size()));
+    totals.images = wrappingAdd(totals.images, static_cast<int64_t>(item.images.size()));
   for (const LinkRecord &item : log.GatheredURLs())
-    totals.links = wrappingSum(totals.links, static_cast<int64_t>(item.urls.size()));
+    totals.links = wrappingAdd(totals.links, static_cast<int64_t>(item.urls.size()));
 }
 
 // The eleven keys in their order. Without a start date the dictionary ends

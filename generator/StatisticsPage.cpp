@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "generator/PageText.h"
+#include "model/ContentRecords.h"
 #include "platform/CalendarFormat.h"
 
 namespace parlova {
@@ -28,11 +29,6 @@ std::string barSize(float numerator, float denominator) {
   return fixed(static_cast<double>(numerator) * 300.0 / static_cast<double>(denominator), 0);
 }
 
-// Counters wrap like the 32-bit integers they are.
-int32_t wrappingSum(int32_t a, int32_t b) {
-  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
-
 std::string pageDate(const std::optional<Date> &date) {
   return date ? formatCalendarDate(*date, "%B %e, %Y") : std::string();
 }
@@ -48,7 +44,7 @@ std::string renderStatisticsPage(std::string page, const StatisticsTotals &t) {
   const std::pair<std::string_view, std::string> values[] = {
       {"____USERTOTAL", std::to_string(t.userWords)},
       {"____OTHERTOTAL", std::to_string(t.otherWords)},
-      {"____SUMTOTAL", std::to_string(wrappingSum(t.userWords, t.otherWords))},
+      {"____SUMTOTAL", std::to_string(wrappingAdd(t.userWords, t.otherWords))},
       {"____USERWORDAVG", average(f(t.userWords), chats)},
       {"____OTHERWORDAVG", average(f(t.otherWords), chats)},
       {"____SUMWORDAVG", average(wordSum, chats)},
@@ -59,12 +55,12 @@ std::string renderStatisticsPage(std::string page, const StatisticsTotals &t) {
       {"____CHATLINKTOTAL", std::to_string(t.links)},
       {"____USERCURSETOTAL", std::to_string(t.userCurses)},
       {"____OTHERCURSETOTAL", std::to_string(t.otherCurses)},
-      {"____SUMCURSETOTAL", std::to_string(wrappingSum(t.userCurses, t.otherCurses))},
+      {"____SUMCURSETOTAL", std::to_string(wrappingAdd(t.userCurses, t.otherCurses))},
       {"____CURSERATIOSIZE", barSize(f(t.userCurses), f(t.userWords))},
       {"____CURSERECRATIOSIZE", barSize(f(t.otherCurses), f(t.otherWords))},
       {"____NETSPEAKTOTAL", std::to_string(t.userNetspeak)},
       {"____NETSPEAKOTHERTOTAL", std::to_string(t.otherNetspeak)},
-      {"____NETSPEAKSUMTOTAL", std::to_string(wrappingSum(t.userNetspeak, t.otherNetspeak))},
+      {"____NETSPEAKSUMTOTAL", std::to_string(wrappingAdd(t.userNetspeak, t.otherNetspeak))},
       {"____NETSPEAKRATIOSIZE", barSize(f(t.userNetspeak), f(t.userWords))},
       {"____DATE1", pageDate(t.startDate)},
       {"____DATE2", pageDate(t.endDate)},

@@ -2,6 +2,7 @@
 // gathered pages and the statistics are built from.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -11,6 +12,13 @@
 #include "platform/FileWrapper.h"
 
 namespace parlova {
+
+// Word, link and picture counters are 32-bit and wrap around like the
+// integers they always were, without the undefined behaviour of signed
+// overflow.
+inline int32_t wrappingAdd(int32_t total, int64_t more) {
+  return static_cast<int32_t>(static_cast<uint32_t>(total) + static_cast<uint32_t>(more));
+}
 
 // Words compare exactly: case, accents and punctuation all count.
 using WordSet = std::unordered_set<std::string>;

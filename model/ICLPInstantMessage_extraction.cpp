@@ -1,4 +1,3 @@
-#include "model/ICLPChatLog.h"
 #include "model/ICLPInstantMessage.h"
 #include "platform/FoundationValues.h"
 #include "platform/TextAttributes.h"
@@ -32,12 +31,6 @@ bool isSkippedBetweenWords(char16_t unit) {
   return (unit >= 0x09 && unit <= 0x0D) || unit == 0x20 || unit == 0x85 || unit == 0xA0 || unit == 0x1680 ||
          (unit >= 0x2000 && unit <= 0x200A) || unit == 0x2028 || unit == 0x2029 || unit == 0x202F ||
          unit == 0x205F || unit == 0x3000;
-}
-
-// Counters are 32-bit and wrap like the originals, without the undefined
-// behaviour of signed overflow.
-int32_t wrappingAdd(int32_t a, int32_t b) {
-  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
 }
 
 } // namespace
@@ -93,39 +86,5 @@ int32_t ICLPInstantMessage::wordCountInSet(const WordSet *words) const {
   }
   return count;
 }
-
-std::vector<LinkRecord> ICLPChatLog::GatheredURLs() const {
-  std::vector<LinkRecord> gathered;
-  for (const auto &message : messages())
-    if (auto record = message->allURLs())
-      gathered.push_back(std::move(*record));
-  return gathered;
-}
-
-std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
-  std::vector<ImageRecord> gathered;
-  for (const auto &message : messages())
-    if (auto record = message->allImages())
-      gathered.push_back(std::move(*record));
-  return gathered;
-}
-
-// The other party is whoever the file is named after; every other speaker,
-// in a group chat too, counts as the user.
-int32_t ICLPChatLog::countWordsOfSide(const WordSet *words, bool otherParty) const {
-  int32_t total = 0;
-  for (const auto &message : messages()) {
-    if (!message->speaker())
-      continue;
-    const auto name = message->Speaker();
-    if ((name && *name == primaryOtherParty_) == otherParty)
-      total = wrappingAdd(total, message->wordCountInSet(words));
-  }
-  return total;
-}
-
-int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const { return countWordsOfSide(words, false); }
-
-int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const { return countWordsOfSide(words, true); }
 
 } // namespace parlova

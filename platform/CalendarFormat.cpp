@@ -63,14 +63,11 @@ std::string formatCalendarDate(Date date, std::string_view format) {
     const int hour12 = local->tm_hour % 12 == 0 ? 12 : local->tm_hour % 12;
     switch (directive) {
     case 'B': out += kMonthNames[static_cast<size_t>(local->tm_mon)]; break;
-    case 'b': out += kMonthNames[static_cast<size_t>(local->tm_mon)].substr(0, 3); break;
-    case 'A': out += kWeekdayNames[static_cast<size_t>(local->tm_wday)]; break;
     case 'a': out += kWeekdayNames[static_cast<size_t>(local->tm_wday)].substr(0, 3); break;
     case 'e': out += std::to_string(local->tm_mday); break;
     case 'd': out += padded(local->tm_mday, 2); break;
     case 'm': out += padded(local->tm_mon + 1, 2); break;
     case 'Y': out += std::to_string(local->tm_year + 1900); break;
-    case 'y': out += padded((local->tm_year + 1900) % 100, 2); break;
     case 'H': out += padded(local->tm_hour, 2); break;
     case 'I': out += padded(hour12, 2); break;
     case 'M': out += padded(local->tm_min, 2); break;

@@ -1,9 +1,9 @@
 // Dates rendered and read back with calendar formats, in the local time zone
 // and with English month and day names whatever the locale says:
-// "%B" full month, "%b" short month, "%A" / "%a" weekday, "%e" day without
-// padding, "%d" day with a zero, "%m" month number, "%Y" / "%y" year, "%H"
-// and "%I" hours, "%M" minutes, "%S" seconds, "%p" AM/PM, "%z" zone offset,
-// "%%" a percent sign.
+// "%B" full month, "%a" short weekday, "%e" day without padding, "%d" day
+// with a zero, "%m" month number, "%Y" year, "%H" and "%I" hours, "%M"
+// minutes, "%S" seconds, "%p" AM/PM, "%z" zone offset, "%%" a percent sign.
+// A date beyond what the calendar can hold prints "(invalid date)".
 #pragma once
 
 #include <cstdint>

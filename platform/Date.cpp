@@ -1,8 +1,8 @@
 #include "platform/Date.h"
 
 #include <chrono>
-#include <cmath>
-#include <ctime>
+
+#include "platform/CalendarFormat.h"
 
 namespace parlova {
 
@@ -12,18 +12,6 @@ Date Date::now() {
   return fromUnixTime(since.count());
 }
 
-std::string Date::description() const {
-  const double unix = std::floor(timeIntervalSince1970());
-  // Dates outside what time_t and struct tm can hold still print something.
-  if (!std::isfinite(unix) || unix < -6.7e10 || unix > 6.7e10)
-    return "(invalid date)";
-  const auto seconds = static_cast<std::time_t>(unix);
-  std::tm local{};
-  if (localtime_r(&seconds, &local) == nullptr)
-    return "(invalid date)";
-  char text[64];
-  const size_t n = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &local);
-  return std::string(text, n);
-}
+std::string Date::description() const { return formatCalendarDate(*this, "%Y-%m-%d %H:%M:%S %z"); }
 
 } // namespace parlova

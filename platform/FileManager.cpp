@@ -72,11 +72,13 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
   return bytes;
 }
 
-bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
+fs::path temporaryPathBeside(const fs::path &path) {
   std::random_device random;
-  // A short name of its own, so that a target name near the file system's
-  // limit still has room for its temporary.
-  const fs::path temporary = path.parent_path() / (".parlova-tmp-" + std::to_string(random()));
+  return path.parent_path() / (".parlova-tmp-" + std::to_string(random()));
+}
+
+bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
+  const fs::path temporary = temporaryPathBeside(path);
   const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0)
     return false;

@@ -41,6 +41,10 @@ std::optional<Date> creationDateOfItem(const std::filesystem::path &path);
 // Nothing when the file cannot be read (missing, a folder, no permission).
 std::optional<std::vector<uint8_t>> readFileContents(const std::filesystem::path &path);
 
+// A name for a temporary file or folder beside `path`, kept short so that a
+// target name near the file system's limit still has room for it.
+std::filesystem::path temporaryPathBeside(const std::filesystem::path &path);
+
 // Writes beside the target and renames over it, so that readers see the old
 // file or the new one, never a part.
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes);

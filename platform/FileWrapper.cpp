@@ -1,7 +1,6 @@
 #include "platform/FileWrapper.h"
 
 #include <cstring>
-#include <random>
 #include <string_view>
 
 #include "platform/FileManager.h"
@@ -157,8 +156,7 @@ bool FileWrapper::writeAtomically(const std::filesystem::path &path) const {
   namespace fs = std::filesystem;
   if (isRegularFile())
     return writeFileAtomically(path, contents_);
-  std::random_device random;
-  const fs::path temporary = path.parent_path() / (".parlova-tmp-" + std::to_string(random()));
+  const fs::path temporary = temporaryPathBeside(path);
   std::error_code error;
   if (!writeFolderContents(*this, temporary, 0)) {
     fs::remove_all(temporary, error);

@@ -133,15 +133,6 @@ const PlistValue *PlistValue::objectForKey(std::string_view key) const {
   return const_cast<PlistValue *>(this)->objectForKey(key);
 }
 
-void PlistValue::set(std::string_view key, PlistValue value) {
-  if (PlistValue *existing = objectForKey(key)) {
-    *existing = std::move(value);
-    return;
-  }
-  if (auto *entries = get<Dictionary>())
-    entries->emplace_back(std::string(key), std::move(value));
-}
-
 const std::string *PlistValue::stringForKey(std::string_view key) const {
   const PlistValue *value = objectForKey(key);
   return value ? value->get<std::string>() : nullptr;

@@ -26,7 +26,6 @@ public:
   // A keyed-archive object reference: kept so that nothing read is lost.
   struct Uid {
     uint64_t value;
-    bool operator==(const Uid &) const = default;
   };
   using Storage = std::variant<std::string, int64_t, double, bool, Date, Data, Array, Dictionary, Uid>;
 
@@ -48,13 +47,11 @@ public:
 
   template <class T> T *get() { return std::get_if<T>(&storage_); }
   template <class T> const T *get() const { return std::get_if<T>(&storage_); }
-  const Storage &storage() const { return storage_; }
 
   // For a dictionary: the value under `key`, or null (also when this is no
-  // dictionary). set() replaces the value in place or appends the entry.
+  // dictionary).
   PlistValue *objectForKey(std::string_view key);
   const PlistValue *objectForKey(std::string_view key) const;
-  void set(std::string_view key, PlistValue value);
 
   // Typed readings of a dictionary entry: nothing when missing or of
   // another type.
@@ -63,8 +60,6 @@ public:
   // A number read as Foundation's integerValue reads one: reals are cut
   // toward zero, booleans are 0 or 1, numeric strings are read.
   std::optional<int64_t> integerForKey(std::string_view key) const;
-
-  bool operator==(const PlistValue &) const = default;
 
 private:
   static std::optional<PlistValue> fromNode(plist_t node, int depth);
