@@ -3,20 +3,26 @@
 
 namespace parlova {
 
-std::vector<LinkRecord> ICLPChatLog::GatheredURLs() const {
-  std::vector<LinkRecord> gathered;
-  for (const auto &message : messages())
-    if (auto record = message->allURLs())
+namespace {
+
+// Every message's record, in message order; status lines give none.
+template <class Record>
+std::vector<Record> gather(const std::vector<std::shared_ptr<const ICLPInstantMessage>> &messages,
+                           std::optional<Record> (ICLPInstantMessage::*recordOf)() const) {
+  std::vector<Record> gathered;
+  gathered.reserve(messages.size());
+  for (const auto &message : messages)
+    if (auto record = ((*message).*recordOf)())
       gathered.push_back(std::move(*record));
   return gathered;
 }
 
+} // namespace
+
+std::vector<LinkRecord> ICLPChatLog::GatheredURLs() const { return gather(messages(), &ICLPInstantMessage::allURLs); }
+
 std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
-  std::vector<ImageRecord> gathered;
-  for (const auto &message : messages())
-    if (auto record = message->allImages())
-      gathered.push_back(std::move(*record));
-  return gathered;
+  return gather(messages(), &ICLPInstantMessage::allImages);
 }
 
 // The other party is whoever the file is named after; every other speaker,
