@@ -75,17 +75,22 @@ ICLPChatLog transcriptWithLinks(int links) {
   return *ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, speakerName(7));
 }
 
-void mergeLinks(benchmark::State &state) {
+// Each round starts again from the same archive, put back untimed.
+void timeMerges(benchmark::State &state, const std::string &archiveName, const std::vector<uint8_t> &archive,
+                const ICLPChatLog &log, void (*merge)(const ICLPChatLog *)) {
   BenchHome home;
-  const auto archive = archiveOf(200, static_cast<int>(state.range(0)) / 200, false);
-  const ICLPChatLog log = transcriptWithLinks(50);
   for (auto _ : state) {
     state.PauseTiming();
-    writeFileAtomically(home.folder() / "gatheredURLs.plist", archive);
+    writeFileAtomically(home.folder() / archiveName, archive);
     state.ResumeTiming();
-    ICLPLogGenerator::GenerateLinkFiles(&log);
+    merge(&log);
   }
   state.counters["archive_MB"] = static_cast<double>(archive.size()) / 1e6;
+}
+
+void mergeLinks(benchmark::State &state) {
+  timeMerges(state, "gatheredURLs.plist", archiveOf(200, static_cast<int>(state.range(0)) / 200, false),
+             transcriptWithLinks(50), ICLPLogGenerator::GenerateLinkFiles);
 }
 
 ICLPChatLog transcriptWithPictures(int pictures) {
@@ -103,16 +108,8 @@ ICLPChatLog transcriptWithPictures(int pictures) {
 }
 
 void mergePictures(benchmark::State &state) {
-  BenchHome home;
-  const auto archive = archiveOf(100, 200, true);
-  const ICLPChatLog log = transcriptWithPictures(10);
-  for (auto _ : state) {
-    state.PauseTiming();
-    writeFileAtomically(home.folder() / "gatheredImages.plist", archive);
-    state.ResumeTiming();
-    ICLPLogGenerator::GenerateImageFiles(&log);
-  }
-  state.counters["archive_MB"] = static_cast<double>(archive.size()) / 1e6;
+  timeMerges(state, "gatheredImages.plist", archiveOf(100, 200, true), transcriptWithPictures(10),
+             ICLPLogGenerator::GenerateImageFiles);
 }
 
 } // namespace
