@@ -2,12 +2,6 @@
 // server receives, and what each way of failing logs, reports and leaves.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <csignal>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-
 #include "platform/Unicode.h"
 #include "tests/ToolTestSupport.h"
 

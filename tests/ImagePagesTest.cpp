@@ -3,8 +3,6 @@
 // out by hand.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"

@@ -2,8 +2,6 @@
 // from it, compared with pages written out by hand.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 
 #include "generator/ICLPLogGenerator.h"
 #include "platform/SafeFileName.h"

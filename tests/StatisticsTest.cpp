@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
-#include <ctime>
 
 #include "generator/ICLPLogGenerator.h"
 #include "generator/StatisticsPage.h"
