@@ -107,6 +107,8 @@ int64_t TypedStreamReader::readInteger(int8_t head, bool isSigned) {
     const auto v = static_cast<uint32_t>(readUnsigned(4));
     return isSigned ? static_cast<int32_t>(v) : v;
   }
+  if (head == kInteger8)
+    return static_cast<int64_t>(readUnsigned(8)); // "Q" above 2^63 wraps, as it would in C
   throw ArchiveDamaged("a tag where an integer belongs");
 }
 

@@ -24,6 +24,7 @@ inline constexpr int8_t kFloatingPoint = -125; // 0x83: a float or double follow
 inline constexpr int8_t kNew = -124;          // 0x84: a new string, class or object
 inline constexpr int8_t kNil = -123;          // 0x85
 inline constexpr int8_t kEndOfObject = -122;  // 0x86
+inline constexpr int8_t kInteger8 = -121;     // 0x87: an 8-byte integer follows
 inline constexpr int8_t kFirstTag = -128;
 inline constexpr int8_t kLastTag = -111;
 inline constexpr int64_t kFirstReference = -110; // 0x92 refers to entry 0

@@ -281,6 +281,62 @@ std::vector<uint8_t> pngClaimingBillionsOfPixels() {
   return png;
 }
 
+// A picture in the layout Foundation serializes a regular file in, spelled
+// out field by field (FileWrapperTest.cpp has the sources): the contents
+// under "..", in the long form with padding, and the attribute record under
+// ".", which is not the picture.
+std::vector<uint8_t> foundationWrapper(const std::string &name, const std::vector<uint8_t> &contents) {
+  std::vector<uint8_t> out;
+  const auto word = [&out](uint32_t v) {
+    for (int i = 0; i < 4; ++i)
+      out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  };
+  const auto append = [&out](std::string_view text) { out.insert(out.end(), text.begin(), text.end()); };
+  append("rtfd"), word(0), word(3), word(4);
+  word(2), append("..");
+  word(19), append("__@PreferredName@__");
+  word(23), append("__@UTF8PreferredName@__");
+  word(1), append(".");
+  word(static_cast<uint32_t>(20 + contents.size())), word(static_cast<uint32_t>(8 + name.size()));
+  word(static_cast<uint32_t>(8 + name.size())), word(38);
+  word(1), word(0x80000000), word(static_cast<uint32_t>(contents.size())), word(4), word(0);
+  out.insert(out.end(), contents.begin(), contents.end());
+  word(1), word(static_cast<uint32_t>(name.size())), append(name);
+  word(1), word(static_cast<uint32_t>(name.size())), append(name);
+  word(1), word(30), word(1), word(2), append(".."), word(16), word(0), word(0644), word(2), word(1);
+  return out;
+}
+
+TEST_F(ImagePages, FoundationsWrappersGiveTheVeryPictureInBothFormats) {
+  const auto png = pictureBytes(ImageFormat::PNG, 64, 48);
+  const auto jpeg = pictureBytes(ImageFormat::JPEG, 40, 90, 144);
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  spec.messages = {MessageSpec{kAlice, 157629600, {attached({.serialized = foundationWrapper("cake.png", png)})}},
+                   MessageSpec{kAlice, 157629660, {attached({.serialized = foundationWrapper("sea.jpg", jpeg)})}}};
+  const auto chat2 = ICLPChatLog::initWithArchiveData(typedStreamTranscript(spec), ICLPChatLog::Format::iChat2,
+                                                      "alice1979");
+  ASSERT_TRUE(chat2);
+  ICLPLogGenerator::GenerateImageFiles(&*chat2);
+  spec.messages[0].time += 86400, spec.messages[1].time += 86400;
+  generate(spec, "alice1979");
+
+  const auto stored = storedEntries(archive().at(0));
+  ASSERT_EQ(stored.size(), 4u);
+  for (const auto &entry : stored) {
+    const bool isPng = entry.fileName.ends_with(".png");
+    EXPECT_EQ(readFileContents(folder() / entry.fileName), isPng ? png : jpeg) << entry.fileName;
+    EXPECT_EQ(std::make_pair(entry.width, entry.height),
+              isPng ? std::make_pair(int64_t{64}, int64_t{48}) : std::make_pair(int64_t{20}, int64_t{45}));
+  }
+  const std::string page = readText(folder() / "Images.html");
+  EXPECT_NE(page.find("cake%2Dalice1979%2D2005%2D12%2D31%2010%3A00%3A00%20%2B0000%2Epng\" width=\"90\""),
+            std::string::npos)
+      << page;
+  EXPECT_EQ(readFileContents(folder() / "Images" / "topimages" / "03.jpg"), jpeg);
+  EXPECT_EQ(readFileContents(folder() / "Images" / "topimages" / "02.png"), png);
+}
+
 TEST_F(ImagePages, APictureClaimingBillionsOfPixelsIsMeasuredNotDecoded) {
   TranscriptSpec spec;
   spec.others = {kAlice};

@@ -1,6 +1,7 @@
 #include "tests/ToolTestSupport.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -177,6 +178,24 @@ size_t countOccurrences(const std::string &text, const std::string &needle) {
   for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + needle.size()))
     ++count;
   return count;
+}
+
+std::vector<uint8_t> fromHex(std::string_view hex) {
+  std::vector<uint8_t> bytes;
+  int high = -1;
+  for (const char c : hex) {
+    const auto u = static_cast<unsigned char>(c);
+    if (!std::isxdigit(u))
+      continue;
+    const int nibble = std::isdigit(u) ? c - '0' : std::tolower(u) - 'a' + 10;
+    if (high < 0) {
+      high = nibble;
+    } else {
+      bytes.push_back(static_cast<uint8_t>(high << 4 | nibble));
+      high = -1;
+    }
+  }
+  return bytes;
 }
 
 } // namespace parlova::testing

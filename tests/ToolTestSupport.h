@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tests/fixtures/TranscriptWriter.h"
@@ -90,5 +91,7 @@ void writeText(const std::filesystem::path &path, const std::string &text);
 // The names of the files below a folder, relative to it, sorted.
 std::vector<std::string> filesBelow(const std::filesystem::path &folder);
 size_t countOccurrences(const std::string &text, const std::string &needle);
+// Bytes spelled as hexadecimal digits; anything else between them is ignored.
+std::vector<uint8_t> fromHex(std::string_view hex);
 
 } // namespace parlova::testing

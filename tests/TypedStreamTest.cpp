@@ -6,6 +6,8 @@
 #include <chrono>
 
 #include "model/ICLPChatLog.h"
+#include "platform/AttributedString.h"
+#include "platform/FoundationValues.h"
 #include "platform/TextAttributes.h"
 #include "platform/TypedStreamUnarchiver.h"
 #include "platform/Unicode.h"
@@ -101,6 +103,73 @@ protected:
   }
   ScratchHome home_;
 };
+
+// Streams written by Apple's Foundation on a Mac, from the test data of
+// ReagentX/crabstep, with the values its generator archived.
+const std::string_view kHeader = "040b73747265616d747970656481e803"; // "streamtyped", system 1000
+const std::map<std::string, std::string_view> kFoundationStreams = {
+    {"NumberInt64", "840140848484084e534e756d626572008484074e5356616c7565008484084e534f626a656374008584012a84840171"
+                    "978700e68ee7fdffffff86"},
+    {"NSString", "840140848484084e53537472696e67018484084e534f626a656374008584012b0c48656c6c6f2c20776f726c6486"},
+    {"NSDate", "840140848484064e5344617465008484084e534f626a65637400858401648280014b0186"},
+    {"NSURLRelative", "840140848484054e5355524c008484084e534f626a656374008584016301928493950092848484084e53537472696e"
+                      "67019484012b1868747470733a2f2f6578616d706c652e636f6d2f6469722f86869284979709706167652e68746d6c"
+                      "8686"},
+    {"NSAttributedString", "840140848484124e5341747472696275746564537472696e67008484084e534f626a656374008592848484084e"
+                           "53537472696e67019484012b0c48656c6c6f2c20776f726c648684026949010c928484840c4e5344696374696f"
+                           "6e6172790094840169008686"},
+    {"NSArray", "840140848484074e534172726179008484084e534f626a65637400858401690392848484084e53537472696e670194840"
+                "12b01618692848484084e534e756d626572008484074e5356616c7565009484012a848401719b01869284969701628686"},
+    {"NSDictionary", "8401408484840c4e5344696374696f6e617279008484084e534f626a65637400858401690292848484084e535374"
+                     "72696e67019484012b026b32869284969701768692849697026b318692848484084e534e756d626572008484074e5356"
+                     "616c7565009484012a848401719b018686"},
+};
+
+ObjectRef decodeFoundationStream(const std::string &name, bool generically = false) {
+  const auto bytes = fromHex(std::string(kHeader) + std::string(kFoundationStreams.at(name)));
+  auto unarchiver = TypedStreamUnarchiver::forData(bytes);
+  if (!unarchiver)
+    return nullptr;
+  unarchiver->setDecodesEverythingGenerically(generically);
+  return unarchiver->decodeRootObject().value_or(nullptr);
+}
+
+template <typename T> std::shared_ptr<const T> decoded(const std::string &name) {
+  return objectAs<T>(decodeFoundationStream(name));
+}
+
+TEST(TypedStreamGolden, FoundationsOwnStreamsDecodeToTheirValues) {
+  const auto int64 = decoded<NumberObject>("NumberInt64");
+  ASSERT_TRUE(int64) << "the 8-byte integer form";
+  EXPECT_EQ(int64->value(), NumberObject::Value(int64_t{-9'000'000'000}));
+  EXPECT_EQ(decoded<StringObject>("NSString")->value(), "Hello, world");
+  EXPECT_EQ(decoded<DateObject>("NSDate")->date().timeIntervalSince1970(), 1'000'000'000);
+  EXPECT_EQ(decoded<URLObject>("NSURLRelative")->absoluteString(), "https://example.com/dir/page.html");
+
+  const auto styled = decoded<AttributedString>("NSAttributedString");
+  ASSERT_TRUE(styled);
+  EXPECT_EQ(styled->string(), u"Hello, world");
+  ASSERT_EQ(styled->runs().size(), 1u);
+  EXPECT_EQ(styled->runs()[0].length, 12u);
+  EXPECT_TRUE(styled->runs()[0].attributes->empty());
+
+  const auto array = decoded<ArrayObject>("NSArray");
+  ASSERT_TRUE(array);
+  ASSERT_EQ(array->count(), 3u);
+  EXPECT_EQ(objectAs<StringObject>(array->items()[0])->value(), "a");
+  EXPECT_EQ(objectAs<NumberObject>(array->items()[1])->value(), NumberObject::Value(int64_t{1}));
+  EXPECT_EQ(objectAs<StringObject>(array->items()[2])->value(), "b");
+
+  const auto dictionary = decoded<DictionaryObject>("NSDictionary");
+  ASSERT_TRUE(dictionary);
+  std::map<std::string, std::string> entries;
+  for (const auto &[key, value] : dictionary->entries())
+    entries[key->description()] = value->description();
+  EXPECT_EQ(entries, (std::map<std::string, std::string>{{"k1", "1"}, {"k2", "v"}}));
+
+  for (const auto &[name, hex] : kFoundationStreams)
+    EXPECT_TRUE(decodeFoundationStream(name, true)) << name << " read generically";
+}
 
 TEST_F(TypedStreamLoading, BothFormatsAndByteOrdersLoadIntoEqualModels) {
   const TranscriptSpec spec = everything();
