@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 
-.PHONY: all deps check demo bench fuzz install clean
+.PHONY: all deps check demo bench fuzz crashtest install clean
 
 all: $(BUILD)/Makefile
 	cmake --build $(BUILD) -j$(JOBS)
@@ -34,6 +34,14 @@ fuzz: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target parlova_fuzz_mutations
 	LSAN_OPTIONS=suppressions=tests/fuzz/lsan.supp $(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
+
+# The long crash run: at least 5,000 kills and 300 pairs of overlapping runs.
+CRASH_KILLS ?= 5000
+CRASH_PAIRS ?= 300
+crashtest: deps
+	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target parlova parlova-defaults parlova-samples
+	/usr/bin/python3 tests/crash/crashtest.py $(BUILD) --kills $(CRASH_KILLS) --pairs $(CRASH_PAIRS)
 
 # The tools into $(PREFIX)/bin, then the templates, word lists, icon and the
 # systemd user units into this user's home (existing files are kept).

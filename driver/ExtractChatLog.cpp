@@ -1,10 +1,13 @@
 #include "driver/ExtractChatLog.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "driver/ProcessFlags.h"
 #include "driver/Settings.h"
+#include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
 #include "mail/SmtpSession.h"
 #include "platform/FileManager.h"
@@ -28,6 +31,24 @@ fs::path archiveTarget(const fs::path &archiveFolder, const fs::path &transcript
              (deletingPathExtension(name) + " #" + std::to_string(counter) + "." + pathExtension(name));
   }
   return target;
+}
+
+fs::path archiveFolder() { return homeDirectory() / "Documents" / "iChats (Parlovaed)"; }
+
+// The end of every processed transcript: the move, and a clean slate for
+// the email failure count.
+void moveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
+  std::error_code error;
+  fs::create_directories(target.parent_path(), error);
+  logFormat("preparing to move %@ to %@", transcript.string(), target.string());
+  if (!moveItem(transcript, target))
+    logLine("FAILED");
+
+  Preferences &settings = appSettings();
+  if (settings.intValue("errorStatus") == 0) {
+    settings.setAppValue("emailFails", PreferenceValue::integer(0));
+    settings.appSynchronize();
+  }
 }
 
 // Composes the transcript email and carries it through the SMTP session.
@@ -93,26 +114,52 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
     std::exit(0);
   }
 
+  // Whatever ends this run from here on, the next one finds the archives
+  // either without this transcript or complete with it.
+  TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
+  if (!journal.begin(path)) {
+    logFormat("Could not write %@: %@", journal.journalFile().string(), std::strerror(errno));
+    return;
+  }
+
   if (handleURLs)
     ICLPLogGenerator::GenerateLinkFiles(log);
   if (handleImages)
     ICLPLogGenerator::GenerateImageFiles(log);
   ICLPLogGenerator::UpdateStatistics(log);
 
-  const fs::path archiveFolder = homeDirectory() / "Documents" / "iChats (Parlovaed)";
-  std::error_code error;
-  fs::create_directories(archiveFolder, error);
-  const fs::path target = archiveTarget(archiveFolder, path);
-
-  logFormat("preparing to move %@ to %@", path, target.string());
-  if (!moveItem(path, target))
-    logLine("FAILED");
-
-  if (settings.intValue("errorStatus") == 0) {
-    settings.setAppValue("emailFails", PreferenceValue::integer(0));
-    settings.appSynchronize();
+  const fs::path target = archiveTarget(archiveFolder(), path);
+  if (!journal.markArchived(target)) {
+    // Without the record a later run would undo finished archives; with no
+    // journal at all it at worst processes the transcript again.
+    logFormat("Could not write %@: %@", journal.journalFile().string(), std::strerror(errno));
+    journal.clear();
   }
+  moveToArchiveFolder(path, target);
+  journal.clear();
   std::exit(0);
+}
+
+void FinishInterruptedArchiving() {
+  TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
+  const auto recovery = journal.recover();
+  switch (recovery.kind) {
+  case TranscriptJournal::Recovery::Kind::Nothing:
+    return;
+  case TranscriptJournal::Recovery::Kind::RolledBack:
+    logFormat("A run ended while archiving %@; the archives are back as they were before it.",
+              recovery.transcript.string());
+    return;
+  case TranscriptJournal::Recovery::Kind::MoveDue:
+    logFormat("A run ended before moving %@; moving it now.", recovery.transcript.string());
+    // The target chosen then may have been taken since.
+    const fs::path target = fileExistsAtPath(recovery.target)
+                                ? archiveTarget(recovery.target.parent_path(), recovery.transcript)
+                                : recovery.target;
+    moveToArchiveFolder(recovery.transcript, target);
+    journal.clear();
+    return;
+  }
 }
 
 } // namespace parlova

@@ -6,10 +6,12 @@
 #include "driver/OpenChatScript.h"
 #include "driver/ProcessFlags.h"
 #include "driver/Settings.h"
+#include "generator/ICLPLogGenerator.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
 #include "platform/Pause.h"
+#include "platform/RunLock.h"
 #include "platform/RunningApplications.h"
 
 namespace parlova {
@@ -46,6 +48,18 @@ bool isConversationOver(const std::string &entry) {
 } // namespace
 
 int runParlova() {
+  // One run at a time: two would mail, gather and count the same transcript.
+  const fs::path lockFile = ICLPLogGenerator::parlovaFolder() / ".parlova.lock";
+  const auto lock = RunLock::tryAcquire(lockFile);
+  if (lock.outcome == RunLock::Outcome::HeldElsewhere) {
+    logLine("Another run of parlova is under way; this one ends.");
+    return 0;
+  }
+  if (lock.outcome == RunLock::Outcome::Unavailable)
+    logFormat("Could not lock %@: %@", lockFile.string(), lock.error);
+  else
+    FinishInterruptedArchiving();
+
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
   shouldQuit = true;
   DirectoryEnumerator entries(chatFolder);

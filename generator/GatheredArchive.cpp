@@ -1,9 +1,12 @@
 #include "generator/GatheredArchive.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "generator/PageText.h"
 #include "platform/FileManager.h"
+#include "platform/Log.h"
 
 namespace parlova {
 
@@ -14,6 +17,15 @@ constexpr std::string_view kActiveIndexItem =
     R"(<li class="active"><a href="%@">%@</a><span class="numb">(%d)</span></li>)";
 
 } // namespace
+
+bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> bytes) {
+  std::error_code ignored;
+  std::filesystem::create_directories(path.parent_path(), ignored);
+  if (writeFileAtomically(path, bytes))
+    return true;
+  logFormat("Could not write %@: %@", path.string(), std::strerror(errno));
+  return false;
+}
 
 std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path) {
   if (!fileExistsAtPath(path)) {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +21,10 @@ namespace parlova {
 // damaged, or some other property list), which keeps it from being
 // replaced.
 std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path);
+
+// Writes an archive (links, images or totals) atomically; a failure is
+// logged with the path and the reason, and leaves the old file as it was.
+bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> bytes);
 
 // Sorts the list under `listKey` of every entry, not only of those a
 // transcript touched; equal dates keep their order.

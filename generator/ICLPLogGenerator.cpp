@@ -40,6 +40,12 @@ std::span<const std::string_view> ICLPLogGenerator::ownFileNames() {
   return kNames;
 }
 
+std::span<const std::string_view> ICLPLogGenerator::archiveFileNames() {
+  static constexpr std::array<std::string_view, 3> kNames = {"gatheredURLs.plist", "gatheredImages.plist",
+                                                             "chatgeist.plist"};
+  return kNames;
+}
+
 std::filesystem::path ICLPLogGenerator::parlovaFolder() { return homeDirectory() / "Library" / "Parlova"; }
 
 PlistValue::Array *ICLPLogGenerator::FindSpeakerArray(std::string_view speaker, PlistValue::Array *data) {

@@ -48,6 +48,9 @@ public:
   // The names of the program's own files and folders there, which no page
   // or stored file named after a speaker may take.
   static std::span<const std::string_view> ownFileNames();
+  // The files that remember history (links, images, totals) there; every
+  // one of them is only ever replaced whole, never changed in place.
+  static std::span<const std::string_view> archiveFileNames();
 };
 
 } // namespace parlova

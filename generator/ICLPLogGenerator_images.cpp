@@ -273,11 +273,8 @@ void ICLPLogGenerator::GenerateImageFiles(const ICLPChatLog *log) {
     gatherImages(*log, entries, folder / "Images");
     // A damaged archive is never replaced: what was gathered this time is on
     // disk but not recorded.
-    if (archive) {
-      std::error_code ignored;
-      fs::create_directories(folder, ignored);
-      writeFileAtomically(archivePath, archive->serialized(PlistFormat::XML));
-    }
+    if (archive)
+      writeArchive(archivePath, archive->serialized(PlistFormat::XML));
   }
 
   static const PlistValue::Array kNoImages;

@@ -153,10 +153,8 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
   if (log) {
     if (archive)
       mergeLinks(log->GatheredURLs(), *archive->get<PlistValue::Array>());
-    std::error_code ignored;
-    fs::create_directories(folder, ignored);
     const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
-    if (bytes.empty() || !writeFileAtomically(archivePath, bytes)) {
+    if (bytes.empty() || !writeArchive(archivePath, bytes)) {
       logFormat("Link file failed to write to path: %@", archivePath.string());
       ICLPChatLog::reportErrorAndLog(1, "permissions");
       return;

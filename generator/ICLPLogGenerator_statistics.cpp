@@ -1,4 +1,5 @@
 // The running totals (chatgeist.plist) and the statistics page.
+#include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "generator/StatisticsPage.h"
@@ -101,11 +102,8 @@ void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog *log) {
   totals.endDate = log ? log->LastMessageDate() : std::optional<Date>(Date::now());
 
   const std::vector<uint8_t> bytes = totalsDictionary(totals).serialized(PlistFormat::XML);
-  if (!bytes.empty()) {
-    std::error_code ignored;
-    fs::create_directories(folder, ignored);
-    writeFileAtomically(totalsPath, bytes);
-  }
+  if (!bytes.empty())
+    writeArchive(totalsPath, bytes);
 
   if (const auto pageTemplate = readTemplate(folder / "statstemplate.html"))
     writePage(folder / "stats.html", renderStatisticsPage(*pageTemplate, totals));

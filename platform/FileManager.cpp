@@ -72,9 +72,23 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
   return bytes;
 }
 
+namespace {
+constexpr std::string_view kTemporaryPrefix = ".parlova-tmp-";
+}
+
 fs::path temporaryPathBeside(const fs::path &path) {
   std::random_device random;
-  return path.parent_path() / (".parlova-tmp-" + std::to_string(random()));
+  return path.parent_path() / (std::string(kTemporaryPrefix) + std::to_string(random()));
+}
+
+void removeLeftoverTemporaries(const fs::path &folder) {
+  std::error_code error;
+  std::vector<fs::path> leftovers;
+  for (auto it = fs::directory_iterator(folder, error); !error && it != fs::directory_iterator(); it.increment(error))
+    if (it->path().filename().string().starts_with(kTemporaryPrefix))
+      leftovers.push_back(it->path());
+  for (const auto &leftover : leftovers)
+    fs::remove_all(leftover, error);
 }
 
 bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
@@ -91,13 +105,17 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
       break;
     written += static_cast<size_t>(n);
   }
+  // A short write leaves errno as it was (ENOSPC from the failing write).
   const bool complete = written == bytes.size() && fsync(fd) == 0;
+  int reason = errno;
   close(fd);
-  if (!complete || std::rename(temporary.c_str(), path.c_str()) != 0) {
-    unlink(temporary.c_str());
-    return false;
-  }
-  return true;
+  if (complete && std::rename(temporary.c_str(), path.c_str()) == 0)
+    return true;
+  if (complete)
+    reason = errno;
+  unlink(temporary.c_str());
+  errno = reason; // for the caller's message
+  return false;
 }
 
 bool moveItem(const fs::path &from, const fs::path &to) {
@@ -111,12 +129,13 @@ bool moveItem(const fs::path &from, const fs::path &to) {
   }
   if (errno != EXDEV || fileExistsAtPath(to))
     return false;
-  // Across file systems: copy, then remove the original only once the copy
-  // is complete.
+  // Across file systems: copy beside the target and rename it into place,
+  // so the target is never a part; remove the original only then.
+  const fs::path temporary = temporaryPathBeside(to);
   std::error_code error;
-  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
-  if (error) {
-    fs::remove_all(to, error);
+  fs::copy(from, temporary, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+  if (error || renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+    fs::remove_all(temporary, error);
     return false;
   }
   fs::remove_all(from, error);

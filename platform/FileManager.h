@@ -45,8 +45,12 @@ std::optional<std::vector<uint8_t>> readFileContents(const std::filesystem::path
 // target name near the file system's limit still has room for it.
 std::filesystem::path temporaryPathBeside(const std::filesystem::path &path);
 
+// Removes what writes through temporaryPathBeside left in `folder` when the
+// process died half-way. Only for when no other run can be writing there.
+void removeLeftoverTemporaries(const std::filesystem::path &folder);
+
 // Writes beside the target and renames over it, so that readers see the old
-// file or the new one, never a part.
+// file or the new one, never a part. On failure errno tells why.
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes);
 
 // Moves a file or folder; fails rather than replace anything at `to`.

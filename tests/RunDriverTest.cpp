@@ -6,9 +6,12 @@
 #include <filesystem>
 #include <regex>
 #include <spawn.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/FileManager.h"
 #include "tests/ToolTestSupport.h"
 
 extern char **environ;
@@ -99,6 +102,89 @@ TEST(RunDriver, FailedMoveLeavesTheTranscriptAndEndsNormally) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_NE(result.err.find("] FAILED\n"), std::string::npos) << result.err;
   EXPECT_TRUE(fs::exists(transcript));
+}
+
+TEST(RunDriver, ARunThatFindsAnotherUnderWayEndsAtOnce) {
+  ScratchHome home;
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
+  fs::create_directories(lockFile.parent_path());
+  const int fd = open(lockFile.c_str(), O_RDWR | O_CREAT, 0644);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] Another run of parlova is under way; this one ends.\n"), std::string::npos)
+      << result.err;
+  EXPECT_EQ(countOccurrences(result.err, "\n"), 1u);
+  EXPECT_TRUE(fs::exists(transcript));
+
+  close(fd); // as when the other run ends, however it ends
+  result = home.run("parlova");
+  EXPECT_FALSE(fs::exists(transcript)) << result.err;
+}
+
+TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
+  ScratchHome home;
+  home.setSetting("handleURLs", "-bool", "YES");
+  const fs::path folder = home.path() / "Library" / "Parlova";
+  const auto alice = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat("alice"));
+  home.run("parlova");
+  const std::string links = readText(folder / "gatheredURLs.plist");
+  const std::string totals = readText(folder / "chatgeist.plist");
+
+  // Stopped while archiving Bob: the journal keeps the archives as they
+  // were, and the stages had already changed them.
+  const auto bob = home.addTranscript("Bob on 2005-03-02.ichat", simpleChat("bob"));
+  fs::create_directories(folder / ".journal");
+  for (const char *name : {"gatheredURLs.plist", "chatgeist.plist"})
+    fs::copy_file(folder / name, folder / ".journal" / name);
+  writeText(folder / ".journal" / "journal.plist",
+            "<plist><dict><key>phase</key><string>archiving</string><key>transcript</key><string>" + bob.string() +
+                "</string><key>archives</key><dict><key>gatheredURLs.plist</key><true/><key>chatgeist.plist</key>"
+                "<true/><key>gatheredImages.plist</key><false/></dict></dict></plist>");
+  writeText(folder / "gatheredURLs.plist", "half-way");
+  writeText(folder / "chatgeist.plist", "half-way");
+  writeText(folder / "gatheredImages.plist", "made half-way");
+  writeText(folder / ".parlova-tmp-1234", "a write cut short");
+  home.setSetting("handleURLs", "-bool", "NO"); // so that only the undoing shows in the link archive
+  auto result = home.run("parlova");
+  EXPECT_NE(result.err.find("] A run ended while archiving " + bob.string() +
+                            "; the archives are back as they were before it.\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_FALSE(fs::exists(folder / ".journal"));
+  EXPECT_FALSE(fs::exists(folder / ".parlova-tmp-1234"));
+  EXPECT_FALSE(fs::exists(folder / "gatheredImages.plist"));
+  EXPECT_EQ(readText(folder / "gatheredURLs.plist"), links);
+  EXPECT_FALSE(fs::exists(bob)) << "then processed afresh";
+  EXPECT_NE(readText(folder / "chatgeist.plist").find("<key>chatcount</key>\n\t<integer>2</integer>"),
+            std::string::npos);
+
+  // Stopped between the last stage and the move: only the move is left.
+  const auto carol = home.addTranscript("Carol on 2005-03-03.ichat", simpleChat("carol"));
+  const std::string after = readText(folder / "chatgeist.plist");
+  fs::create_directories(folder / ".journal");
+  const auto bytes = readFileContents(carol);
+  // The identity the journal records: size and FNV-1a digest.
+  uint64_t hash = 0xcbf29ce484222325ull;
+  for (const uint8_t byte : *bytes)
+    hash = (hash ^ byte) * 0x100000001b3ull;
+  char digest[17];
+  std::snprintf(digest, sizeof digest, "%016llx", static_cast<unsigned long long>(hash));
+  const fs::path target = home.archive() / "Carol on 2005-03-03.ichat";
+  writeText(folder / ".journal" / "journal.plist",
+            "<plist><dict><key>phase</key><string>archived</string><key>transcript</key><string>" + carol.string() +
+                "</string><key>size</key><integer>" + std::to_string(bytes->size()) +
+                "</integer><key>digest</key><string>" + digest + "</string><key>target</key><string>" +
+                target.string() + "</string></dict></plist>");
+  result = home.run("parlova");
+  EXPECT_NE(result.err.find("] A run ended before moving " + carol.string() + "; moving it now.\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_TRUE(fs::exists(target));
+  EXPECT_FALSE(fs::exists(carol));
+  EXPECT_EQ(readText(folder / "chatgeist.plist"), after) << "counted once";
+  EXPECT_FALSE(fs::exists(folder / ".journal"));
 }
 
 TEST(RunDriver, CreatesTheArchiveFolderWhenMissing) {

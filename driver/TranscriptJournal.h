@@ -1,0 +1,69 @@
+// Makes the archiving of one transcript happen once, whatever ends a run
+// half-way (a kill, a power cut, a full disk).
+//
+// Before the first archive changes, the journal keeps the archives as they
+// are (hard links to the files, which every write replaces rather than
+// changes) and names the transcript by path, size and digest. Once every
+// stage is done it names the move's target; after the move it is cleared.
+// A later run finds what was left: archives half-way through are put back,
+// so that the transcript is processed afresh, and a move that was due is
+// finished.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace parlova {
+
+class TranscriptJournal {
+public:
+  explicit TranscriptJournal(std::filesystem::path parlovaFolder);
+
+  struct Recovery {
+    enum class Kind {
+      Nothing,    // no run died half-way, or it had changed nothing yet
+      RolledBack, // the archives are as they were before `transcript`
+      MoveDue     // `transcript` was archived and goes to `target` next
+    };
+    Kind kind = Kind::Nothing;
+    std::filesystem::path transcript;
+    std::filesystem::path target;
+  };
+
+  // Undoes or finishes what a run that died left behind. Only while no
+  // other run can be working (under the run lock). A due move is the
+  // caller's to make, followed by clear().
+  Recovery recover();
+
+  // Before the first archive changes. False when the journal could not be
+  // written; errno says why.
+  bool begin(const std::filesystem::path &transcript);
+  // Every stage is done; the transcript goes to `target` next.
+  bool markArchived(const std::filesystem::path &target);
+  // Forgets the transcript: after its move, or once nothing is left to do.
+  void clear();
+
+  std::filesystem::path journalFile() const { return folder_ / "journal.plist"; }
+
+private:
+  struct Identity {
+    uint64_t size = 0;
+    std::string digest;
+  };
+  static std::optional<Identity> identify(const std::filesystem::path &transcript);
+  bool write(const std::filesystem::path &transcript, const Identity &identity,
+             const std::optional<std::filesystem::path> &target);
+  void restoreArchives();
+
+  std::filesystem::path parlovaFolder_;
+  std::filesystem::path folder_;
+  std::optional<std::filesystem::path> transcript_;
+  Identity identity_;
+  std::vector<std::pair<std::string, bool>> existedBefore_; // archive name, whether it was there
+};
+
+} // namespace parlova
