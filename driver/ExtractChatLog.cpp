@@ -1,5 +1,6 @@
 #include "driver/ExtractChatLog.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -51,6 +52,8 @@ void moveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
   }
 }
 
+std::optional<MailSecurity> mailSecurityNamed(std::string name);
+
 // Composes the transcript email and carries it through the SMTP session.
 // True when it could not be handed to the server.
 bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to, const std::optional<std::string> &from,
@@ -62,14 +65,45 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
     ICLPChatLog::reportErrorAndLog(2, "SMTP unreachable");
     return true;
   }
+  Preferences &settings = appSettings();
+  const std::string security = settings.stringValue("emailSecurity").value_or("none");
+  const auto mode = mailSecurityNamed(security);
+  if (!mode) {
+    // A misspelt setting must not send a password in the clear.
+    const std::string reason = "emailSecurity \"" + security + "\" is none of none, starttls and tls";
+    logFormat("Could not secure the connection to the mail server: %@", reason);
+    ICLPChatLog::reportErrorAndLog(2, reason);
+    return false;
+  }
+  MailServer mailServer;
+  mailServer.host = *server;
+  mailServer.security = *mode;
+  // Implicit TLS has a port of its own; the plain and STARTTLS default stays 25.
+  mailServer.port = static_cast<unsigned>(*mode == MailSecurity::Tls && settings.intValue("emailPort") == 0 ? 465 : port);
+  mailServer.caFile = settings.stringValue("emailCAFile").value_or("");
+  mailServer.verify = !settings.boolValue("emailAllowUnverifiedCertificate");
+
   MailMessage message;
   message.subject = log.subjectForEmail();
   message.from = *from;
   message.to = *to;
   message.html = log.HTMLChatLog();
   message.plainText = log.PlainChatLog();
-  SmtpSession session(*server, static_cast<unsigned>(port), message);
+  SmtpSession session(mailServer, message);
   return log.HandleEmailSending(session);
+}
+
+// The values of emailSecurity, in any case; absent is "none".
+std::optional<MailSecurity> mailSecurityNamed(std::string name) {
+  for (char &c : name)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (name == "none" || name.empty())
+    return MailSecurity::None;
+  if (name == "starttls")
+    return MailSecurity::StartTls;
+  if (name == "tls")
+    return MailSecurity::Tls;
+  return std::nullopt;
 }
 
 } // namespace

@@ -6,8 +6,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "mail/TlsTunnel.h"
 
 namespace parlova {
 
@@ -31,9 +34,18 @@ public:
   virtual void connectionTimedOut() = 0;
 };
 
+// Where the message goes and how the connection is secured.
+struct MailServer {
+  std::string host;
+  unsigned port = 25;
+  MailSecurity security = MailSecurity::None;
+  std::string caFile;  // empty: the system's certificate store
+  bool verify = true;  // the certificate and the host name, when secured
+};
+
 class SmtpSession {
 public:
-  SmtpSession(const std::string &host, unsigned port, const MailMessage &message);
+  SmtpSession(const MailServer &server, const MailMessage &message);
   ~SmtpSession();
   SmtpSession(const SmtpSession &) = delete;
   SmtpSession &operator=(const SmtpSession &) = delete;
@@ -41,6 +53,9 @@ public:
   void setDelegate(SmtpSessionDelegate *delegate);
   // 0 when the connection is open, anything else when it failed.
   int connect();
+  // After a failed connect(): why the connection could not be secured, or
+  // nothing when the server could not be reached at all.
+  const std::optional<std::string> &securityFailure() const { return securityFailure_; }
   // A one-shot timer on the current run loop.
   void scheduleTimer(double seconds, std::function<void()> fired);
   // Runs the run loop once in its default mode with no time limit; false
@@ -57,6 +72,9 @@ public:
 
 private:
   struct Objects;
+  MailServer server_;
+  std::unique_ptr<TlsTunnel> tunnel_;
+  std::optional<std::string> securityFailure_;
   std::unique_ptr<Objects> objects_;
 };
 

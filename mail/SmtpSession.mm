@@ -101,8 +101,8 @@ struct SmtpSession::Objects {
   std::deque<std::function<void()>> timerCallbacks; // stable addresses
 };
 
-SmtpSession::SmtpSession(const std::string &host, unsigned port, const MailMessage &mail)
-    : objects_(std::make_unique<Objects>()) {
+SmtpSession::SmtpSession(const MailServer &server, const MailMessage &mail)
+    : server_(server), objects_(std::make_unique<Objects>()) {
   objects_->pool = [[NSAutoreleasePool alloc] init];
   objects_->timerTargets = [[NSMutableArray alloc] init];
   objects_->timers = [[NSMutableArray alloc] init];
@@ -137,16 +137,9 @@ SmtpSession::SmtpSession(const std::string &host, unsigned port, const MailMessa
   [from release];
   [to release];
   objects_->message = message;
-
-  objects_->smtp = [[CWSMTP alloc] initWithName:text(host) port:port];
-  [objects_->smtp setConnectionTimeout:timeoutSeconds()];
-  [objects_->smtp setReadTimeout:timeoutSeconds()];
-  [objects_->smtp setWriteTimeout:timeoutSeconds()];
-  [objects_->smtp setMessage:message];
   objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
   objects_->delegate->timeout = timeoutSeconds();
   objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
-  [objects_->smtp setDelegate:objects_->delegate];
 }
 
 SmtpSession::~SmtpSession() {
@@ -158,6 +151,7 @@ SmtpSession::~SmtpSession() {
   [objects_->timers release];
   [objects_->smtp setDelegate:nil];
   [objects_->smtp release];
+  tunnel_.reset(); // after the framework let go of its end
   [objects_->message release];
   [objects_->delegate release];
   [objects_->timerTargets release];
@@ -176,6 +170,28 @@ unsigned SmtpSession::timeoutSeconds() {
 void SmtpSession::setDelegate(SmtpSessionDelegate *delegate) { objects_->delegate->delegate = delegate; }
 
 int SmtpSession::connect() {
+  // A secured connection is made and checked before the framework sees it;
+  // the framework then speaks plain SMTP to the tunnel.
+  std::string host = server_.host;
+  unsigned port = server_.port;
+  if (server_.security != MailSecurity::None) {
+    auto opened = TlsTunnel::open({server_.security, server_.host, server_.port, server_.caFile, server_.verify,
+                                   timeoutSeconds()});
+    if (auto *failure = std::get_if<TlsTunnel::Failure>(&opened)) {
+      if (!failure->unreachable)
+        securityFailure_ = failure->reason;
+      return -1;
+    }
+    tunnel_ = std::move(std::get<std::unique_ptr<TlsTunnel>>(opened));
+    host = "127.0.0.1";
+    port = tunnel_->localPort();
+  }
+  objects_->smtp = [[CWSMTP alloc] initWithName:text(host) port:port];
+  [objects_->smtp setConnectionTimeout:timeoutSeconds()];
+  [objects_->smtp setReadTimeout:timeoutSeconds()];
+  [objects_->smtp setWriteTimeout:timeoutSeconds()];
+  [objects_->smtp setMessage:objects_->message];
+  [objects_->smtp setDelegate:objects_->delegate];
   // A framework exception must not end the run: it counts as no connection.
   @try {
     const int status = [objects_->smtp connect];
@@ -214,6 +230,8 @@ bool SmtpSession::runRunLoopOnce() {
 }
 
 void SmtpSession::authenticate(const std::string &username, const std::string &password, const std::string &mechanism) {
+  if (!objects_->smtp)
+    return;
   [objects_->smtp authenticate:text(username) password:text(password) mechanism:text(mechanism)];
 }
 

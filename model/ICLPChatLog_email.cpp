@@ -35,6 +35,13 @@ bool ICLPChatLog::HandleEmailSending(SmtpSession &session) {
     logLine("preparing to email with pantomime");
   session.setDelegate(this);
   if (session.connect() != 0) {
+    if (const auto &reason = session.securityFailure()) {
+      // Reached but not secured: nothing of the user's was sent. Reported
+      // like a refused message, so the transcript is not held back for ever.
+      logFormat("Could not secure the connection to the mail server: %@", *reason);
+      reportErrorAndLog(2, *reason);
+      return false;
+    }
     logLine("Unable to connect to mail server.");
     reportErrorAndLog(2, "SMTP unreachable");
     return true;

@@ -2,6 +2,9 @@
 // server receives, and what each way of failing logs, reports and leaves.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <unistd.h>
+
 #include "platform/Unicode.h"
 #include "tests/ToolTestSupport.h"
 
@@ -139,6 +142,136 @@ TEST_F(Email, UniqueSubjectsCountUp) {
   for (const auto &mail : server.messages())
     EXPECT_NE(mail.find("Subject: [IM] Alice ("), std::string::npos) << mail;
   EXPECT_EQ(home_.readSetting("subjectNumber"), "2");
+}
+
+// Secured mail against real TLS servers on loopback, with certificates made
+// for the test.
+class SecuredEmail : public Email {
+protected:
+  static void SetUpTestSuite() {
+    certificates_ = fs::temp_directory_path() / ("parlova-certificates-" + std::to_string(getpid()));
+    const std::string script = (fs::path(PARLOVA_SOURCE_DIR) / "tests" / "make_certificates.sh").string();
+    ASSERT_EQ(std::system(("bash '" + script + "' '" + certificates_.string() + "'").c_str()), 0);
+  }
+  static void TearDownTestSuite() { fs::remove_all(certificates_); }
+  static std::vector<std::string> serving(const std::string &certificate) {
+    return {"--cert", (certificates_ / (certificate + ".pem")).string(), "--key",
+            (certificates_ / (certificate + ".key")).string()};
+  }
+  void secure(const std::string &port, const std::string &security) {
+    configure(port);
+    home_.setSetting("emailServer", "-string", "localhost");
+    home_.setSetting("emailSecurity", "-string", security);
+    home_.setSetting("emailCAFile", "-string", (certificates_ / "ca.pem").string());
+    home_.setSetting("emailNeedsUsername", "-int", "1");
+    home_.setSetting("emailUsername", "-string", "parlova");
+    home_.setSetting("emailPassword", "-string", "secret");
+  }
+  // A message without what differs from one sending to the next: the date,
+  // the message id and the MIME boundary.
+  static std::string withoutDateAndId(std::string mail) {
+    const std::string marker = "boundary=\"";
+    if (const size_t at = mail.find(marker); at != std::string::npos) {
+      const std::string boundary = mail.substr(at + marker.size(), mail.find('"', at + marker.size()) - at - marker.size());
+      for (size_t found = mail.find(boundary); found != std::string::npos; found = mail.find(boundary, found))
+        mail.replace(found, boundary.size(), "BOUNDARY");
+    }
+    std::string kept;
+    size_t start = 0;
+    while (start < mail.size()) {
+      const size_t end = mail.find('\n', start);
+      const std::string line = mail.substr(start, end == std::string::npos ? std::string::npos : end - start + 1);
+      if (!line.starts_with("Date: ") && !line.starts_with("Message-ID: ") && !line.starts_with("X-Peer: ") &&
+          !line.starts_with("X-MailFrom: ") && !line.starts_with("X-RcptTo: "))
+        kept += line;
+      start = end == std::string::npos ? mail.size() : end + 1;
+    }
+    return kept;
+  }
+
+  inline static fs::path certificates_;
+};
+
+TEST_F(SecuredEmail, StartTlsAndImplicitTlsDeliverTheSameMessageAsPlain) {
+  std::string plainMail;
+  {
+    SmtpServer server(home_.path() / "plain", "auth");
+    configure(server.port());
+    home_.setSetting("emailNeedsUsername", "-int", "1");
+    home_.setSetting("emailUsername", "-string", "parlova");
+    home_.setSetting("emailPassword", "-string", "secret");
+    addChat();
+    home_.run("parlova");
+    ASSERT_EQ(server.messages().size(), 1u);
+    plainMail = withoutDateAndId(server.messages().front());
+    fs::remove_all(home_.archive());
+  }
+  for (const std::string security : {"starttls", "tls"}) {
+    SmtpServer server(home_.path() / security, security, serving("localhost"));
+    secure(server.port(), security);
+    addChat();
+    const auto result = home_.run("parlova");
+    ASSERT_EQ(server.messages().size(), 1u) << security << "\n" << result.err;
+    EXPECT_EQ(withoutDateAndId(server.messages().front()), plainMail) << security;
+    EXPECT_TRUE(archived());
+    EXPECT_EQ(home_.readSetting("reportThis"), "(absent)") << security;
+    fs::remove_all(home_.archive());
+  }
+}
+
+TEST_F(SecuredEmail, AServerWithoutStartTlsNeverSeesTheLogin) {
+  SmtpServer server(home_.path() / "smtp", "no-starttls");
+  secure(server.port(), "starttls");
+  addChat();
+  const auto result = home_.run("parlova");
+  EXPECT_NE(result.err.find("] Could not secure the connection to the mail server: server does not offer STARTTLS\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_EQ(home_.readSetting("reportThis"), "server does not offer STARTTLS");
+  EXPECT_EQ(home_.readSetting("emailFails"), "0") << "counted, then reset once the transcript was archived";
+  const std::string received = server.received();
+  EXPECT_NE(received.find("EHLO"), std::string::npos) << received;
+  EXPECT_EQ(received.find("AUTH"), std::string::npos) << received;
+  EXPECT_EQ(received.find("cGFybG92YQ"), std::string::npos) << "the user name in base64";
+  EXPECT_EQ(received.find("c2VjcmV0"), std::string::npos) << "the password in base64";
+  EXPECT_EQ(received.find("secret"), std::string::npos);
+  EXPECT_EQ(received.find("MAIL FROM"), std::string::npos);
+  EXPECT_TRUE(archived()) << "handled as a refused message";
+}
+
+TEST_F(SecuredEmail, CertificatesForAnotherHostOrFromAStrangerAreRefused) {
+  for (const auto &[certificate, security] :
+       std::vector<std::pair<std::string, std::string>>{{"wrong-host", "tls"}, {"stranger", "starttls"}}) {
+    SmtpServer server(home_.path() / certificate, security, serving(certificate));
+    secure(server.port(), security);
+    addChat();
+    auto result = home_.run("parlova");
+    EXPECT_TRUE(server.messages().empty()) << certificate;
+    EXPECT_NE(result.err.find("] Could not secure the connection to the mail server: TLS handshake failed: the "
+                              "server's certificate was refused ("),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(home_.readSetting("reportThis").rfind("TLS handshake failed: ", 0), 0u) << certificate;
+    fs::remove_all(home_.archive());
+
+    // Verification off: the user's explicit choice for a server they know.
+    home_.setSetting("emailAllowUnverifiedCertificate", "-bool", "YES");
+    addChat();
+    result = home_.run("parlova");
+    EXPECT_EQ(server.messages().size(), 1u) << certificate << "\n" << result.err;
+    home_.setSetting("emailAllowUnverifiedCertificate", "-bool", "NO");
+    fs::remove_all(home_.archive());
+  }
+}
+
+TEST_F(SecuredEmail, AnUnknownSecuritySettingSendsNothing) {
+  SmtpServer server(home_.path() / "smtp", "no-starttls");
+  secure(server.port(), "ssl3");
+  addChat();
+  const auto result = home_.run("parlova");
+  EXPECT_NE(result.err.find("emailSecurity \"ssl3\" is none of none, starttls and tls"), std::string::npos)
+      << result.err;
+  EXPECT_EQ(server.received(), "");
 }
 
 } // namespace

@@ -110,15 +110,20 @@ InProcessHome::~InProcessHome() {
   tzset();
 }
 
-SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode) : folder_(folder) {
+SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode, const std::vector<std::string> &arguments)
+    : folder_(folder) {
   fs::create_directories(folder);
   const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "smtp_server.py";
-  const std::string portFile = (folder / "port").string();
-  const std::string mail = (folder / "mail").string();
+  std::vector<std::string> words = {"python3",     script.string(), "--mode", mode, "--port-file",
+                                    (folder / "port").string(), "--dir", (folder / "mail").string()};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
-    execl("/usr/bin/python3", "python3", script.c_str(), "--mode", mode.c_str(), "--port-file", portFile.c_str(),
-          "--dir", mail.c_str(), nullptr);
+    execv("/usr/bin/python3", argv.data());
     _exit(127);
   }
   for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
@@ -131,9 +136,15 @@ SmtpServer::~SmtpServer() {
   waitpid(pid_, nullptr, 0);
 }
 
+std::string SmtpServer::received() const {
+  return fs::exists(folder_ / "mail" / "received") ? readText(folder_ / "mail" / "received") : "";
+}
+
 std::vector<std::string> SmtpServer::messages() const {
   std::vector<std::string> texts;
   for (const auto &name : filesBelow(folder_ / "mail")) {
+    if (!name.ends_with(".eml"))
+      continue;
     std::string text = readText(folder_ / "mail" / name);
     std::erase(text, '\r');
     texts.push_back(std::move(text));

@@ -68,7 +68,8 @@ private:
 // "silent"), listening on loopback for as long as the object lives.
 class SmtpServer {
 public:
-  SmtpServer(const std::filesystem::path &folder, const std::string &mode);
+  SmtpServer(const std::filesystem::path &folder, const std::string &mode,
+             const std::vector<std::string> &arguments = {});
   ~SmtpServer();
   SmtpServer(const SmtpServer &) = delete;
   SmtpServer &operator=(const SmtpServer &) = delete;
@@ -76,6 +77,8 @@ public:
   const std::string &port() const { return port_; }
   // Every message received so far, in arrival order, with bare line feeds.
   std::vector<std::string> messages() const;
+  // Every byte a recording server received.
+  std::string received() const;
 
 private:
   std::filesystem::path folder_;

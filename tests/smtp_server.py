@@ -6,7 +6,11 @@
 Modes: accept (every message is saved as DIR/<n>.eml), auth (AUTH LOGIN is
 required; user "parlova" with password "secret" is accepted), refuse (DATA
 is answered with --reply), silent (connections are accepted and never
-answered). The chosen port is written to FILE once the server listens.
+answered), starttls (as auth, but STARTTLS is required first), tls (as auth,
+over TLS from the first byte), no-starttls (offers AUTH LOGIN but not
+STARTTLS, and keeps every byte it receives in DIR/received). The secured
+modes take --cert and --key (PEM). The chosen port is written to FILE once
+the server listens.
 """
 import argparse
 import asyncio
@@ -57,15 +61,49 @@ def run_silent(port_file):
         held.append(connection)
 
 
+def run_recording(port_file, folder):
+    """Answers like a server that knows no STARTTLS and records what comes."""
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(8)
+    write_port(port_file, listener.getsockname()[1])
+    os.makedirs(folder, exist_ok=True)
+    while True:
+        connection, _ = listener.accept()
+        with connection, open(os.path.join(folder, "received"), "ab") as record:
+            connection.sendall(b"220 plain.example ESMTP\r\n")
+            pending = b""
+            while True:
+                data = connection.recv(4096)
+                if not data:
+                    break
+                record.write(data)
+                record.flush()
+                pending += data
+                while b"\n" in pending:
+                    line, pending = pending.split(b"\n", 1)
+                    if line.upper().startswith(b"EHLO"):
+                        connection.sendall(b"250-plain.example\r\n250-AUTH LOGIN\r\n250 8BITMIME\r\n")
+                    elif line.upper().startswith(b"AUTH"):
+                        connection.sendall(b"334 VXNlcm5hbWU6\r\n")
+                    else:
+                        connection.sendall(b"250 OK\r\n")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--mode", default="accept")
     parser.add_argument("--port-file", required=True)
     parser.add_argument("--dir", default=".")
     parser.add_argument("--reply", default="554 5.7.1 Message refused")
+    parser.add_argument("--cert")
+    parser.add_argument("--key")
     args = parser.parse_args()
     if args.mode == "silent":
         run_silent(args.port_file)
+        return
+    if args.mode == "no-starttls":
+        run_recording(args.port_file, args.dir)
         return
 
     from aiosmtpd.controller import Controller
@@ -79,6 +117,16 @@ def main():
     options = {}
     if args.mode == "auth":
         options = dict(authenticator=authenticator, auth_required=True, auth_require_tls=False)
+    elif args.mode in ("starttls", "tls"):
+        import ssl
+        context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+        context.load_cert_chain(args.cert, args.key)
+        options = dict(authenticator=authenticator, auth_required=True)
+        if args.mode == "starttls":
+            options.update(tls_context=context, require_starttls=True, auth_require_tls=True)
+        else:
+            # Secured from the first byte, which aiosmtpd's check does not see.
+            options.update(ssl_context=context, auth_require_tls=False)
     port = free_port()
     controller = Controller(handler, hostname="127.0.0.1", port=port, **options)
     controller.start()

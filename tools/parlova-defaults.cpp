@@ -63,7 +63,13 @@ std::string describe(plist_t node, const std::string &indent, bool topLevel) {
 int usage() {
   std::cerr << "usage: parlova-defaults read [DOMAIN [KEY]]\n"
                "       parlova-defaults write DOMAIN KEY [-string|-int|-integer|-float|-bool|-boolean] VALUE\n"
-               "       parlova-defaults delete DOMAIN [KEY]\n";
+               "       parlova-defaults delete DOMAIN [KEY]\n"
+               "Parlova's settings (domain com.hollowmere.parlova):\n"
+               "  sendEmails handleURLs handleImages debugMode forceUniqueSubjects\n"
+               "  emailServer emailPort emailAddress emailOutgoing\n"
+               "  emailSecurity (none, starttls, tls) emailCAFile emailAllowUnverifiedCertificate\n"
+               "  emailNeedsUsername emailUsername emailPassword\n"
+               "  errorStatus emailFails reportThis subjectNumber (written by Parlova)\n";
   return 2;
 }
 

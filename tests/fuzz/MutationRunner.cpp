@@ -28,9 +28,10 @@ std::vector<std::vector<uint8_t>> corpus() {
   RunSpec link = text("link");
   link.link = LinkSpec{"page.html", true, "http://example.com/dir/"};
   RunSpec file = text("\xEF\xBF\xBC");
-  file.attachment = AttachmentSpec{"a.png", {1, 2, 3, 4, 5}, false, {}, false};
+  file.attachment = AttachmentSpec{.fileName = "a.png", .bytes = {1, 2, 3, 4, 5}};
   RunSpec folder = text("\xEF\xBF\xBC");
-  folder.attachment = AttachmentSpec{"dir", {}, true, {AttachmentSpec{"b.txt", {9}, false, {}, false}}, false};
+  folder.attachment =
+      AttachmentSpec{.fileName = "dir", .isFolder = true, .children = {{.fileName = "b.txt", .bytes = {9}}}};
   styled.runs = {colored, link, file, folder, colored};
   rich.messages = {styled, says(me, 1010, "plain"), styled};
   MessageSpec status;

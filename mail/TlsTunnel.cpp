@@ -1,0 +1,357 @@
+#include "mail/TlsTunnel.h"
+
+#include <arpa/inet.h>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <optional>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+#include <utility>
+#include <unistd.h>
+#include <vector>
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
+namespace parlova {
+
+namespace {
+
+class Socket {
+public:
+  Socket() = default;
+  explicit Socket(int fd) : fd_(fd) {}
+  Socket(Socket &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Socket &operator=(Socket &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Socket() {
+    if (fd_ >= 0)
+      close(fd_);
+  }
+  int fd() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+private:
+  int fd_ = -1;
+};
+
+struct SslContextDeleter {
+  void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
+};
+struct SslDeleter {
+  void operator()(SSL *ssl) const { SSL_free(ssl); }
+};
+using SslContextPtr = std::unique_ptr<SSL_CTX, SslContextDeleter>;
+using SslPtr = std::unique_ptr<SSL, SslDeleter>;
+
+// The EHLO name the mail framework uses too.
+constexpr std::string_view kClientName = "localhost.localdomain";
+// No SMTP reply is anywhere near this long; a server sending more is not
+// one to talk to.
+constexpr size_t kLongestReply = 64 * 1024;
+
+void setTimeouts(int fd, unsigned seconds) {
+  const timeval limit{static_cast<time_t>(seconds), 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+Socket connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo *found = nullptr;
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+    return {};
+  Socket connected;
+  for (const addrinfo *address = found; address && !connected; address = address->ai_next) {
+    Socket candidate(socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
+    if (!candidate)
+      continue;
+    setTimeouts(candidate.fd(), timeoutSeconds); // bounds connect() too
+    if (connect(candidate.fd(), address->ai_addr, address->ai_addrlen) == 0)
+      connected = std::move(candidate);
+  }
+  freeaddrinfo(found);
+  return connected;
+}
+
+bool sendAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent <= 0)
+      return false;
+    bytes.remove_prefix(static_cast<size_t>(sent));
+  }
+  return true;
+}
+
+// One whole reply, every line of it without its line end; nothing when the
+// connection ends, times out or sends something else.
+std::optional<std::vector<std::string>> readReply(int fd, std::string &pending) {
+  std::vector<std::string> lines;
+  while (true) {
+    const auto end = pending.find('\n');
+    if (end == std::string::npos) {
+      if (pending.size() > kLongestReply)
+        return std::nullopt;
+      char chunk[4096];
+      const ssize_t got = recv(fd, chunk, sizeof chunk, 0);
+      if (got <= 0)
+        return std::nullopt;
+      pending.append(chunk, static_cast<size_t>(got));
+      continue;
+    }
+    std::string line = pending.substr(0, end);
+    pending.erase(0, end + 1);
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+    lines.push_back(line);
+    if (line.size() < 4 || line[3] != '-')
+      return lines;
+  }
+}
+
+bool replyCodeIs(const std::vector<std::string> &reply, std::string_view code) {
+  return !reply.empty() && reply.back().compare(0, 3, code) == 0;
+}
+
+// The extension keyword of each EHLO line: "250-STARTTLS" gives "STARTTLS".
+bool offers(const std::vector<std::string> &ehloReply, std::string_view extension) {
+  for (const auto &line : ehloReply) {
+    if (line.size() < 4)
+      continue;
+    const size_t blank = line.find(' ', 4);
+    std::string keyword = line.substr(4, blank == std::string::npos ? std::string::npos : blank - 4);
+    for (char &c : keyword)
+      c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (keyword == extension)
+      return true;
+  }
+  return false;
+}
+
+std::string lastSslError() {
+  const unsigned long code = ERR_get_error();
+  ERR_clear_error();
+  if (code == 0)
+    return "the connection ended during the handshake";
+  const char *reason = ERR_reason_error_string(code);
+  return reason ? reason : "error " + std::to_string(code);
+}
+
+struct Secured {
+  SslContextPtr context;
+  SslPtr ssl;
+};
+
+std::variant<Secured, std::string> handshake(int fd, const TlsOptions &options) {
+  SslContextPtr context(SSL_CTX_new(TLS_client_method()));
+  if (!context)
+    return "TLS handshake failed: " + lastSslError();
+  SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+  if (options.verify) {
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    const bool loaded = options.caFile.empty()
+                            ? SSL_CTX_set_default_verify_paths(context.get()) == 1
+                            : SSL_CTX_load_verify_locations(context.get(), options.caFile.c_str(), nullptr) == 1;
+    if (!loaded) {
+      ERR_clear_error();
+      return "TLS handshake failed: no certificates could be read from " +
+             (options.caFile.empty() ? std::string("the system's store") : options.caFile);
+    }
+  }
+  SslPtr ssl(SSL_new(context.get()));
+  if (!ssl)
+    return "TLS handshake failed: " + lastSslError();
+  SSL_set_fd(ssl.get(), fd);
+  in6_addr ignored;
+  const bool isAddress = inet_pton(AF_INET, options.host.c_str(), &ignored) == 1 ||
+                         inet_pton(AF_INET6, options.host.c_str(), &ignored) == 1;
+  if (!isAddress)
+    SSL_set_tlsext_host_name(ssl.get(), options.host.c_str());
+  if (options.verify) {
+    X509_VERIFY_PARAM *checks = SSL_get0_param(ssl.get());
+    if (isAddress)
+      X509_VERIFY_PARAM_set1_ip_asc(checks, options.host.c_str());
+    else
+      X509_VERIFY_PARAM_set1_host(checks, options.host.c_str(), 0);
+  }
+  if (SSL_connect(ssl.get()) != 1) {
+    const long verdict = SSL_get_verify_result(ssl.get());
+    if (options.verify && verdict != X509_V_OK) {
+      ERR_clear_error();
+      return std::string("TLS handshake failed: the server's certificate was refused (") +
+             X509_verify_cert_error_string(verdict) + ")";
+    }
+    return "TLS handshake failed: " + lastSslError();
+  }
+  return Secured{std::move(context), std::move(ssl)};
+}
+
+// Greeting, EHLO, STARTTLS; nothing of the user's is sent before the
+// upgrade. An empty answer means the server agreed to start TLS.
+std::string negotiateStartTls(int fd) {
+  std::string pending;
+  const auto greeting = readReply(fd, pending);
+  if (!greeting || !replyCodeIs(*greeting, "220"))
+    return "the server did not greet as a mail server does";
+  if (!sendAll(fd, "EHLO " + std::string(kClientName) + "\r\n"))
+    return "the server closed the connection";
+  const auto extensions = readReply(fd, pending);
+  if (!extensions || !replyCodeIs(*extensions, "250"))
+    return "the server did not answer EHLO";
+  if (!offers(*extensions, "STARTTLS"))
+    return "server does not offer STARTTLS";
+  if (!sendAll(fd, "STARTTLS\r\n"))
+    return "the server closed the connection";
+  const auto ready = readReply(fd, pending);
+  if (!ready || !replyCodeIs(*ready, "220"))
+    return "server refused STARTTLS";
+  if (!pending.empty())
+    return "the server sent data before TLS started"; // would be trusted as if secured
+  return {};
+}
+
+} // namespace
+
+struct TlsTunnel::State {
+  Secured secured;
+  Socket server;
+  Socket listener;
+  unsigned port = 0;
+  std::string greeting; // what the framework reads first, for STARTTLS
+  int wake[2] = {-1, -1};
+  std::thread relay;
+
+  ~State() {
+    if (wake[1] >= 0) {
+      const char stop = 0;
+      [[maybe_unused]] const ssize_t written = write(wake[1], &stop, 1);
+    }
+    // Unblocks a relay waiting inside a TLS read.
+    if (server)
+      shutdown(server.fd(), SHUT_RDWR);
+    if (relay.joinable())
+      relay.join();
+    for (const int fd : wake)
+      if (fd >= 0)
+        close(fd);
+  }
+
+  void run(unsigned timeoutSeconds) {
+    pollfd waiting[2] = {{listener.fd(), POLLIN, 0}, {wake[0], POLLIN, 0}};
+    if (poll(waiting, 2, static_cast<int>(timeoutSeconds) * 1000) <= 0 || !(waiting[0].revents & POLLIN))
+      return;
+    const Socket client(accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!client || (!greeting.empty() && !sendAll(client.fd(), greeting)))
+      return;
+    SSL *ssl = secured.ssl.get();
+    char buffer[16384];
+    while (true) {
+      pollfd ready[3] = {{client.fd(), POLLIN, 0}, {server.fd(), POLLIN, 0}, {wake[0], POLLIN, 0}};
+      if (SSL_pending(ssl) == 0 && poll(ready, 3, -1) < 0)
+        return;
+      if (ready[2].revents)
+        return;
+      // Readable does not mean application data (TLS 1.3 sends session
+      // tickets after the handshake): read until the record layer wants more.
+      if (SSL_pending(ssl) > 0 || ready[1].revents) {
+        while (true) {
+          const int got = SSL_read(ssl, buffer, sizeof buffer);
+          if (got > 0) {
+            if (!sendAll(client.fd(), std::string_view(buffer, static_cast<size_t>(got))))
+              return;
+            continue;
+          }
+          if (SSL_get_error(ssl, got) != SSL_ERROR_WANT_READ || !waitUnlessWanted(ssl, got, true))
+            break;
+        }
+        if (SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN)
+          return;
+      }
+      if (ready[0].revents) {
+        const ssize_t got = recv(client.fd(), buffer, sizeof buffer, 0);
+        if (got <= 0 || !writeAll(ssl, buffer, static_cast<int>(got)))
+          return;
+      }
+    }
+  }
+
+  // After a TLS call that wants the socket: true when it only wants more
+  // to read (the caller goes back to waiting), after waiting for writing
+  // room when it wants that. False when the connection is done for.
+  bool waitUnlessWanted(SSL *ssl, int result, bool readOnly) {
+    const int error = SSL_get_error(ssl, result);
+    if (error == SSL_ERROR_WANT_READ && readOnly)
+      return false;
+    if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)
+      return false;
+    pollfd ready[2] = {{server.fd(), static_cast<short>(error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0},
+                       {wake[0], POLLIN, 0}};
+    return poll(ready, 2, -1) > 0 && !ready[1].revents;
+  }
+
+  bool writeAll(SSL *ssl, const char *bytes, int length) {
+    while (true) {
+      const int written = SSL_write(ssl, bytes, length);
+      if (written == length)
+        return true;
+      if (written > 0 || !waitUnlessWanted(ssl, written, false))
+        return false;
+    }
+  }
+};
+
+TlsTunnel::TlsTunnel(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+TlsTunnel::~TlsTunnel() = default;
+
+unsigned TlsTunnel::localPort() const { return state_->port; }
+
+std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(const TlsOptions &options) {
+  // A server that goes away mid-write must end a write, not the process.
+  std::signal(SIGPIPE, SIG_IGN);
+  auto state = std::make_unique<State>();
+  state->server = connectTo(options.host, options.port, options.timeoutSeconds);
+  if (!state->server)
+    return Failure{true, "could not connect"};
+  if (options.security == MailSecurity::StartTls) {
+    if (const std::string refused = negotiateStartTls(state->server.fd()); !refused.empty())
+      return Failure{false, refused};
+    state->greeting = "220 " + options.host + " ESMTP\r\n";
+  }
+  auto secured = handshake(state->server.fd(), options);
+  if (auto *reason = std::get_if<std::string>(&secured))
+    return Failure{false, *reason};
+  state->secured = std::move(std::get<Secured>(secured));
+  // From here the session's own time-out watches, and the relay waits on
+  // both ends at once.
+  setTimeouts(state->server.fd(), 0);
+  fcntl(state->server.fd(), F_SETFL, fcntl(state->server.fd(), F_GETFL) | O_NONBLOCK);
+
+  state->listener = Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in loopback{};
+  loopback.sin_family = AF_INET;
+  loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof loopback;
+  if (!state->listener || bind(state->listener.fd(), reinterpret_cast<sockaddr *>(&loopback), sizeof loopback) != 0 ||
+      listen(state->listener.fd(), 1) != 0 ||
+      getsockname(state->listener.fd(), reinterpret_cast<sockaddr *>(&loopback), &length) != 0 ||
+      pipe2(state->wake, O_CLOEXEC) != 0)
+    return Failure{false, std::string("no loopback connection for the mail framework: ") + std::strerror(errno)};
+  state->port = ntohs(loopback.sin_port);
+  State *relay = state.get();
+  state->relay = std::thread([relay, timeout = options.timeoutSeconds] { relay->run(timeout); });
+  return std::make_unique<TlsTunnel>(std::move(state));
+}
+
+} // namespace parlova
