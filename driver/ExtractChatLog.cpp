@@ -89,8 +89,15 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
   message.to = *to;
   message.html = log.HTMLChatLog();
   message.plainText = log.PlainChatLog();
-  SmtpSession session(mailServer, message);
-  return log.HandleEmailSending(session);
+  std::string why;
+  const auto session = SmtpSession::open(mailServer, message, why);
+  if (!session) {
+    logFormat("Could not load the mail module: %@", why);
+    logLine("Unable to connect to mail server.");
+    ICLPChatLog::reportErrorAndLog(2, "SMTP unreachable");
+    return true;
+  }
+  return log.HandleEmailSending(*session);
 }
 
 // The values of emailSecurity, in any case; absent is "none".

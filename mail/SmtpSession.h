@@ -43,39 +43,36 @@ struct MailServer {
   bool verify = true;  // the certificate and the host name, when secured
 };
 
+// One SMTP session carrying one message. The implementation lives in a
+// module of its own (the mail framework, GNUstep and OpenSSL), loaded the
+// first time a mail is sent, so that runs that send nothing never load it.
 class SmtpSession {
 public:
-  SmtpSession(const MailServer &server, const MailMessage &message);
-  ~SmtpSession();
-  SmtpSession(const SmtpSession &) = delete;
-  SmtpSession &operator=(const SmtpSession &) = delete;
+  // Nothing when the mail module cannot be loaded; `why` then says why.
+  static std::unique_ptr<SmtpSession> open(const MailServer &server, const MailMessage &message, std::string &why);
 
-  void setDelegate(SmtpSessionDelegate *delegate);
+  virtual ~SmtpSession() = default;
+
+  virtual void setDelegate(SmtpSessionDelegate *delegate) = 0;
   // 0 when the connection is open, anything else when it failed.
-  int connect();
+  virtual int connect() = 0;
   // After a failed connect(): why the connection could not be secured, or
   // nothing when the server could not be reached at all.
-  const std::optional<std::string> &securityFailure() const { return securityFailure_; }
+  virtual const std::optional<std::string> &securityFailure() const = 0;
   // A one-shot timer on the current run loop.
-  void scheduleTimer(double seconds, std::function<void()> fired);
+  virtual void scheduleTimer(double seconds, std::function<void()> fired) = 0;
   // Runs the run loop once in its default mode with no time limit; false
   // when it had nothing to run.
-  bool runRunLoopOnce();
-  void authenticate(const std::string &username, const std::string &password, const std::string &mechanism);
-  void sendMessage();
+  virtual bool runRunLoopOnce() = 0;
+  virtual void authenticate(const std::string &username, const std::string &password,
+                            const std::string &mechanism) = 0;
+  virtual void sendMessage() = 0;
   // The server's last reply, as bytes.
-  std::vector<uint8_t> lastResponse() const;
-
-  // How long the framework waits on a silent server before it reports a
-  // time-out: its own default, or $PARLOVA_SMTP_TIMEOUT_SECONDS.
-  static unsigned timeoutSeconds();
-
-private:
-  struct Objects;
-  MailServer server_;
-  std::unique_ptr<TlsTunnel> tunnel_;
-  std::optional<std::string> securityFailure_;
-  std::unique_ptr<Objects> objects_;
+  virtual std::vector<uint8_t> lastResponse() const = 0;
 };
+
+// What the mail module exports: a new session, owned by the caller.
+using OpenSmtpSessionFunction = SmtpSession *(*)(const MailServer *server, const MailMessage *message);
+inline constexpr const char *kOpenSmtpSessionSymbol = "parlovaOpenSmtpSession";
 
 } // namespace parlova

@@ -1,4 +1,5 @@
-// The Pantomime side of the SMTP session. Objective-C stays in this file.
+// The Pantomime side of the SMTP session, built into the mail module.
+// Objective-C stays in this file.
 #include "mail/SmtpSession.h"
 
 #include <cstdlib>
@@ -89,9 +90,44 @@ NSString *text(const std::string &utf8) {
   return [[[NSString alloc] initWithBytes:utf8.data() length:utf8.size() encoding:NSUTF8StringEncoding] autorelease];
 }
 
+// How long a silent server is waited on before the session reports a
+// time-out: 60 seconds, or $PARLOVA_SMTP_TIMEOUT_SECONDS.
+unsigned smtpTimeoutSeconds() {
+  constexpr unsigned kDefault = 60;
+  const char *configured = std::getenv("PARLOVA_SMTP_TIMEOUT_SECONDS");
+  if (!configured || !*configured)
+    return kDefault;
+  const long seconds = std::strtol(configured, nullptr, 10);
+  return seconds > 0 ? static_cast<unsigned>(seconds) : kDefault;
+}
+
+class PantomimeSmtpSession final : public SmtpSession {
+public:
+  PantomimeSmtpSession(const MailServer &server, const MailMessage &message);
+  ~PantomimeSmtpSession() override;
+  PantomimeSmtpSession(const PantomimeSmtpSession &) = delete;
+  PantomimeSmtpSession &operator=(const PantomimeSmtpSession &) = delete;
+
+  void setDelegate(SmtpSessionDelegate *delegate) override;
+  int connect() override;
+  const std::optional<std::string> &securityFailure() const override { return securityFailure_; }
+  void scheduleTimer(double seconds, std::function<void()> fired) override;
+  bool runRunLoopOnce() override;
+  void authenticate(const std::string &username, const std::string &password, const std::string &mechanism) override;
+  void sendMessage() override;
+  std::vector<uint8_t> lastResponse() const override;
+
+private:
+  struct Objects;
+  MailServer server_;
+  std::unique_ptr<TlsTunnel> tunnel_;
+  std::optional<std::string> securityFailure_;
+  std::unique_ptr<Objects> objects_;
+};
+
 } // namespace
 
-struct SmtpSession::Objects {
+struct PantomimeSmtpSession::Objects {
   NSAutoreleasePool *pool = nil;
   CWSMTP *smtp = nil;
   CWMessage *message = nil;
@@ -101,7 +137,7 @@ struct SmtpSession::Objects {
   std::deque<std::function<void()>> timerCallbacks; // stable addresses
 };
 
-SmtpSession::SmtpSession(const MailServer &server, const MailMessage &mail)
+PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailMessage &mail)
     : server_(server), objects_(std::make_unique<Objects>()) {
   objects_->pool = [[NSAutoreleasePool alloc] init];
   objects_->timerTargets = [[NSMutableArray alloc] init];
@@ -138,11 +174,11 @@ SmtpSession::SmtpSession(const MailServer &server, const MailMessage &mail)
   [to release];
   objects_->message = message;
   objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
-  objects_->delegate->timeout = timeoutSeconds();
+  objects_->delegate->timeout = smtpTimeoutSeconds();
   objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
 }
 
-SmtpSession::~SmtpSession() {
+PantomimeSmtpSession::~PantomimeSmtpSession() {
   // A timer that has not fired must not reach callbacks that are gone.
   for (NSUInteger i = 0; i < [objects_->timers count]; ++i)
     [(NSTimer *)[objects_->timers objectAtIndex:i] invalidate];
@@ -158,25 +194,16 @@ SmtpSession::~SmtpSession() {
   [objects_->pool release];
 }
 
-unsigned SmtpSession::timeoutSeconds() {
-  constexpr unsigned kDefault = 60;
-  const char *configured = std::getenv("PARLOVA_SMTP_TIMEOUT_SECONDS");
-  if (!configured || !*configured)
-    return kDefault;
-  const long seconds = std::strtol(configured, nullptr, 10);
-  return seconds > 0 ? static_cast<unsigned>(seconds) : kDefault;
-}
+void PantomimeSmtpSession::setDelegate(SmtpSessionDelegate *delegate) { objects_->delegate->delegate = delegate; }
 
-void SmtpSession::setDelegate(SmtpSessionDelegate *delegate) { objects_->delegate->delegate = delegate; }
-
-int SmtpSession::connect() {
+int PantomimeSmtpSession::connect() {
   // A secured connection is made and checked before the framework sees it;
   // the framework then speaks plain SMTP to the tunnel.
   std::string host = server_.host;
   unsigned port = server_.port;
   if (server_.security != MailSecurity::None) {
     auto opened = TlsTunnel::open({server_.security, server_.host, server_.port, server_.caFile, server_.verify,
-                                   timeoutSeconds()});
+                                   smtpTimeoutSeconds()});
     if (auto *failure = std::get_if<TlsTunnel::Failure>(&opened)) {
       if (!failure->unreachable)
         securityFailure_ = failure->reason;
@@ -187,9 +214,9 @@ int SmtpSession::connect() {
     port = tunnel_->localPort();
   }
   objects_->smtp = [[CWSMTP alloc] initWithName:text(host) port:port];
-  [objects_->smtp setConnectionTimeout:timeoutSeconds()];
-  [objects_->smtp setReadTimeout:timeoutSeconds()];
-  [objects_->smtp setWriteTimeout:timeoutSeconds()];
+  [objects_->smtp setConnectionTimeout:smtpTimeoutSeconds()];
+  [objects_->smtp setReadTimeout:smtpTimeoutSeconds()];
+  [objects_->smtp setWriteTimeout:smtpTimeoutSeconds()];
   [objects_->smtp setMessage:objects_->message];
   [objects_->smtp setDelegate:objects_->delegate];
   // A framework exception must not end the run: it counts as no connection.
@@ -209,7 +236,7 @@ int SmtpSession::connect() {
   }
 }
 
-void SmtpSession::scheduleTimer(double seconds, std::function<void()> fired) {
+void PantomimeSmtpSession::scheduleTimer(double seconds, std::function<void()> fired) {
   objects_->timerCallbacks.push_back(std::move(fired));
   ParlovaTimerTarget *target = [[ParlovaTimerTarget alloc] init];
   target->fired = &objects_->timerCallbacks.back();
@@ -222,20 +249,20 @@ void SmtpSession::scheduleTimer(double seconds, std::function<void()> fired) {
   [target release];
 }
 
-bool SmtpSession::runRunLoopOnce() {
+bool PantomimeSmtpSession::runRunLoopOnce() {
   NSAutoreleasePool *pool = [[NSAutoreleasePool alloc] init];
   const BOOL ran = [[NSRunLoop currentRunLoop] runMode:NSDefaultRunLoopMode beforeDate:[NSDate distantFuture]];
   [pool release];
   return ran;
 }
 
-void SmtpSession::authenticate(const std::string &username, const std::string &password, const std::string &mechanism) {
+void PantomimeSmtpSession::authenticate(const std::string &username, const std::string &password, const std::string &mechanism) {
   if (!objects_->smtp)
     return;
   [objects_->smtp authenticate:text(username) password:text(password) mechanism:text(mechanism)];
 }
 
-void SmtpSession::sendMessage() {
+void PantomimeSmtpSession::sendMessage() {
   @try {
     [objects_->smtp sendMessage];
   } @catch (NSException *exception) {
@@ -244,7 +271,7 @@ void SmtpSession::sendMessage() {
   }
 }
 
-std::vector<uint8_t> SmtpSession::lastResponse() const {
+std::vector<uint8_t> PantomimeSmtpSession::lastResponse() const {
   NSData *response = [objects_->smtp lastResponse];
   if (!response)
     return {};
@@ -253,3 +280,8 @@ std::vector<uint8_t> SmtpSession::lastResponse() const {
 }
 
 } // namespace parlova
+
+extern "C" __attribute__((visibility("default"))) parlova::SmtpSession *
+parlovaOpenSmtpSession(const parlova::MailServer *server, const parlova::MailMessage *message) {
+  return std::make_unique<parlova::PantomimeSmtpSession>(*server, *message).release();
+}
