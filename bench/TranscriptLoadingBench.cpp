@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <unistd.h>
 
+#include "bench/JudgedFigures.h"
 #include "model/ICLPChatLog.h"
 #include "tests/fixtures/TranscriptWriter.h"
 
@@ -98,9 +99,23 @@ double bestRenderSeconds(const ICLPChatLog &log) {
 int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
-  const double small = bestRenderSeconds(renderedTranscript(1000));
-  const double large = bestRenderSeconds(renderedTranscript(10000));
-  std::printf("HTML rendering: 1,000 messages %.1f ms, 10,000 messages %.1f ms, ratio %.1f (linear is about 10)\n",
-              small * 1000, large * 1000, large / small);
+
+  const auto folder = std::filesystem::temp_directory_path() / ("parlova-figures-" + std::to_string(getpid()));
+  const auto keyed = folder / "somebuddy on 2006-01-01.ichat";
+  const auto typedStream = folder / "somebuddy on 2004-01-01.chat";
+  const auto small = folder / "somebuddy on 2006-01-02.ichat";
+  writeFile(keyed, keyedTranscript(largeTranscript(TranscriptSpec::Root::IChat, 13000)));
+  writeFile(typedStream, typedStreamTranscript(largeTranscript(TranscriptSpec::Root::IChat, 28500)));
+  writeFile(small, keyedTranscript(largeTranscript(TranscriptSpec::Root::IChat, 40)));
+
+  std::printf("\nThe figures Parlova is judged by, each in the same run as its yardstick:\n");
+  parlova::bench::printStartUp(PARLOVA_BINARY_DIR, small);
+  parlova::bench::printDecoding(keyed, typedStream);
+  parlova::bench::printRendering(bestRenderSeconds(renderedTranscript(1000)),
+                                 bestRenderSeconds(renderedTranscript(10000)));
+  std::vector<uint8_t> archive;
+  const double merge = parlova::bench::linkMergeSeconds(archive);
+  parlova::bench::printMerge(merge, archive);
+  std::filesystem::remove_all(folder);
   return 0;
 }
