@@ -1,5 +1,7 @@
 #include "platform/KeyedUnarchiver.h"
 
+#include "platform/PropertyList.h"
+
 #include "platform/AttributedString.h"
 #include "platform/FileWrapper.h"
 #include "platform/FoundationValues.h"
@@ -10,20 +12,8 @@
 namespace parlova {
 namespace {
 
-// Binary archives hold real UIDs; XML ones spell each as {CF$UID = n}.
-std::optional<uint64_t> uidOf(plist_t node) {
-  if (!node)
-    return std::nullopt;
-  if (plist_get_node_type(node) == PLIST_UID) {
-    uint64_t uid = 0;
-    plist_get_uid_val(node, &uid);
-    return uid;
-  }
-  if (plist_get_node_type(node) == PLIST_DICT && plist_dict_get_size(node) == 1)
-    if (const auto uid = plistInteger(plist_dict_get_item(node, "CF$UID")))
-      return static_cast<uint64_t>(*uid);
-  return std::nullopt;
-}
+using Ref = BinaryPlistView::Ref;
+using Type = BinaryPlistView::Type;
 
 // Deep enough for any real transcript (message, text, attributes, font...),
 // shallow enough that hostile nesting cannot exhaust the stack.
@@ -31,23 +21,25 @@ constexpr int kMaxDepth = 200;
 
 class KeyedObjectCoder final : public Coder {
 public:
-  KeyedObjectCoder(KeyedUnarchiver &archive, plist_t object) : archive_(archive), object_(object) {}
+  KeyedObjectCoder(KeyedUnarchiver &archive, Ref object) : archive_(archive), plist_(archive.plist()), object_(object) {}
 
   bool allowsKeyedCoding() const override { return true; }
 
-  ObjectRef decodeObjectForKey(std::string_view key) override {
-    return archive_.decodeValue(item(key));
-  }
+  ObjectRef decodeObjectForKey(std::string_view key) override { return archive_.decodeValue(item(key)); }
 
   int32_t decodeInt32ForKey(std::string_view key) override {
-    const plist_t node = item(key);
-    if (const auto integer = plistInteger(node))
+    const auto ref = item(key);
+    if (!ref)
+      return 0;
+    if (const auto integer = plist_.integer(*ref))
       return static_cast<int32_t>(static_cast<uint64_t>(*integer));
-    if (const auto real = plistReal(node)) {
+    if (const auto real = plist_.real(*ref)) {
       if (!(*real > -2147483649.0 && *real < 2147483648.0))
         return 0;
       return static_cast<int32_t>(*real);
     }
+    if (const auto boolean = plist_.boolean(*ref))
+      return *boolean ? 1 : 0;
     return 0;
   }
 
@@ -56,30 +48,33 @@ public:
   uint32_t decodeUnsignedInt() override { return 0; }
 
   double decodeDoubleForKey(std::string_view key) {
-    const plist_t node = item(key);
-    if (const auto real = plistReal(node))
+    const auto ref = item(key);
+    if (!ref)
+      return 0;
+    if (const auto real = plist_.real(*ref))
       return *real;
-    if (const auto integer = plistInteger(node))
+    if (const auto integer = plist_.integer(*ref))
       return static_cast<double>(*integer);
     return 0;
   }
 
   std::vector<uint8_t> decodeBytesForKey(std::string_view key) {
-    const plist_t node = item(key);
-    if (auto bytes = plistData(node))
-      return std::move(*bytes);
-    if (const auto data = objectAs<DataObject>(archive_.decodeValue(node)))
+    const auto ref = item(key);
+    if (!ref)
+      return {};
+    if (const auto bytes = plist_.data(*ref))
+      return std::vector<uint8_t>(bytes->begin(), bytes->end());
+    if (const auto data = objectAs<DataObject>(archive_.decodeValue(ref)))
       return data->bytes();
     return {};
   }
 
 private:
-  plist_t item(std::string_view key) const {
-    return plist_dict_get_item(object_, std::string(key).c_str());
-  }
+  std::optional<Ref> item(std::string_view key) const { return plist_.valueForKey(object_, key); }
 
   KeyedUnarchiver &archive_;
-  plist_t object_;
+  const BinaryPlistView &plist_;
+  Ref object_;
 };
 
 std::vector<ObjectRef> itemsOf(const ObjectRef &object) {
@@ -175,19 +170,29 @@ ObjectRef decodeColor(KeyedObjectCoder &coder) {
 
 } // namespace
 
-KeyedUnarchiver::KeyedUnarchiver(PlistPtr archive, plist_t objects, plist_t top)
-    : archive_(std::move(archive)), objects_(plistArrayItems(objects)), top_(top), decoded_(objects_.size()),
-      state_(objects_.size(), State::NotYet) {}
+KeyedUnarchiver::KeyedUnarchiver(std::vector<uint8_t> converted, BinaryPlistView view, Ref objects, Ref top)
+    : converted_(std::move(converted)), view_(view), objects_(objects), top_(top),
+      decoded_(view_.count(objects)), state_(view_.count(objects), State::NotYet) {}
 
 std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::forData(std::span<const uint8_t> bytes) {
-  PlistPtr archive = parsePropertyList(bytes);
-  if (!archive || plist_get_node_type(archive.get()) != PLIST_DICT)
+  // XML archives (rare, and written by hand more often than by a Mac) are
+  // turned into the binary form once; binary ones are read where they lie.
+  std::vector<uint8_t> converted;
+  if (!BinaryPlistView::open(bytes)) {
+    const PlistPtr parsed = parsePropertyList(bytes);
+    if (!parsed)
+      return nullptr;
+    converted = serializePropertyList(parsed.get(), PlistFormat::Binary);
+    bytes = converted;
+  }
+  const auto view = BinaryPlistView::open(bytes);
+  if (!view || view->type(view->top()) != Type::Dictionary)
     return nullptr;
-  const plist_t objects = plist_dict_get_item(archive.get(), "$objects");
-  const plist_t top = plist_dict_get_item(archive.get(), "$top");
-  if (!objects || plist_get_node_type(objects) != PLIST_ARRAY || !top || plist_get_node_type(top) != PLIST_DICT)
+  const auto objects = view->valueForKey(view->top(), "$objects");
+  const auto top = view->valueForKey(view->top(), "$top");
+  if (!objects || view->type(*objects) != Type::Array || !top || view->type(*top) != Type::Dictionary)
     return nullptr;
-  return std::unique_ptr<KeyedUnarchiver>(new KeyedUnarchiver(std::move(archive), objects, top));
+  return std::unique_ptr<KeyedUnarchiver>(new KeyedUnarchiver(std::move(converted), *view, *objects, *top));
 }
 
 void KeyedUnarchiver::setClass(std::string archivedName, ClassFactory factory) {
@@ -196,14 +201,24 @@ void KeyedUnarchiver::setClass(std::string archivedName, ClassFactory factory) {
 
 std::optional<ObjectRef> KeyedUnarchiver::decodeTopLevelObjectForKey(std::string_view key) {
   try {
-    return decodeValue(plist_dict_get_item(top_, std::string(key).c_str()));
+    return decodeValue(view_.valueForKey(top_, key));
   } catch (const ArchiveDamaged &) {
     return std::nullopt;
   }
 }
 
-ObjectRef KeyedUnarchiver::decodeValue(plist_t node) {
-  if (!node)
+// Binary archives hold real UIDs; XML ones spell each as {CF$UID = n}.
+std::optional<uint64_t> KeyedUnarchiver::uidOf(Ref ref) const {
+  if (const auto uid = view_.uid(ref))
+    return uid;
+  if (view_.type(ref) == Type::Dictionary && view_.count(ref) == 1 && view_.stringEquals(view_.keyAt(ref, 0), "CF$UID"))
+    if (const auto uid = view_.integer(view_.valueAt(ref, 0)))
+      return static_cast<uint64_t>(*uid);
+  return std::nullopt;
+}
+
+ObjectRef KeyedUnarchiver::decodeValue(std::optional<Ref> ref) {
+  if (!ref)
     return nullptr;
   struct Nesting {
     int &depth;
@@ -212,38 +227,45 @@ ObjectRef KeyedUnarchiver::decodeValue(plist_t node) {
   } nesting(depth_);
   if (depth_ > kMaxDepth)
     throw ArchiveDamaged("objects nested too deeply");
+  // Values may be shared inline; a few levels of sharing would otherwise
+  // multiply the work beyond any real archive's.
+  if (++work_ > 16 * view_.objectCount() + 4096)
+    throw ArchiveDamaged("values shared too often");
 
-  if (const auto uid = uidOf(node))
+  if (const auto uid = uidOf(*ref))
     return decodeReference(*uid);
-  switch (plist_get_node_type(node)) {
-  case PLIST_STRING:
-  case PLIST_KEY:
-    return std::make_shared<StringObject>(plistString(node).value_or(""));
-  case PLIST_UINT:
-    return std::make_shared<NumberObject>(*plistInteger(node));
-  case PLIST_REAL:
-    return std::make_shared<NumberObject>(*plistReal(node));
-  case PLIST_BOOLEAN:
-    return std::make_shared<NumberObject>(*plistInteger(node) != 0);
-  case PLIST_DATA:
-    return std::make_shared<DataObject>(*plistData(node));
-  case PLIST_DATE: {
-    int32_t seconds = 0, microseconds = 0;
-    plist_get_date_val(node, &seconds, &microseconds);
-    return std::make_shared<DateObject>(Date(seconds + microseconds / 1e6));
+  switch (view_.type(*ref)) {
+  case Type::String:
+    return std::make_shared<StringObject>(view_.string(*ref).value_or(""));
+  case Type::Integer:
+    return std::make_shared<NumberObject>(*view_.integer(*ref));
+  case Type::Real:
+    return std::make_shared<NumberObject>(*view_.real(*ref));
+  case Type::Boolean:
+    return std::make_shared<NumberObject>(*view_.boolean(*ref));
+  case Type::Data: {
+    const auto bytes = *view_.data(*ref);
+    return std::make_shared<DataObject>(std::vector<uint8_t>(bytes.begin(), bytes.end()));
   }
-  case PLIST_ARRAY: {
+  case Type::Date:
+    return std::make_shared<DateObject>(Date(*view_.real(*ref)));
+  case Type::Array:
+  case Type::Set: {
+    const uint64_t count = view_.count(*ref);
     std::vector<ObjectRef> items;
-    for (const plist_t item : plistArrayItems(node))
-      items.push_back(decodeValue(item));
+    items.reserve(count);
+    for (uint64_t i = 0; i < count; ++i)
+      items.push_back(decodeValue(view_.element(*ref, i)));
     return std::make_shared<ArrayObject>(std::move(items));
   }
-  case PLIST_DICT: {
-    if (plist_dict_get_item(node, "$class"))
-      return decodeInstance(node);
+  case Type::Dictionary: {
+    if (view_.valueForKey(*ref, "$class"))
+      return decodeInstance(*ref);
+    const uint64_t count = view_.count(*ref);
     std::vector<DictionaryObject::Entry> entries;
-    for (const auto &[key, value] : plistDictionaryEntries(node))
-      entries.emplace_back(std::make_shared<StringObject>(key), decodeValue(value));
+    for (uint64_t i = 0; i < count; ++i)
+      entries.emplace_back(std::make_shared<StringObject>(view_.string(view_.keyAt(*ref, i)).value_or("")),
+                           decodeValue(view_.valueAt(*ref, i)));
     return std::make_shared<DictionaryObject>(std::move(entries));
   }
   default:
@@ -265,32 +287,34 @@ ObjectRef KeyedUnarchiver::decodeReference(uint64_t uid) {
     break;
   }
   state_[uid] = State::InProgress;
-  const plist_t node = objects_[uid];
+  const Ref ref = view_.element(objects_, uid);
   ObjectRef object;
-  const auto text = plistString(node);
-  if (!(uid == 0 && text && *text == "$null"))
-    object = decodeValue(node);
+  if (!(uid == 0 && view_.stringEquals(ref, "$null")))
+    object = decodeValue(ref);
   decoded_[uid] = object;
   state_[uid] = State::Done;
   return object;
 }
 
-ObjectRef KeyedUnarchiver::decodeInstance(plist_t objectDictionary) {
-  const auto classUid = uidOf(plist_dict_get_item(objectDictionary, "$class"));
+ObjectRef KeyedUnarchiver::decodeInstance(Ref objectDictionary) {
+  const auto classRef = view_.valueForKey(objectDictionary, "$class");
+  const auto classUid = classRef ? uidOf(*classRef) : std::nullopt;
   if (!classUid)
     throw ArchiveDamaged("object without a class reference");
-  const plist_t classInfo = *classUid < objects_.size() ? objects_[*classUid] : nullptr;
-  if (!classInfo || plist_get_node_type(classInfo) != PLIST_DICT)
+  if (*classUid >= decoded_.size() || view_.type(view_.element(objects_, *classUid)) != Type::Dictionary)
     throw ArchiveDamaged("class reference to something that is not a class");
+  const Ref classInfo = view_.element(objects_, *classUid);
 
   // The class itself first, then its superclasses, as NSKeyedUnarchiver
   // falls back along the chain for classes it cannot find.
   std::vector<std::string> chain;
-  if (auto name = plistString(plist_dict_get_item(classInfo, "$classname")))
-    chain.push_back(std::move(*name));
-  if (const plist_t classes = plist_dict_get_item(classInfo, "$classes"); classes && plist_get_node_type(classes) == PLIST_ARRAY) {
-    for (const plist_t item : plistArrayItems(classes))
-      if (auto name = plistString(item); name && (chain.empty() || chain.back() != *name))
+  if (const auto name = view_.valueForKey(classInfo, "$classname"))
+    if (auto text = view_.string(*name))
+      chain.push_back(std::move(*text));
+  if (const auto classes = view_.valueForKey(classInfo, "$classes"); classes && view_.type(*classes) == Type::Array) {
+    const uint64_t count = view_.count(*classes);
+    for (uint64_t i = 0; i < count; ++i)
+      if (auto name = view_.string(view_.element(*classes, i)); name && (chain.empty() || chain.back() != *name))
         chain.push_back(std::move(*name));
   }
   if (generic_)
@@ -304,18 +328,21 @@ ObjectRef KeyedUnarchiver::decodeInstance(plist_t objectDictionary) {
   return std::make_shared<InertObject>(chain.empty() ? std::string("?") : chain.front());
 }
 
-ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &chain, plist_t objectDictionary) {
+ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &chain, Ref objectDictionary) {
   std::shared_ptr<const ArchivedClass> archivedClass;
   for (size_t i = chain.size(); i-- > 0;)
     archivedClass = std::make_shared<ArchivedClass>(chain[i], std::nullopt, archivedClass);
   std::vector<GenericObject::Field> fields;
-  for (const auto &[label, value] : plistDictionaryEntries(objectDictionary))
+  const uint64_t count = view_.count(objectDictionary);
+  for (uint64_t i = 0; i < count; ++i) {
+    const std::string label = view_.string(view_.keyAt(objectDictionary, i)).value_or("");
     if (label != "$class")
-      fields.push_back({label, {decodeValue(value)}});
+      fields.push_back({label, {decodeValue(view_.valueAt(objectDictionary, i))}});
+  }
   return std::make_shared<GenericObject>(archivedClass, std::move(fields));
 }
 
-ObjectRef KeyedUnarchiver::decodeKnownClass(const std::string &name, plist_t objectDictionary, bool &known) {
+ObjectRef KeyedUnarchiver::decodeKnownClass(const std::string &name, Ref objectDictionary, bool &known) {
   known = true;
   KeyedObjectCoder coder(*this, objectDictionary);
   if (const auto substitution = substitutions_.find(name); substitution != substitutions_.end())

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/BinaryPlistView.h"
 #include "platform/Coder.h"
-#include "platform/PropertyList.h"
 
 namespace parlova {
 
@@ -32,25 +32,30 @@ public:
   // archive turns out to be damaged along the way.
   std::optional<ObjectRef> decodeTopLevelObjectForKey(std::string_view key);
 
-  // Also used by the per-object coder.
-  ObjectRef decodeValue(plist_t node);
+  // A stored value, object or plain; also used by the per-object coder.
+  ObjectRef decodeValue(std::optional<BinaryPlistView::Ref> ref);
+  const BinaryPlistView &plist() const { return view_; }
 
 private:
-  KeyedUnarchiver(PlistPtr archive, plist_t objects, plist_t top);
+  using Ref = BinaryPlistView::Ref;
+  KeyedUnarchiver(std::vector<uint8_t> converted, BinaryPlistView view, Ref objects, Ref top);
   ObjectRef decodeReference(uint64_t uid);
-  ObjectRef decodeInstance(plist_t objectDictionary);
-  ObjectRef decodeGenerically(const std::vector<std::string> &chain, plist_t objectDictionary);
-  ObjectRef decodeKnownClass(const std::string &name, plist_t objectDictionary, bool &known);
+  ObjectRef decodeInstance(Ref objectDictionary);
+  ObjectRef decodeGenerically(const std::vector<std::string> &chain, Ref objectDictionary);
+  ObjectRef decodeKnownClass(const std::string &name, Ref objectDictionary, bool &known);
+  std::optional<uint64_t> uidOf(Ref ref) const;
 
   enum class State : uint8_t { NotYet, InProgress, Done };
 
-  PlistPtr archive_;
-  std::vector<plist_t> objects_; // borrowed from archive_
-  plist_t top_;
+  std::vector<uint8_t> converted_; // an XML archive, turned binary; empty when it was binary
+  BinaryPlistView view_;           // over the caller's bytes or converted_
+  Ref objects_;
+  Ref top_;
   std::map<std::string, ClassFactory, std::less<>> substitutions_;
   std::vector<ObjectRef> decoded_;
   std::vector<State> state_;
   int depth_ = 0;
+  uint64_t work_ = 0; // values decoded, against archives that share inline values exponentially
   bool generic_ = false;
 };
 

@@ -6,6 +6,7 @@
 #include "platform/FileWrapper.h"
 #include "platform/FoundationValues.h"
 #include "platform/KeyedUnarchiver.h"
+#include "platform/PropertyList.h"
 #include "platform/TextAttributes.h"
 #include "tests/ToolTestSupport.h"
 
