@@ -14,10 +14,22 @@ constexpr size_t kTrailerSize = 32;
 } // namespace
 
 uint64_t BinaryPlistView::readUnsigned(uint64_t position, uint8_t width) const {
-  uint64_t value = 0;
-  for (uint8_t i = 0; i < width; ++i)
-    value = value << 8 | bytes_[position + i];
-  return value;
+  const uint8_t *at = bytes_.data() + position;
+  switch (width) {
+  case 1:
+    return at[0];
+  case 2:
+    return static_cast<uint64_t>(at[0]) << 8 | at[1];
+  case 4:
+    return static_cast<uint64_t>(at[0]) << 24 | static_cast<uint64_t>(at[1]) << 16 |
+           static_cast<uint64_t>(at[2]) << 8 | at[3];
+  default: {
+    uint64_t value = 0;
+    for (uint8_t i = 0; i < width; ++i)
+      value = value << 8 | at[i];
+    return value;
+  }
+  }
 }
 
 std::optional<BinaryPlistView> BinaryPlistView::open(std::span<const uint8_t> bytes) {

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <fstream>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -63,12 +62,31 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
   std::error_code error;
   if (!fs::is_regular_file(path, error))
     return std::nullopt;
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
     return std::nullopt;
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad())
-    return std::nullopt;
+  struct stat status{};
+  std::vector<uint8_t> bytes(fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<size_t>(status.st_size) : 0);
+  size_t have = 0;
+  // The size is a hint: a file that grows meanwhile is read to its end.
+  uint8_t probe[4096];
+  while (true) {
+    const bool full = have == bytes.size();
+    const ssize_t got = full ? read(fd, probe, sizeof probe) : read(fd, bytes.data() + have, bytes.size() - have);
+    if (got < 0 && errno == EINTR)
+      continue;
+    if (got < 0) {
+      close(fd);
+      return std::nullopt;
+    }
+    if (got == 0)
+      break;
+    if (full)
+      bytes.insert(bytes.end(), probe, probe + got);
+    have += static_cast<size_t>(got);
+  }
+  close(fd);
+  bytes.resize(have);
   return bytes;
 }
 

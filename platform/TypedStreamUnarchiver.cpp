@@ -99,7 +99,20 @@ std::optional<std::string> stringFromSerializedPropertyList(const std::vector<ui
 
 class TypedStreamUnarchiver::Cursor final : public Coder {
 public:
-  explicit Cursor(TypedStreamUnarchiver &archive) : archive_(archive) {}
+  // Group buffers are lent by the unarchiver and given back, so that a
+  // stream of many small objects does not allocate one per object.
+  explicit Cursor(TypedStreamUnarchiver &archive) : archive_(archive) {
+    if (!archive_.spareGroups_.empty()) {
+      pending_ = std::move(archive_.spareGroups_.back());
+      archive_.spareGroups_.pop_back();
+    }
+  }
+  ~Cursor() override {
+    pending_.clear();
+    archive_.spareGroups_.push_back(std::move(pending_));
+  }
+  Cursor(const Cursor &) = delete;
+  Cursor &operator=(const Cursor &) = delete;
 
   bool atEndOfObject() const { return nextPending_ == pending_.size() && archive_.reader_.peekHead() == kEndOfObject; }
 
@@ -107,7 +120,7 @@ public:
     if (nextPending_ == pending_.size()) {
       if (atEndOfObject())
         return std::nullopt;
-      pending_ = archive_.readGroup();
+      archive_.readGroup(pending_);
       nextPending_ = 0;
     }
     return std::move(pending_[nextPending_++]);
@@ -132,9 +145,9 @@ public:
     return std::nullopt;
   }
   std::optional<std::string> nextString() {
-    const auto value = next();
+    auto value = next();
     if (value && value->kind == Value::Kind::String)
-      return value->text;
+      return std::move(value->text);
     return std::nullopt;
   }
   // NSArchiver's data object: a length, then an array of that many bytes.
@@ -155,8 +168,9 @@ public:
     for (; nextPending_ < pending_.size(); ++nextPending_)
       if (fields)
         fields->push_back({"", {asObject(pending_[nextPending_])}});
+    std::vector<Value> group;
     while (archive_.reader_.peekHead() != kEndOfObject) {
-      auto group = archive_.readGroup();
+      archive_.readGroup(group);
       if (fields) {
         GenericObject::Field field{archive_.lastEncoding_, {}};
         for (const Value &value : group)
@@ -193,7 +207,8 @@ void TypedStreamUnarchiver::setClass(std::string archivedName, ClassFactory fact
 
 std::optional<ObjectRef> TypedStreamUnarchiver::decodeRootObject() {
   try {
-    const auto group = readGroup();
+    std::vector<Value> group;
+    readGroup(group);
     if (group.front().kind == Value::Kind::Nil)
       return ObjectRef();
     if (group.front().kind != Value::Kind::Object)
@@ -204,10 +219,9 @@ std::optional<ObjectRef> TypedStreamUnarchiver::decodeRootObject() {
   }
 }
 
-std::vector<Value> TypedStreamUnarchiver::readGroup() {
+void TypedStreamUnarchiver::readGroup(std::vector<Value> &values) {
   const auto &encodings = reader_.readTypeEncodings(reader_.readHead());
-  std::vector<Value> values;
-  values.reserve(encodings.size());
+  values.clear();
   for (const std::string &part : encodings)
     values.push_back(readValue(part));
   if (generic_) {
@@ -215,7 +229,6 @@ std::vector<Value> TypedStreamUnarchiver::readGroup() {
     for (const std::string &part : encodings)
       lastEncoding_ += part;
   }
-  return values;
 }
 
 Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
@@ -254,10 +267,10 @@ Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
   case '%':
   case ':': {
     const int8_t head = reader_.readHead();
-    const auto text = type == '+' ? reader_.readUnsharedString(head) : reader_.readSharedString(head);
+    auto text = type == '+' ? reader_.readUnsharedString(head) : reader_.readSharedString(head);
     if (text) {
       value.kind = Value::Kind::String;
-      value.text = *text;
+      value.text = std::move(*text);
     }
     return value;
   }

@@ -50,7 +50,7 @@ public:
 private:
   explicit TypedStreamUnarchiver(TypedStreamReader reader) : reader_(std::move(reader)) {}
 
-  std::vector<Value> readGroup();
+  void readGroup(std::vector<Value> &values);
   Value readValue(const std::string &encoding);
   std::shared_ptr<const ArchivedClass> readClass(int8_t head);
   ObjectRef readObject(int8_t head);
@@ -70,8 +70,9 @@ private:
   std::map<std::string, ClassFactory, std::less<>> substitutions_;
   bool generic_ = false;
   int depth_ = 0;
-  std::string lastEncoding_;
-  std::unordered_map<const ArchivedClass *, std::string> knownNames_; // of the group read last, for generic objects
+  std::string lastEncoding_; // of the group read last, for generic objects
+  std::vector<std::vector<Value>> spareGroups_;
+  std::unordered_map<const ArchivedClass *, std::string> knownNames_;
 };
 
 } // namespace parlova
