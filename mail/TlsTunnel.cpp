@@ -1,5 +1,7 @@
 #include "mail/TlsTunnel.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <arpa/inet.h>
 #include <cctype>
 #include <cerrno>
@@ -24,25 +26,7 @@ namespace parlova {
 
 namespace {
 
-class Socket {
-public:
-  Socket() = default;
-  explicit Socket(int fd) : fd_(fd) {}
-  Socket(Socket &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Socket &operator=(Socket &&other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Socket() {
-    if (fd_ >= 0)
-      close(fd_);
-  }
-  int fd() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-
-private:
-  int fd_ = -1;
-};
+using Socket = FileDescriptor;
 
 struct SslContextDeleter {
   void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
@@ -76,8 +60,8 @@ Socket connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds
     Socket candidate(socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
     if (!candidate)
       continue;
-    setTimeouts(candidate.fd(), timeoutSeconds); // bounds connect() too
-    if (connect(candidate.fd(), address->ai_addr, address->ai_addrlen) == 0)
+    setTimeouts(candidate.get(), timeoutSeconds); // bounds connect() too
+    if (connect(candidate.get(), address->ai_addr, address->ai_addrlen) == 0)
       connected = std::move(candidate);
   }
   freeaddrinfo(found);
@@ -239,7 +223,7 @@ struct TlsTunnel::State {
     }
     // Unblocks a relay waiting inside a TLS read.
     if (server)
-      shutdown(server.fd(), SHUT_RDWR);
+      shutdown(server.get(), SHUT_RDWR);
     if (relay.joinable())
       relay.join();
     for (const int fd : wake)
@@ -248,16 +232,16 @@ struct TlsTunnel::State {
   }
 
   void run(unsigned timeoutSeconds) {
-    pollfd waiting[2] = {{listener.fd(), POLLIN, 0}, {wake[0], POLLIN, 0}};
+    pollfd waiting[2] = {{listener.get(), POLLIN, 0}, {wake[0], POLLIN, 0}};
     if (poll(waiting, 2, static_cast<int>(timeoutSeconds) * 1000) <= 0 || !(waiting[0].revents & POLLIN))
       return;
-    const Socket client(accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client || (!greeting.empty() && !sendAll(client.fd(), greeting)))
+    const Socket client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!client || (!greeting.empty() && !sendAll(client.get(), greeting)))
       return;
     SSL *ssl = secured.ssl.get();
     char buffer[16384];
     while (true) {
-      pollfd ready[3] = {{client.fd(), POLLIN, 0}, {server.fd(), POLLIN, 0}, {wake[0], POLLIN, 0}};
+      pollfd ready[3] = {{client.get(), POLLIN, 0}, {server.get(), POLLIN, 0}, {wake[0], POLLIN, 0}};
       if (SSL_pending(ssl) == 0 && poll(ready, 3, -1) < 0)
         return;
       if (ready[2].revents)
@@ -268,7 +252,7 @@ struct TlsTunnel::State {
         while (true) {
           const int got = SSL_read(ssl, buffer, sizeof buffer);
           if (got > 0) {
-            if (!sendAll(client.fd(), std::string_view(buffer, static_cast<size_t>(got))))
+            if (!sendAll(client.get(), std::string_view(buffer, static_cast<size_t>(got))))
               return;
             continue;
           }
@@ -279,7 +263,7 @@ struct TlsTunnel::State {
           return;
       }
       if (ready[0].revents) {
-        const ssize_t got = recv(client.fd(), buffer, sizeof buffer, 0);
+        const ssize_t got = recv(client.get(), buffer, sizeof buffer, 0);
         if (got <= 0 || !writeAll(ssl, buffer, static_cast<int>(got)))
           return;
       }
@@ -295,7 +279,7 @@ struct TlsTunnel::State {
       return false;
     if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)
       return false;
-    pollfd ready[2] = {{server.fd(), static_cast<short>(error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0},
+    pollfd ready[2] = {{server.get(), static_cast<short>(error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0},
                        {wake[0], POLLIN, 0}};
     return poll(ready, 2, -1) > 0 && !ready[1].revents;
   }
@@ -325,27 +309,27 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
   if (!state->server)
     return Failure{true, "could not connect"};
   if (options.security == MailSecurity::StartTls) {
-    if (const std::string refused = negotiateStartTls(state->server.fd()); !refused.empty())
+    if (const std::string refused = negotiateStartTls(state->server.get()); !refused.empty())
       return Failure{false, refused};
     state->greeting = "220 " + options.host + " ESMTP\r\n";
   }
-  auto secured = handshake(state->server.fd(), options);
+  auto secured = handshake(state->server.get(), options);
   if (auto *reason = std::get_if<std::string>(&secured))
     return Failure{false, *reason};
   state->secured = std::move(std::get<Secured>(secured));
   // From here the session's own time-out watches, and the relay waits on
   // both ends at once.
-  setTimeouts(state->server.fd(), 0);
-  fcntl(state->server.fd(), F_SETFL, fcntl(state->server.fd(), F_GETFL) | O_NONBLOCK);
+  setTimeouts(state->server.get(), 0);
+  fcntl(state->server.get(), F_SETFL, fcntl(state->server.get(), F_GETFL) | O_NONBLOCK);
 
   state->listener = Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in loopback{};
   loopback.sin_family = AF_INET;
   loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof loopback;
-  if (!state->listener || bind(state->listener.fd(), reinterpret_cast<sockaddr *>(&loopback), sizeof loopback) != 0 ||
-      listen(state->listener.fd(), 1) != 0 ||
-      getsockname(state->listener.fd(), reinterpret_cast<sockaddr *>(&loopback), &length) != 0 ||
+  if (!state->listener || bind(state->listener.get(), reinterpret_cast<sockaddr *>(&loopback), sizeof loopback) != 0 ||
+      listen(state->listener.get(), 1) != 0 ||
+      getsockname(state->listener.get(), reinterpret_cast<sockaddr *>(&loopback), &length) != 0 ||
       pipe2(state->wake, O_CLOEXEC) != 0)
     return Failure{false, std::string("no loopback connection for the mail framework: ") + std::strerror(errno)};
   state->port = ntohs(loopback.sin_port);

@@ -1,5 +1,7 @@
 #include "platform/AppleScript.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
@@ -16,28 +18,6 @@ extern char **environ;
 
 namespace parlova {
 namespace {
-
-class FileDescriptor {
-public:
-  FileDescriptor() = default;
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(FileDescriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  FileDescriptor &operator=(FileDescriptor &&other) noexcept {
-    reset();
-    fd_ = std::exchange(other.fd_, -1);
-    return *this;
-  }
-  ~FileDescriptor() { reset(); }
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0)
-      close(fd_);
-    fd_ = -1;
-  }
-
-private:
-  int fd_ = -1;
-};
 
 struct Pipe {
   FileDescriptor read, write;
