@@ -1,6 +1,6 @@
 #include "platform/TypedStreamUnarchiver.h"
 
-#include <unordered_set>
+#include <unordered_map>
 
 #include "platform/AttributedString.h"
 #include "platform/FileWrapper.h"
@@ -401,20 +401,40 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head) {
   return object;
 }
 
-const std::string &TypedStreamUnarchiver::knownClassName(const ArchivedClass &archivedClass) {
-  static const std::unordered_set<std::string_view> kBuiltins = {
-      "NSString",     "NSMutableString",     "NSArray",      "NSMutableArray",
-      "NSSet",        "NSMutableSet",        "NSDictionary", "NSMutableDictionary",
-      "NSNumber",     "NSValue",             "NSData",       "NSMutableData",
-      "NSDate",       "NSCalendarDate",      "NSURL",        "NSAttributedString",
-      "NSMutableAttributedString", "NSFont", "NSColor",      "NSTextAttachment",
-      "NSFileWrapper"};
+const TypedStreamUnarchiver::KnownClass &TypedStreamUnarchiver::knownClass(const ArchivedClass &archivedClass) {
+  using Builtin = KnownClass::Builtin;
+  static const std::unordered_map<std::string_view, Builtin> kBuiltins = {
+      {"NSString", Builtin::String},
+      {"NSMutableString", Builtin::String},
+      {"NSArray", Builtin::Array},
+      {"NSMutableArray", Builtin::Array},
+      {"NSSet", Builtin::Array},
+      {"NSMutableSet", Builtin::Array},
+      {"NSDictionary", Builtin::Dictionary},
+      {"NSMutableDictionary", Builtin::Dictionary},
+      {"NSNumber", Builtin::Number},
+      {"NSValue", Builtin::Number},
+      {"NSData", Builtin::Data},
+      {"NSMutableData", Builtin::Data},
+      {"NSDate", Builtin::Date},
+      {"NSCalendarDate", Builtin::Date},
+      {"NSURL", Builtin::URL},
+      {"NSAttributedString", Builtin::AttributedString},
+      {"NSMutableAttributedString", Builtin::AttributedString},
+      {"NSFont", Builtin::Font},
+      {"NSColor", Builtin::Color},
+      {"NSTextAttachment", Builtin::TextAttachment},
+      {"NSFileWrapper", Builtin::FileWrapper}};
   // Classes are shared by every object of them, so each is looked up once.
-  const auto [it, inserted] = knownNames_.try_emplace(&archivedClass);
+  const auto [it, inserted] = knownClasses_.try_emplace(&archivedClass);
   if (inserted) {
     for (const ArchivedClass *c = &archivedClass; c; c = c->superclass().get()) {
-      if (substitutions_.count(c->name()) || kBuiltins.count(c->name())) {
-        it->second = c->name();
+      if (const auto substitution = substitutions_.find(c->name()); substitution != substitutions_.end()) {
+        it->second = {Builtin::Substitution, &substitution->second};
+        break;
+      }
+      if (const auto builtin = kBuiltins.find(c->name()); builtin != kBuiltins.end()) {
+        it->second = {builtin->second, nullptr};
         break;
       }
     }
@@ -432,14 +452,15 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
 
   // The class itself, or else the nearest superclass known here; what a
   // subclass stored beyond it is read through.
-  if (const std::string &name = knownClassName(*archivedClass); !name.empty()) {
+  using Builtin = KnownClass::Builtin;
+  if (const KnownClass &known = knownClass(*archivedClass); known.builtin != Builtin::None) {
     ObjectRef object;
-    bool known = true;
-    if (const auto substitution = substitutions_.find(name); substitution != substitutions_.end()) {
-      object = substitution->second(cursor);
-    } else if (name == "NSString" || name == "NSMutableString") {
+    const Builtin kind = known.builtin;
+    if (kind == Builtin::Substitution) {
+      object = (*known.factory)(cursor);
+    } else if (kind == Builtin::String) {
       object = std::make_shared<StringObject>(cursor.nextString().value_or(""));
-    } else if (name == "NSArray" || name == "NSMutableArray" || name == "NSSet" || name == "NSMutableSet") {
+    } else if (kind == Builtin::Array) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("an array count larger than the stream");
@@ -447,7 +468,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
       for (int64_t i = 0; i < count; ++i)
         items.push_back(cursor.nextObject());
       object = std::make_shared<ArrayObject>(std::move(items));
-    } else if (name == "NSDictionary" || name == "NSMutableDictionary") {
+    } else if (kind == Builtin::Dictionary) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("a dictionary count larger than the stream");
@@ -458,7 +479,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
         entries.emplace_back(std::move(key), std::move(value));
       }
       object = std::make_shared<DictionaryObject>(std::move(entries));
-    } else if (name == "NSNumber" || name == "NSValue") {
+    } else if (kind == Builtin::Number) {
       cursor.nextString(); // the value's own type encoding
       const auto value = cursor.next();
       if (value && value->kind == Value::Kind::Integer)
@@ -467,16 +488,16 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
         object = std::make_shared<NumberObject>(value->real);
       else
         object = std::make_shared<InertObject>(archivedClass->name());
-    } else if (name == "NSData" || name == "NSMutableData") {
+    } else if (kind == Builtin::Data) {
       object = std::make_shared<DataObject>(cursor.nextDataObject().value_or(std::vector<uint8_t>{}));
-    } else if (name == "NSDate" || name == "NSCalendarDate") {
+    } else if (kind == Builtin::Date) {
       object = std::make_shared<DateObject>(Date(cursor.nextReal().value_or(0)));
-    } else if (name == "NSURL") {
+    } else if (kind == Builtin::URL) {
       std::shared_ptr<const URLObject> base;
       if (cursor.nextInteger().value_or(0) != 0)
         base = objectAs<URLObject>(cursor.nextObject());
       object = std::make_shared<URLObject>(stringValueOf(cursor.nextObject()), std::move(base));
-    } else if (name == "NSAttributedString" || name == "NSMutableAttributedString") {
+    } else if (kind == Builtin::AttributedString) {
       const std::u16string text = utf8ToUtf16(stringValueOf(cursor.nextObject()));
       std::vector<std::shared_ptr<const TextAttributes>> dictionaries;
       std::vector<AttributedString::RunSpec> runs;
@@ -502,12 +523,12 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
         covered += static_cast<size_t>(*length);
       }
       object = std::make_shared<AttributedString>(text, runs);
-    } else if (name == "NSFont") {
+    } else if (kind == Builtin::Font) {
       const auto serializedName = cursor.nextDataObject();
       auto fontName = serializedName ? stringFromSerializedPropertyList(*serializedName) : std::nullopt;
       const double size = cursor.nextReal().value_or(0);
       object = std::make_shared<Font>(fontName.value_or(""), size);
-    } else if (name == "NSColor") {
+    } else if (kind == Builtin::Color) {
       // The kind byte names the colour space and how many components follow.
       struct Kind {
         ColorSpace space;
@@ -533,13 +554,13 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
       } else {
         object = std::make_shared<Color>(ColorSpace::Unknown, std::vector<double>{});
       }
-    } else if (name == "NSTextAttachment") {
+    } else if (kind == Builtin::TextAttachment) {
       std::shared_ptr<const FileWrapper> wrapper;
       while (const auto value = cursor.next())
         if (!wrapper && value->kind == Value::Kind::Object)
           wrapper = objectAs<FileWrapper>(value->object);
       object = std::make_shared<TextAttachment>(std::move(wrapper));
-    } else if (name == "NSFileWrapper") {
+    } else if (kind == Builtin::FileWrapper) {
       // Whatever else it stores, the wrapper's file is its serialized form.
       while (const auto value = cursor.next()) {
         const auto bytes = bytesOf(*value);
@@ -547,14 +568,10 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
           object = FileWrapper::fromSerializedRepresentation(*bytes);
       }
       if (!object)
-        object = std::make_shared<InertObject>(name);
-    } else {
-      known = false;
+        object = std::make_shared<InertObject>("NSFileWrapper");
     }
-    if (known) {
-      cursor.drain(nullptr);
-      return object;
-    }
+    cursor.drain(nullptr);
+    return object;
   }
   cursor.drain(nullptr);
   return std::make_shared<InertObject>(archivedClass->name());

@@ -55,9 +55,18 @@ private:
   std::shared_ptr<const ArchivedClass> readClass(int8_t head);
   ObjectRef readObject(int8_t head);
   ObjectRef decodeObjectBody(const std::shared_ptr<const ArchivedClass> &archivedClass);
-  // The name of the class itself or its nearest superclass that is known
-  // here, or empty.
-  const std::string &knownClassName(const ArchivedClass &archivedClass);
+  // What the class itself or its nearest superclass known here is decoded
+  // as: one of the program's classes, a Foundation or AppKit class, or
+  // nothing (read through and kept inert).
+  struct KnownClass {
+    enum class Builtin {
+      None, Substitution, String, Array, Dictionary, Number, Data, Date, URL, AttributedString, Font, Color,
+      TextAttachment, FileWrapper
+    };
+    Builtin builtin = Builtin::None;
+    const ClassFactory *factory = nullptr; // for a substitution
+  };
+  const KnownClass &knownClass(const ArchivedClass &archivedClass);
 
   struct TableEntry {
     enum class Kind { CString, Class, Object, ObjectInProgress } kind;
@@ -72,7 +81,7 @@ private:
   int depth_ = 0;
   std::string lastEncoding_; // of the group read last, for generic objects
   std::vector<std::vector<Value>> spareGroups_;
-  std::unordered_map<const ArchivedClass *, std::string> knownNames_;
+  std::unordered_map<const ArchivedClass *, KnownClass> knownClasses_;
 };
 
 } // namespace parlova

@@ -43,6 +43,11 @@ std::u16string utf8ToUtf16(std::string_view in) {
   size_t i = 0;
   while (i < in.size()) {
     const auto lead = static_cast<uint8_t>(in[i]);
+    if (lead < 0x80) { // most chat text: no decoding to do
+      out.push_back(lead);
+      ++i;
+      continue;
+    }
     int extra = 0;
     char32_t cp = 0;
     char32_t minimum = 0;
