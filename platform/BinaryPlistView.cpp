@@ -127,13 +127,15 @@ BinaryPlistView::Object BinaryPlistView::describe(Ref ref) const {
   return Object{type, length, payload, static_cast<uint8_t>(high == 0x6 ? 2 : 1)};
 }
 
-std::optional<bool> BinaryPlistView::boolean(Ref ref) const {
-  const Object object = describe(ref);
+std::optional<bool> BinaryPlistView::boolean(Ref ref) const { return boolean(describe(ref)); }
+
+std::optional<bool> BinaryPlistView::boolean(const Entry &object) const {
   return object.type == Type::Boolean ? std::optional<bool>(object.length != 0) : std::nullopt;
 }
 
-std::optional<int64_t> BinaryPlistView::integer(Ref ref) const {
-  const Object object = describe(ref);
+std::optional<int64_t> BinaryPlistView::integer(Ref ref) const { return integer(describe(ref)); }
+
+std::optional<int64_t> BinaryPlistView::integer(const Entry &object) const {
   if (object.type != Type::Integer)
     return std::nullopt;
   // Sixteen-byte integers hold unsigned 64-bit values in their low half.
@@ -142,8 +144,9 @@ std::optional<int64_t> BinaryPlistView::integer(Ref ref) const {
   return static_cast<int64_t>(readUnsigned(position, width));
 }
 
-std::optional<double> BinaryPlistView::real(Ref ref) const {
-  const Object object = describe(ref);
+std::optional<double> BinaryPlistView::real(Ref ref) const { return real(describe(ref)); }
+
+std::optional<double> BinaryPlistView::real(const Entry &object) const {
   if (object.type != Type::Real && object.type != Type::Date)
     return std::nullopt;
   const uint64_t bits = readUnsigned(object.payload, object.width);
@@ -158,21 +161,24 @@ std::optional<double> BinaryPlistView::real(Ref ref) const {
   return value;
 }
 
-std::optional<uint64_t> BinaryPlistView::uid(Ref ref) const {
-  const Object object = describe(ref);
+std::optional<uint64_t> BinaryPlistView::uid(Ref ref) const { return uid(describe(ref)); }
+
+std::optional<uint64_t> BinaryPlistView::uid(const Entry &object) const {
   return object.type == Type::Uid ? std::optional<uint64_t>(readUnsigned(object.payload, object.width))
                                   : std::nullopt;
 }
 
-std::optional<std::span<const uint8_t>> BinaryPlistView::data(Ref ref) const {
-  const Object object = describe(ref);
+std::optional<std::span<const uint8_t>> BinaryPlistView::data(Ref ref) const { return data(describe(ref)); }
+
+std::optional<std::span<const uint8_t>> BinaryPlistView::data(const Entry &object) const {
   if (object.type != Type::Data)
     return std::nullopt;
   return bytes_.subspan(object.payload, object.length);
 }
 
-std::optional<std::string> BinaryPlistView::string(Ref ref) const {
-  const Object object = describe(ref);
+std::optional<std::string> BinaryPlistView::string(Ref ref) const { return string(describe(ref)); }
+
+std::optional<std::string> BinaryPlistView::string(const Entry &object) const {
   if (object.type != Type::String)
     return std::nullopt;
   const auto *start = reinterpret_cast<const char *>(bytes_.data() + object.payload);
@@ -185,6 +191,17 @@ std::optional<std::string> BinaryPlistView::string(Ref ref) const {
 }
 
 bool BinaryPlistView::stringEquals(Ref ref, std::string_view text) const {
+  // Keys are short ASCII strings with the length in the marker: compared
+  // without describing them in full.
+  if (ref < objectCount_ && text.size() < 15) {
+    const uint64_t position = readUnsigned(offsetTable_ + ref * offsetWidth_, offsetWidth_);
+    if (position >= kHeader.size() && position < offsetTable_ && (bytes_[position] >> 4) == 0x5 &&
+        (bytes_[position] & 0x0F) != 0x0F) {
+      const uint64_t length = bytes_[position] & 0x0F;
+      return length == text.size() && length <= offsetTable_ - position - 1 &&
+             std::memcmp(bytes_.data() + position + 1, text.data(), length) == 0;
+    }
+  }
   const Object object = describe(ref);
   if (object.type != Type::String)
     return false;
@@ -200,28 +217,40 @@ uint64_t BinaryPlistView::count(Ref container) const {
 }
 
 BinaryPlistView::Ref BinaryPlistView::element(Ref container, uint64_t index) const {
-  const Object object = describe(container);
+  return element(describe(container), index);
+}
+
+BinaryPlistView::Ref BinaryPlistView::element(const Entry &object, uint64_t index) const {
   if ((object.type != Type::Array && object.type != Type::Set) || index >= object.length)
     return objectCount_; // no object: every query on it answers nothing
   return refAt(object.payload + index * refWidth_);
 }
 
 BinaryPlistView::Ref BinaryPlistView::keyAt(Ref dictionary, uint64_t index) const {
-  const Object object = describe(dictionary);
+  return keyAt(describe(dictionary), index);
+}
+
+BinaryPlistView::Ref BinaryPlistView::keyAt(const Entry &object, uint64_t index) const {
   if (object.type != Type::Dictionary || index >= object.length)
     return objectCount_;
   return refAt(object.payload + index * refWidth_);
 }
 
 BinaryPlistView::Ref BinaryPlistView::valueAt(Ref dictionary, uint64_t index) const {
-  const Object object = describe(dictionary);
+  return valueAt(describe(dictionary), index);
+}
+
+BinaryPlistView::Ref BinaryPlistView::valueAt(const Entry &object, uint64_t index) const {
   if (object.type != Type::Dictionary || index >= object.length)
     return objectCount_;
   return refAt(object.payload + (object.length + index) * refWidth_);
 }
 
 std::optional<BinaryPlistView::Ref> BinaryPlistView::valueForKey(Ref dictionary, std::string_view key) const {
-  const Object object = describe(dictionary);
+  return valueForKey(describe(dictionary), key);
+}
+
+std::optional<BinaryPlistView::Ref> BinaryPlistView::valueForKey(const Entry &object, std::string_view key) const {
   if (object.type != Type::Dictionary)
     return std::nullopt;
   for (uint64_t i = 0; i < object.length; ++i)

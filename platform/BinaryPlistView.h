@@ -24,6 +24,16 @@ public:
   Ref top() const { return top_; }
   uint64_t objectCount() const { return objectCount_; }
 
+  // Where an object lies and what it is; every reading below has a form
+  // that takes it, so that an object is looked up once however it is read.
+  struct Entry {
+    Type type = Type::Invalid;
+    uint64_t length = 0; // bytes, characters, elements or entries
+    uint64_t payload = 0;
+    uint8_t width = 0; // of integers, reals and UIDs; 2 for UTF-16 strings
+  };
+  Entry describe(Ref ref) const;
+
   Type type(Ref ref) const { return describe(ref).type; }
   std::optional<bool> boolean(Ref ref) const;
   std::optional<int64_t> integer(Ref ref) const;
@@ -42,16 +52,21 @@ public:
   Ref valueAt(Ref dictionary, uint64_t index) const;
   std::optional<Ref> valueForKey(Ref dictionary, std::string_view key) const;
 
+  std::optional<bool> boolean(const Entry &entry) const;
+  std::optional<int64_t> integer(const Entry &entry) const;
+  std::optional<double> real(const Entry &entry) const;
+  std::optional<uint64_t> uid(const Entry &entry) const;
+  std::optional<std::span<const uint8_t>> data(const Entry &entry) const;
+  std::optional<std::string> string(const Entry &entry) const;
+  Ref element(const Entry &container, uint64_t index) const;
+  Ref keyAt(const Entry &dictionary, uint64_t index) const;
+  Ref valueAt(const Entry &dictionary, uint64_t index) const;
+  std::optional<Ref> valueForKey(const Entry &dictionary, std::string_view key) const;
+
 private:
-  struct Object {
-    Type type = Type::Invalid;
-    uint64_t length = 0; // bytes, characters, elements or entries
-    uint64_t payload = 0;
-    uint8_t width = 0; // of integers, reals and UIDs; 2 for UTF-16 strings
-  };
+  using Object = Entry;
 
   BinaryPlistView(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-  Object describe(Ref ref) const;
   uint64_t readUnsigned(uint64_t position, uint8_t width) const;
   Ref refAt(uint64_t position) const { return readUnsigned(position, refWidth_); }
 

@@ -21,7 +21,8 @@ constexpr int kMaxDepth = 200;
 
 class KeyedObjectCoder final : public Coder {
 public:
-  KeyedObjectCoder(KeyedUnarchiver &archive, Ref object) : archive_(archive), plist_(archive.plist()), object_(object) {}
+  KeyedObjectCoder(KeyedUnarchiver &archive, const BinaryPlistView::Entry &object)
+      : archive_(archive), plist_(archive.plist()), object_(object) {}
 
   bool allowsKeyedCoding() const override { return true; }
 
@@ -74,7 +75,7 @@ private:
 
   KeyedUnarchiver &archive_;
   const BinaryPlistView &plist_;
-  Ref object_;
+  BinaryPlistView::Entry object_;
 };
 
 std::vector<ObjectRef> itemsOf(const ObjectRef &object) {
@@ -171,8 +172,8 @@ ObjectRef decodeColor(KeyedObjectCoder &coder) {
 } // namespace
 
 KeyedUnarchiver::KeyedUnarchiver(std::vector<uint8_t> converted, BinaryPlistView view, Ref objects, Ref top)
-    : converted_(std::move(converted)), view_(view), objects_(objects), top_(top),
-      decoded_(view_.count(objects)), state_(view_.count(objects), State::NotYet) {}
+    : converted_(std::move(converted)), view_(view), objects_(view_.describe(objects)), top_(top),
+      decoded_(objects_.length), state_(objects_.length, State::NotYet) {}
 
 std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::forData(std::span<const uint8_t> bytes) {
   // XML archives (rare, and written by hand more often than by a Mac) are
@@ -208,11 +209,11 @@ std::optional<ObjectRef> KeyedUnarchiver::decodeTopLevelObjectForKey(std::string
 }
 
 // Binary archives hold real UIDs; XML ones spell each as {CF$UID = n}.
-std::optional<uint64_t> KeyedUnarchiver::uidOf(Ref ref) const {
-  if (const auto uid = view_.uid(ref))
-    return uid;
-  if (view_.type(ref) == Type::Dictionary && view_.count(ref) == 1 && view_.stringEquals(view_.keyAt(ref, 0), "CF$UID"))
-    if (const auto uid = view_.integer(view_.valueAt(ref, 0)))
+std::optional<uint64_t> KeyedUnarchiver::uidOf(const BinaryPlistView::Entry &entry) const {
+  if (entry.type == Type::Uid)
+    return view_.uid(entry);
+  if (entry.type == Type::Dictionary && entry.length == 1 && view_.stringEquals(view_.keyAt(entry, 0), "CF$UID"))
+    if (const auto uid = view_.integer(view_.valueAt(entry, 0)))
       return static_cast<uint64_t>(*uid);
   return std::nullopt;
 }
@@ -232,40 +233,39 @@ ObjectRef KeyedUnarchiver::decodeValue(std::optional<Ref> ref) {
   if (++work_ > 16 * view_.objectCount() + 4096)
     throw ArchiveDamaged("values shared too often");
 
-  if (const auto uid = uidOf(*ref))
+  const BinaryPlistView::Entry entry = view_.describe(*ref);
+  if (const auto uid = uidOf(entry))
     return decodeReference(*uid);
-  switch (view_.type(*ref)) {
+  switch (entry.type) {
   case Type::String:
-    return std::make_shared<StringObject>(view_.string(*ref).value_or(""));
+    return std::make_shared<StringObject>(view_.string(entry).value_or(""));
   case Type::Integer:
-    return std::make_shared<NumberObject>(*view_.integer(*ref));
+    return std::make_shared<NumberObject>(*view_.integer(entry));
   case Type::Real:
-    return std::make_shared<NumberObject>(*view_.real(*ref));
+    return std::make_shared<NumberObject>(*view_.real(entry));
   case Type::Boolean:
-    return std::make_shared<NumberObject>(*view_.boolean(*ref));
+    return std::make_shared<NumberObject>(*view_.boolean(entry));
   case Type::Data: {
-    const auto bytes = *view_.data(*ref);
+    const auto bytes = *view_.data(entry);
     return std::make_shared<DataObject>(std::vector<uint8_t>(bytes.begin(), bytes.end()));
   }
   case Type::Date:
-    return std::make_shared<DateObject>(Date(*view_.real(*ref)));
+    return std::make_shared<DateObject>(Date(*view_.real(entry)));
   case Type::Array:
   case Type::Set: {
-    const uint64_t count = view_.count(*ref);
     std::vector<ObjectRef> items;
-    items.reserve(count);
-    for (uint64_t i = 0; i < count; ++i)
-      items.push_back(decodeValue(view_.element(*ref, i)));
+    items.reserve(entry.length);
+    for (uint64_t i = 0; i < entry.length; ++i)
+      items.push_back(decodeValue(view_.element(entry, i)));
     return std::make_shared<ArrayObject>(std::move(items));
   }
   case Type::Dictionary: {
-    if (view_.valueForKey(*ref, "$class"))
-      return decodeInstance(*ref);
-    const uint64_t count = view_.count(*ref);
+    if (const auto classRef = view_.valueForKey(entry, "$class"))
+      return decodeInstance(entry, *classRef);
     std::vector<DictionaryObject::Entry> entries;
-    for (uint64_t i = 0; i < count; ++i)
-      entries.emplace_back(std::make_shared<StringObject>(view_.string(view_.keyAt(*ref, i)).value_or("")),
-                           decodeValue(view_.valueAt(*ref, i)));
+    for (uint64_t i = 0; i < entry.length; ++i)
+      entries.emplace_back(std::make_shared<StringObject>(view_.string(view_.keyAt(entry, i)).value_or("")),
+                           decodeValue(view_.valueAt(entry, i)));
     return std::make_shared<DictionaryObject>(std::move(entries));
   }
   default:
@@ -296,26 +296,30 @@ ObjectRef KeyedUnarchiver::decodeReference(uint64_t uid) {
   return object;
 }
 
-ObjectRef KeyedUnarchiver::decodeInstance(Ref objectDictionary) {
-  const auto classRef = view_.valueForKey(objectDictionary, "$class");
-  const auto classUid = classRef ? uidOf(*classRef) : std::nullopt;
+ObjectRef KeyedUnarchiver::decodeInstance(const BinaryPlistView::Entry &objectDictionary, Ref classRef) {
+  const auto classUid = uidOf(view_.describe(classRef));
   if (!classUid)
     throw ArchiveDamaged("object without a class reference");
-  if (*classUid >= decoded_.size() || view_.type(view_.element(objects_, *classUid)) != Type::Dictionary)
+  const Ref classRefTarget = view_.element(objects_, *classUid);
+  const BinaryPlistView::Entry classInfo = view_.describe(classRefTarget);
+  if (*classUid >= decoded_.size() || classInfo.type != Type::Dictionary)
     throw ArchiveDamaged("class reference to something that is not a class");
-  const Ref classInfo = view_.element(objects_, *classUid);
 
   // The class itself first, then its superclasses, as NSKeyedUnarchiver
-  // falls back along the chain for classes it cannot find.
-  std::vector<std::string> chain;
-  if (const auto name = view_.valueForKey(classInfo, "$classname"))
-    if (auto text = view_.string(*name))
-      chain.push_back(std::move(*text));
-  if (const auto classes = view_.valueForKey(classInfo, "$classes"); classes && view_.type(*classes) == Type::Array) {
-    const uint64_t count = view_.count(*classes);
-    for (uint64_t i = 0; i < count; ++i)
-      if (auto name = view_.string(view_.element(*classes, i)); name && (chain.empty() || chain.back() != *name))
-        chain.push_back(std::move(*name));
+  // falls back along the chain for classes it cannot find. Every object of
+  // a class shares its description, so the chain is read once.
+  auto [cached, inserted] = classChains_.try_emplace(*classUid);
+  std::vector<std::string> &chain = cached->second;
+  if (inserted) {
+    if (const auto name = view_.valueForKey(classInfo, "$classname"))
+      if (auto text = view_.string(*name))
+        chain.push_back(std::move(*text));
+    if (const auto classes = view_.valueForKey(classInfo, "$classes")) {
+      const BinaryPlistView::Entry list = view_.describe(*classes);
+      for (uint64_t i = 0; list.type == Type::Array && i < list.length; ++i)
+        if (auto name = view_.string(view_.element(list, i)); name && (chain.empty() || chain.back() != *name))
+          chain.push_back(std::move(*name));
+    }
   }
   if (generic_)
     return decodeGenerically(chain, objectDictionary);
@@ -328,13 +332,13 @@ ObjectRef KeyedUnarchiver::decodeInstance(Ref objectDictionary) {
   return std::make_shared<InertObject>(chain.empty() ? std::string("?") : chain.front());
 }
 
-ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &chain, Ref objectDictionary) {
+ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &chain,
+                                             const BinaryPlistView::Entry &objectDictionary) {
   std::shared_ptr<const ArchivedClass> archivedClass;
   for (size_t i = chain.size(); i-- > 0;)
     archivedClass = std::make_shared<ArchivedClass>(chain[i], std::nullopt, archivedClass);
   std::vector<GenericObject::Field> fields;
-  const uint64_t count = view_.count(objectDictionary);
-  for (uint64_t i = 0; i < count; ++i) {
+  for (uint64_t i = 0; i < objectDictionary.length; ++i) {
     const std::string label = view_.string(view_.keyAt(objectDictionary, i)).value_or("");
     if (label != "$class")
       fields.push_back({label, {decodeValue(view_.valueAt(objectDictionary, i))}});
@@ -342,7 +346,8 @@ ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &cha
   return std::make_shared<GenericObject>(archivedClass, std::move(fields));
 }
 
-ObjectRef KeyedUnarchiver::decodeKnownClass(const std::string &name, Ref objectDictionary, bool &known) {
+ObjectRef KeyedUnarchiver::decodeKnownClass(const std::string &name, const BinaryPlistView::Entry &objectDictionary,
+                                            bool &known) {
   known = true;
   KeyedObjectCoder coder(*this, objectDictionary);
   if (const auto substitution = substitutions_.find(name); substitution != substitutions_.end())

@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/BinaryPlistView.h"
@@ -40,19 +41,20 @@ private:
   using Ref = BinaryPlistView::Ref;
   KeyedUnarchiver(std::vector<uint8_t> converted, BinaryPlistView view, Ref objects, Ref top);
   ObjectRef decodeReference(uint64_t uid);
-  ObjectRef decodeInstance(Ref objectDictionary);
-  ObjectRef decodeGenerically(const std::vector<std::string> &chain, Ref objectDictionary);
-  ObjectRef decodeKnownClass(const std::string &name, Ref objectDictionary, bool &known);
-  std::optional<uint64_t> uidOf(Ref ref) const;
+  ObjectRef decodeInstance(const BinaryPlistView::Entry &objectDictionary, Ref classRef);
+  ObjectRef decodeGenerically(const std::vector<std::string> &chain, const BinaryPlistView::Entry &objectDictionary);
+  ObjectRef decodeKnownClass(const std::string &name, const BinaryPlistView::Entry &objectDictionary, bool &known);
+  std::optional<uint64_t> uidOf(const BinaryPlistView::Entry &entry) const;
 
   enum class State : uint8_t { NotYet, InProgress, Done };
 
   std::vector<uint8_t> converted_; // an XML archive, turned binary; empty when it was binary
   BinaryPlistView view_;           // over the caller's bytes or converted_
-  Ref objects_;
+  BinaryPlistView::Entry objects_; // the $objects array
   Ref top_;
   std::map<std::string, ClassFactory, std::less<>> substitutions_;
   std::vector<ObjectRef> decoded_;
+  std::unordered_map<uint64_t, std::vector<std::string>> classChains_; // by the class's UID
   std::vector<State> state_;
   int depth_ = 0;
   uint64_t work_ = 0; // values decoded, against archives that share inline values exponentially
