@@ -120,7 +120,11 @@ public:
     if (nextPending_ == pending_.size()) {
       if (atEndOfObject())
         return std::nullopt;
-      archive_.readGroup(pending_);
+      // Most groups hold one value, which needs no buffer.
+      const auto &encodings = archive_.reader_.readTypeEncodings(archive_.reader_.readHead());
+      if (encodings.size() == 1)
+        return archive_.readValue(encodings.front());
+      archive_.readValues(encodings, pending_);
       nextPending_ = 0;
     }
     return std::move(pending_[nextPending_++]);
@@ -221,14 +225,18 @@ std::optional<ObjectRef> TypedStreamUnarchiver::decodeRootObject() {
 
 void TypedStreamUnarchiver::readGroup(std::vector<Value> &values) {
   const auto &encodings = reader_.readTypeEncodings(reader_.readHead());
-  values.clear();
-  for (const std::string &part : encodings)
-    values.push_back(readValue(part));
+  readValues(encodings, values);
   if (generic_) {
     lastEncoding_.clear();
     for (const std::string &part : encodings)
       lastEncoding_ += part;
   }
+}
+
+void TypedStreamUnarchiver::readValues(const std::vector<std::string> &encodings, std::vector<Value> &values) {
+  values.clear();
+  for (const std::string &part : encodings)
+    values.push_back(readValue(part));
 }
 
 Value TypedStreamUnarchiver::readValue(const std::string &encoding) {

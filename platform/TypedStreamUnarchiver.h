@@ -51,6 +51,7 @@ private:
   explicit TypedStreamUnarchiver(TypedStreamReader reader) : reader_(std::move(reader)) {}
 
   void readGroup(std::vector<Value> &values);
+  void readValues(const std::vector<std::string> &encodings, std::vector<Value> &values);
   Value readValue(const std::string &encoding);
   std::shared_ptr<const ArchivedClass> readClass(int8_t head);
   ObjectRef readObject(int8_t head);

@@ -43,9 +43,15 @@ std::u16string utf8ToUtf16(std::string_view in) {
   size_t i = 0;
   while (i < in.size()) {
     const auto lead = static_cast<uint8_t>(in[i]);
-    if (lead < 0x80) { // most chat text: no decoding to do
-      out.push_back(lead);
-      ++i;
+    if (lead < 0x80) { // most chat text: a run of ASCII, copied as it is
+      size_t end = i + 1;
+      while (end < in.size() && static_cast<uint8_t>(in[end]) < 0x80)
+        ++end;
+      const size_t start = out.size();
+      out.resize(start + (end - i));
+      for (size_t k = i; k < end; ++k)
+        out[start + (k - i)] = static_cast<uint8_t>(in[k]);
+      i = end;
       continue;
     }
     int extra = 0;
