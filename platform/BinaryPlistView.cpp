@@ -210,34 +210,17 @@ bool BinaryPlistView::stringEquals(Ref ref, std::string_view text) const {
   return string(ref) == text;
 }
 
-uint64_t BinaryPlistView::count(Ref container) const {
-  const Object object = describe(container);
-  return object.type == Type::Array || object.type == Type::Set || object.type == Type::Dictionary ? object.length
-                                                                                                     : 0;
-}
-
-BinaryPlistView::Ref BinaryPlistView::element(Ref container, uint64_t index) const {
-  return element(describe(container), index);
-}
-
 BinaryPlistView::Ref BinaryPlistView::element(const Entry &object, uint64_t index) const {
   if ((object.type != Type::Array && object.type != Type::Set) || index >= object.length)
     return objectCount_; // no object: every query on it answers nothing
   return refAt(object.payload + index * refWidth_);
 }
 
-BinaryPlistView::Ref BinaryPlistView::keyAt(Ref dictionary, uint64_t index) const {
-  return keyAt(describe(dictionary), index);
-}
-
+// A dictionary's keys come first, then its values.
 BinaryPlistView::Ref BinaryPlistView::keyAt(const Entry &object, uint64_t index) const {
   if (object.type != Type::Dictionary || index >= object.length)
     return objectCount_;
   return refAt(object.payload + index * refWidth_);
-}
-
-BinaryPlistView::Ref BinaryPlistView::valueAt(Ref dictionary, uint64_t index) const {
-  return valueAt(describe(dictionary), index);
 }
 
 BinaryPlistView::Ref BinaryPlistView::valueAt(const Entry &object, uint64_t index) const {

@@ -45,11 +45,6 @@ public:
   std::optional<std::string> string(Ref ref) const;
   bool stringEquals(Ref ref, std::string_view text) const;
 
-  // Elements of arrays and sets; entries of dictionaries.
-  uint64_t count(Ref container) const;
-  Ref element(Ref container, uint64_t index) const;
-  Ref keyAt(Ref dictionary, uint64_t index) const;
-  Ref valueAt(Ref dictionary, uint64_t index) const;
   std::optional<Ref> valueForKey(Ref dictionary, std::string_view key) const;
 
   std::optional<bool> boolean(const Entry &entry) const;
@@ -58,6 +53,7 @@ public:
   std::optional<uint64_t> uid(const Entry &entry) const;
   std::optional<std::span<const uint8_t>> data(const Entry &entry) const;
   std::optional<std::string> string(const Entry &entry) const;
+  // Elements of arrays and sets; entries of dictionaries.
   Ref element(const Entry &container, uint64_t index) const;
   Ref keyAt(const Entry &dictionary, uint64_t index) const;
   Ref valueAt(const Entry &dictionary, uint64_t index) const;
