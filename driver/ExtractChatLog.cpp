@@ -52,7 +52,18 @@ void moveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
   }
 }
 
-std::optional<MailSecurity> mailSecurityNamed(std::string name);
+// The values of emailSecurity, in any case; absent is "none".
+std::optional<MailSecurity> mailSecurityNamed(std::string name) {
+  for (char &c : name)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (name == "none" || name.empty())
+    return MailSecurity::None;
+  if (name == "starttls")
+    return MailSecurity::StartTls;
+  if (name == "tls")
+    return MailSecurity::Tls;
+  return std::nullopt;
+}
 
 // Composes the transcript email and carries it through the SMTP session.
 // True when it could not be handed to the server.
@@ -98,19 +109,6 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
     return true;
   }
   return log.HandleEmailSending(*session);
-}
-
-// The values of emailSecurity, in any case; absent is "none".
-std::optional<MailSecurity> mailSecurityNamed(std::string name) {
-  for (char &c : name)
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name == "none" || name.empty())
-    return MailSecurity::None;
-  if (name == "starttls")
-    return MailSecurity::StartTls;
-  if (name == "tls")
-    return MailSecurity::Tls;
-  return std::nullopt;
 }
 
 } // namespace
