@@ -236,7 +236,12 @@ struct TlsTunnel::State {
     if (poll(waiting, 2, static_cast<int>(timeoutSeconds) * 1000) <= 0 || !(waiting[0].revents & POLLIN))
       return;
     const Socket client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client || (!greeting.empty() && !sendAll(client.get(), greeting)))
+    if (!client)
+      return;
+    // A framework that stops reading must not hold the relay (and the
+    // session's end, which waits for it) for ever.
+    setTimeouts(client.get(), timeoutSeconds);
+    if (!greeting.empty() && !sendAll(client.get(), greeting))
       return;
     SSL *ssl = secured.ssl.get();
     char buffer[16384];
