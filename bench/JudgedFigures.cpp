@@ -95,27 +95,24 @@ void printDecoding(const fs::path &keyed, const fs::path &typedStream) {
     double decode = 1e9;
     double free = 1e9;
   };
-  const auto timed = [](const std::function<void *()> &decode, const std::function<void(void *)> &release) {
+  const auto timed = [](const std::function<void()> &decode, const std::function<void()> &release) {
     Timing best;
     for (int i = 0; i < 7; ++i) {
-      void *made = nullptr;
-      best.decode = std::min(best.decode, secondsOf([&] { made = decode(); }));
-      best.free = std::min(best.free, secondsOf([&] { release(made); }));
+      best.decode = std::min(best.decode, secondsOf(decode));
+      best.free = std::min(best.free, secondsOf(release));
     }
     return best;
   };
+  plist_t tree = nullptr;
   const Timing floor = timed(
-      [&]() -> void * {
-        plist_t root = nullptr;
+      [&] {
         plist_from_bin(reinterpret_cast<const char *>(keyedBytes.data()), static_cast<uint32_t>(keyedBytes.size()),
-                       &root);
-        return root;
+                       &tree);
       },
-      [](void *root) { plist_free(static_cast<plist_t>(root)); });
-  const auto load = [](const fs::path &path) {
-    return [path]() -> void * { return new std::optional<ICLPChatLog>(ICLPChatLog::initWithFilePath(path)); };
-  };
-  const auto unload = [](void *log) { delete static_cast<std::optional<ICLPChatLog> *>(log); };
+      [&] { plist_free(tree); });
+  std::optional<ICLPChatLog> log;
+  const auto load = [&log](const fs::path &path) { return [&log, path] { log = ICLPChatLog::initWithFilePath(path); }; };
+  const auto unload = [&log] { log.reset(); };
   const Timing keyedTiming = timed(load(keyed), unload);
   const Timing typedTiming = timed(load(typedStream), unload);
   const auto rate = [](size_t bytes, double seconds) { return static_cast<double>(bytes) / 1e6 / seconds; };

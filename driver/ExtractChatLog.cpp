@@ -100,15 +100,14 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
   message.to = *to;
   message.html = log.HTMLChatLog();
   message.plainText = log.PlainChatLog();
-  std::string why;
-  const auto session = SmtpSession::open(mailServer, message, why);
-  if (!session) {
-    logFormat("Could not load the mail module: %@", why);
+  auto opened = SmtpSession::open(mailServer, message);
+  if (const auto *why = std::get_if<std::string>(&opened)) {
+    logFormat("Could not load the mail module: %@", *why);
     logLine("Unable to connect to mail server.");
     ICLPChatLog::reportErrorAndLog(2, "SMTP unreachable");
     return true;
   }
-  return log.HandleEmailSending(*session);
+  return log.HandleEmailSending(*std::get<std::unique_ptr<SmtpSession>>(opened));
 }
 
 } // namespace

@@ -60,7 +60,8 @@ bool TranscriptJournal::begin(const fs::path &transcript) {
     return false;
   std::error_code error;
   fs::remove_all(folder_, error);
-  if (!fs::create_directories(folder_, error))
+  fs::create_directories(folder_, error);
+  if (error)
     return errno = error.value(), false;
   // Every archive write renames a new file over the old one, so a link to
   // today's file keeps today's contents however the stages end.
@@ -157,8 +158,6 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
     clear();
     return {};
   }
-  transcript_ = *transcript;
-  identity_ = *current;
   return {Kind::MoveDue, *transcript, *target};
 }
 

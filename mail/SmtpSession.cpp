@@ -4,12 +4,11 @@
 
 namespace parlova {
 
-std::unique_ptr<SmtpSession> SmtpSession::open(const MailServer &server, const MailMessage &message, std::string &why) {
+std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const MailServer &server,
+                                                                          const MailMessage &message) {
   const auto found = moduleSymbol("libparlova-mail.so", kOpenSmtpSessionSymbol);
-  if (const auto *reason = std::get_if<std::string>(&found)) {
-    why = *reason;
-    return nullptr;
-  }
+  if (const auto *why = std::get_if<std::string>(&found))
+    return *why;
   const auto openSession = reinterpret_cast<OpenSmtpSessionFunction>(std::get<void *>(found));
   return std::unique_ptr<SmtpSession>(openSession(&server, &message));
 }

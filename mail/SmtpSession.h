@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "mail/TlsTunnel.h"
@@ -48,8 +49,9 @@ struct MailServer {
 // first time a mail is sent, so that runs that send nothing never load it.
 class SmtpSession {
 public:
-  // Nothing when the mail module cannot be loaded; `why` then says why.
-  static std::unique_ptr<SmtpSession> open(const MailServer &server, const MailMessage &message, std::string &why);
+  // The session, or why the mail module could not be loaded.
+  static std::variant<std::unique_ptr<SmtpSession>, std::string> open(const MailServer &server,
+                                                                      const MailMessage &message);
 
   virtual ~SmtpSession() = default;
 

@@ -257,8 +257,6 @@ bool PantomimeSmtpSession::runRunLoopOnce() {
 }
 
 void PantomimeSmtpSession::authenticate(const std::string &username, const std::string &password, const std::string &mechanism) {
-  if (!objects_->smtp)
-    return;
   [objects_->smtp authenticate:text(username) password:text(password) mechanism:text(mechanism)];
 }
 

@@ -26,8 +26,6 @@ namespace parlova {
 
 namespace {
 
-using Socket = FileDescriptor;
-
 struct SslContextDeleter {
   void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
 };
@@ -49,15 +47,15 @@ void setTimeouts(int fd, unsigned seconds) {
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
-Socket connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds) {
+FileDescriptor connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo *found = nullptr;
   if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
     return {};
-  Socket connected;
+  FileDescriptor connected;
   for (const addrinfo *address = found; address && !connected; address = address->ai_next) {
-    Socket candidate(socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
+    FileDescriptor candidate(socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
     if (!candidate)
       continue;
     setTimeouts(candidate.get(), timeoutSeconds); // bounds connect() too
@@ -209,8 +207,8 @@ std::string negotiateStartTls(int fd) {
 
 struct TlsTunnel::State {
   Secured secured;
-  Socket server;
-  Socket listener;
+  FileDescriptor server;
+  FileDescriptor listener;
   unsigned port = 0;
   std::string greeting; // what the framework reads first, for STARTTLS
   int wake[2] = {-1, -1};
@@ -235,7 +233,7 @@ struct TlsTunnel::State {
     pollfd waiting[2] = {{listener.get(), POLLIN, 0}, {wake[0], POLLIN, 0}};
     if (poll(waiting, 2, static_cast<int>(timeoutSeconds) * 1000) <= 0 || !(waiting[0].revents & POLLIN))
       return;
-    const Socket client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const FileDescriptor client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client)
       return;
     // A framework that stops reading must not hold the relay (and the
@@ -327,7 +325,7 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
   setTimeouts(state->server.get(), 0);
   fcntl(state->server.get(), F_SETFL, fcntl(state->server.get(), F_GETFL) | O_NONBLOCK);
 
-  state->listener = Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  state->listener = FileDescriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in loopback{};
   loopback.sin_family = AF_INET;
   loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -161,8 +161,6 @@ std::optional<double> BinaryPlistView::real(const Entry &object) const {
   return value;
 }
 
-std::optional<uint64_t> BinaryPlistView::uid(Ref ref) const { return uid(describe(ref)); }
-
 std::optional<uint64_t> BinaryPlistView::uid(const Entry &object) const {
   return object.type == Type::Uid ? std::optional<uint64_t>(readUnsigned(object.payload, object.width))
                                   : std::nullopt;

@@ -39,7 +39,6 @@ public:
   std::optional<int64_t> integer(Ref ref) const;
   // Reals, and dates as seconds since 2001-01-01.
   std::optional<double> real(Ref ref) const;
-  std::optional<uint64_t> uid(Ref ref) const;
   std::optional<std::span<const uint8_t>> data(Ref ref) const;
   // ASCII strings as they are, UTF-16 ones converted to UTF-8.
   std::optional<std::string> string(Ref ref) const;

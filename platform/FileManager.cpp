@@ -1,5 +1,7 @@
 #include "platform/FileManager.h"
 
+#include "platform/FileDescriptor.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -62,9 +64,10 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
   std::error_code error;
   if (!fs::is_regular_file(path, error))
     return std::nullopt;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file)
     return std::nullopt;
+  const int fd = file.get();
   struct stat status{};
   std::vector<uint8_t> bytes(fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<size_t>(status.st_size) : 0);
   size_t have = 0;
@@ -75,17 +78,14 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
     const ssize_t got = full ? read(fd, probe, sizeof probe) : read(fd, bytes.data() + have, bytes.size() - have);
     if (got < 0 && errno == EINTR)
       continue;
-    if (got < 0) {
-      close(fd);
+    if (got < 0)
       return std::nullopt;
-    }
     if (got == 0)
       break;
     if (full)
       bytes.insert(bytes.end(), probe, probe + got);
     have += static_cast<size_t>(got);
   }
-  close(fd);
   bytes.resize(have);
   return bytes;
 }

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "driver/TranscriptJournal.h"
 #include "platform/FileManager.h"
 #include "tests/ToolTestSupport.h"
 
@@ -132,19 +133,17 @@ TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
   const std::string links = readText(folder / "gatheredURLs.plist");
   const std::string totals = readText(folder / "chatgeist.plist");
 
-  // Stopped while archiving Bob: the journal keeps the archives as they
-  // were, and the stages had already changed them.
+  // Stopped while archiving Bob: the journal had kept the archives, then
+  // the stages changed them.
   const auto bob = home.addTranscript("Bob on 2005-03-02.ichat", simpleChat("bob"));
-  fs::create_directories(folder / ".journal");
-  for (const char *name : {"gatheredURLs.plist", "chatgeist.plist"})
-    fs::copy_file(folder / name, folder / ".journal" / name);
-  writeText(folder / ".journal" / "journal.plist",
-            "<plist><dict><key>phase</key><string>archiving</string><key>transcript</key><string>" + bob.string() +
-                "</string><key>archives</key><dict><key>gatheredURLs.plist</key><true/><key>chatgeist.plist</key>"
-                "<true/><key>gatheredImages.plist</key><false/></dict></dict></plist>");
-  writeText(folder / "gatheredURLs.plist", "half-way");
-  writeText(folder / "chatgeist.plist", "half-way");
-  writeText(folder / "gatheredImages.plist", "made half-way");
+  ASSERT_TRUE(TranscriptJournal(folder).begin(bob));
+  // As the stages write: a new file renamed over the old one.
+  const auto replace = [](const fs::path &path, std::string_view text) {
+    ASSERT_TRUE(writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size())));
+  };
+  replace(folder / "gatheredURLs.plist", "half-way");
+  replace(folder / "chatgeist.plist", "half-way");
+  replace(folder / "gatheredImages.plist", "made half-way");
   writeText(folder / ".parlova-tmp-1234", "a write cut short");
   home.setSetting("handleURLs", "-bool", "NO"); // so that only the undoing shows in the link archive
   auto result = home.run("parlova");
@@ -163,20 +162,10 @@ TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
   // Stopped between the last stage and the move: only the move is left.
   const auto carol = home.addTranscript("Carol on 2005-03-03.ichat", simpleChat("carol"));
   const std::string after = readText(folder / "chatgeist.plist");
-  fs::create_directories(folder / ".journal");
-  const auto bytes = readFileContents(carol);
-  // The identity the journal records: size and FNV-1a digest.
-  uint64_t hash = 0xcbf29ce484222325ull;
-  for (const uint8_t byte : *bytes)
-    hash = (hash ^ byte) * 0x100000001b3ull;
-  char digest[17];
-  std::snprintf(digest, sizeof digest, "%016llx", static_cast<unsigned long long>(hash));
   const fs::path target = home.archive() / "Carol on 2005-03-03.ichat";
-  writeText(folder / ".journal" / "journal.plist",
-            "<plist><dict><key>phase</key><string>archived</string><key>transcript</key><string>" + carol.string() +
-                "</string><key>size</key><integer>" + std::to_string(bytes->size()) +
-                "</integer><key>digest</key><string>" + digest + "</string><key>target</key><string>" +
-                target.string() + "</string></dict></plist>");
+  TranscriptJournal journal(folder);
+  ASSERT_TRUE(journal.begin(carol));
+  ASSERT_TRUE(journal.markArchived(target));
   result = home.run("parlova");
   EXPECT_NE(result.err.find("] A run ended before moving " + carol.string() + "; moving it now.\n"),
             std::string::npos)
@@ -184,6 +173,17 @@ TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
   EXPECT_TRUE(fs::exists(target));
   EXPECT_FALSE(fs::exists(carol));
   EXPECT_EQ(readText(folder / "chatgeist.plist"), after) << "counted once";
+  EXPECT_FALSE(fs::exists(folder / ".journal"));
+
+  // A transcript changed since it was archived is not moved: a later run
+  // sees it afresh.
+  const auto dave = home.addTranscript("Dave on 2005-03-04.ichat", simpleChat("dave"));
+  TranscriptJournal changed(folder);
+  ASSERT_TRUE(changed.begin(dave));
+  ASSERT_TRUE(changed.markArchived(home.archive() / "Dave on 2005-03-04.ichat"));
+  home.addTranscript("Dave on 2005-03-04.ichat", simpleChat("dave and more"));
+  result = home.run("parlova");
+  EXPECT_EQ(result.err.find("A run ended before moving"), std::string::npos) << result.err;
   EXPECT_FALSE(fs::exists(folder / ".journal"));
 }
 
