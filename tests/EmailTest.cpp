@@ -158,14 +158,17 @@ protected:
     return {"--cert", (certificates_ / (certificate + ".pem")).string(), "--key",
             (certificates_ / (certificate + ".key")).string()};
   }
-  void secure(const std::string &port, const std::string &security) {
-    configure(port);
-    home_.setSetting("emailServer", "-string", "localhost");
-    home_.setSetting("emailSecurity", "-string", security);
-    home_.setSetting("emailCAFile", "-string", (certificates_ / "ca.pem").string());
+  void logIn() {
     home_.setSetting("emailNeedsUsername", "-int", "1");
     home_.setSetting("emailUsername", "-string", "parlova");
     home_.setSetting("emailPassword", "-string", "secret");
+  }
+  void secure(const std::string &port, const std::string &security) {
+    configure(port);
+    logIn();
+    home_.setSetting("emailServer", "-string", "localhost");
+    home_.setSetting("emailSecurity", "-string", security);
+    home_.setSetting("emailCAFile", "-string", (certificates_ / "ca.pem").string());
   }
   // A message without what differs from one sending to the next: the date,
   // the message id and the MIME boundary.
@@ -197,9 +200,7 @@ TEST_F(SecuredEmail, StartTlsAndImplicitTlsDeliverTheSameMessageAsPlain) {
   {
     SmtpServer server(home_.path() / "plain", "auth");
     configure(server.port());
-    home_.setSetting("emailNeedsUsername", "-int", "1");
-    home_.setSetting("emailUsername", "-string", "parlova");
-    home_.setSetting("emailPassword", "-string", "secret");
+    logIn();
     addChat();
     home_.run("parlova");
     ASSERT_EQ(server.messages().size(), 1u);
