@@ -16,8 +16,8 @@ std::shared_ptr<const ICLPPresentity> ICLPPresentity::initWithCoder(Coder &coder
     return std::make_shared<ICLPPresentity>(std::move(protocol), std::move(name));
   }
   // A typed stream has positions only: service first, then the account.
-  auto protocol = stringValueOf(coder.decodeObject());
-  auto name = stringValueOf(coder.decodeObject());
+  auto protocol = coder.decodeStringObject();
+  auto name = coder.decodeStringObject();
   return std::make_shared<ICLPPresentity>(std::move(protocol), std::move(name));
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/FoundationValues.h"
 #include "platform/Unicode.h"
 
 namespace parlova {
@@ -13,9 +14,28 @@ ObjectRef TextAttributes::valueForName(std::string_view name) const {
   return nullptr;
 }
 
+std::string TextAttributes::description() const {
+  std::vector<DictionaryObject::Entry> entries;
+  for (const auto &[name, value] : entries_)
+    entries.emplace_back(std::make_shared<StringObject>(name), value);
+  return DictionaryObject(std::move(entries)).description();
+}
+
+std::shared_ptr<const TextAttributes> TextAttributes::from(const ObjectRef &object) {
+  if (auto attributes = std::dynamic_pointer_cast<const TextAttributes>(object))
+    return attributes;
+  std::vector<Entry> entries;
+  if (const auto *dictionary = dynamic_cast<const DictionaryObject *>(object.get()))
+    for (const auto &[key, value] : dictionary->entries())
+      if (const auto *name = dynamic_cast<const StringObject *>(key.get()))
+        entries.emplace_back(name->value(), value);
+  return std::make_shared<const TextAttributes>(std::move(entries));
+}
+
 AttributedString::AttributedString(std::u16string text, const std::vector<RunSpec> &runs)
     : text_(std::move(text)) {
   static const auto kNoAttributes = std::make_shared<const TextAttributes>();
+  runs_.reserve(runs.size() + 1);
   size_t position = 0;
   for (const RunSpec &spec : runs) {
     if (position >= text_.size())

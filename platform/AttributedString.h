@@ -17,14 +17,21 @@ inline constexpr std::string_view kFontAttributeName = "NSFont";
 inline constexpr std::string_view kLinkAttributeName = "NSLink";
 inline constexpr std::string_view kAttachmentAttributeName = "NSAttachment";
 
-// One attribute set, in the order the archive listed it.
-class TextAttributes {
+// One attribute set, in the order the archive listed it. It is an object
+// itself because a typed stream's attribute dictionaries are decoded
+// straight into it, and the archive may refer to them again.
+class TextAttributes final : public Object {
 public:
   using Entry = std::pair<std::string, ObjectRef>;
   TextAttributes() = default;
   explicit TextAttributes(std::vector<Entry> entries) : entries_(std::move(entries)) {}
+  std::string className() const override { return "NSDictionary"; }
+  std::string description() const override;
   const std::vector<Entry> &entries() const { return entries_; }
   bool empty() const { return entries_.empty(); }
+  // The attribute set an archived object stands for: itself when it was
+  // decoded as one, a dictionary's entries named by strings, or none.
+  static std::shared_ptr<const TextAttributes> from(const ObjectRef &object);
   ObjectRef valueForName(std::string_view name) const;
 
 private:

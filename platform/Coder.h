@@ -25,6 +25,8 @@ public:
   // Typed streams: the next object, and the next value of type code "I".
   virtual ObjectRef decodeObject() = 0;
   virtual uint32_t decodeUnsignedInt() = 0;
+  // Typed streams: the text of the next object, empty when it is no string.
+  virtual std::string decodeStringObject() = 0;
 };
 
 // Makes the program's own object for an archived class name, reading its

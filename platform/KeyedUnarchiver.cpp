@@ -19,6 +19,19 @@ using Type = BinaryPlistView::Type;
 // shallow enough that hostile nesting cannot exhaust the stack.
 constexpr int kMaxDepth = 200;
 
+struct Nesting {
+  int &depth;
+  explicit Nesting(int &d) : depth(++d) {
+    if (depth > kMaxDepth) {
+      --depth;
+      throw ArchiveDamaged("objects nested too deeply");
+    }
+  }
+  ~Nesting() { --depth; }
+  Nesting(const Nesting &) = delete;
+  Nesting &operator=(const Nesting &) = delete;
+};
+
 class KeyedObjectCoder final : public Coder {
 public:
   KeyedObjectCoder(KeyedUnarchiver &archive, const BinaryPlistView::Entry &object)
@@ -47,6 +60,7 @@ public:
   // A keyed archive has no stream order to read from.
   ObjectRef decodeObject() override { return nullptr; }
   uint32_t decodeUnsignedInt() override { return 0; }
+  std::string decodeStringObject() override { return {}; }
 
   double decodeDoubleForKey(std::string_view key) {
     const auto ref = item(key);
@@ -59,15 +73,33 @@ public:
     return 0;
   }
 
-  std::vector<uint8_t> decodeBytesForKey(std::string_view key) {
+  // Stored bytes: in the archive itself, or in a data object held here
+  // along with them.
+  struct Bytes {
+    std::span<const uint8_t> bytes;
+    ObjectRef holder;
+  };
+  Bytes decodeBytesForKey(std::string_view key) {
     const auto ref = item(key);
     if (!ref)
       return {};
     if (const auto bytes = plist_.data(*ref))
-      return std::vector<uint8_t>(bytes->begin(), bytes->end());
-    if (const auto data = objectAs<DataObject>(archive_.decodeValue(ref)))
-      return data->bytes();
+      return {*bytes, nullptr};
+    ObjectRef object = archive_.decodeValue(ref);
+    if (const auto *data = dynamic_cast<const DataObject *>(object.get()))
+      return {data->bytes(), std::move(object)};
     return {};
+  }
+
+  // The text under `key` when it decodes to a string; empty otherwise.
+  std::string decodeTextForKey(std::string_view key) { return archive_.decodeText(item(key)).value_or(""); }
+  std::optional<std::string> decodeOptionalTextForKey(std::string_view key) { return archive_.decodeText(item(key)); }
+  std::vector<ObjectRef> decodeItemsForKey(std::string_view key) { return archive_.decodeItems(item(key)); }
+  std::shared_ptr<const TextAttributes> decodeAttributesForKey(std::string_view key) {
+    return archive_.decodeAttributes(item(key));
+  }
+  std::vector<std::shared_ptr<const TextAttributes>> decodeAttributeListForKey(std::string_view key) {
+    return archive_.decodeAttributeList(item(key));
   }
 
 private:
@@ -78,41 +110,23 @@ private:
   BinaryPlistView::Entry object_;
 };
 
-std::vector<ObjectRef> itemsOf(const ObjectRef &object) {
-  if (const auto array = objectAs<ArrayObject>(object))
-    return array->items();
-  return {};
-}
-
-std::shared_ptr<const TextAttributes> attributesFrom(const ObjectRef &object) {
-  std::vector<TextAttributes::Entry> entries;
-  if (const auto dictionary = objectAs<DictionaryObject>(object)) {
-    for (const auto &[key, value] : dictionary->entries())
-      if (const auto name = objectAs<StringObject>(key))
-        entries.emplace_back(name->value(), value);
-  }
-  return std::make_shared<const TextAttributes>(std::move(entries));
-}
-
 ObjectRef decodeAttributedString(KeyedObjectCoder &coder) {
-  const ObjectRef stringObject = coder.decodeObjectForKey("NSString");
   std::u16string text;
-  if (const auto string = objectAs<StringObject>(stringObject))
-    text = utf8ToUtf16(string->value());
-  else if (const auto attributed = objectAs<AttributedString>(stringObject))
+  if (const auto plain = coder.decodeOptionalTextForKey("NSString"))
+    text = utf8ToUtf16(*plain);
+  else if (const auto attributed = objectAs<AttributedString>(coder.decodeObjectForKey("NSString")))
     text = attributed->string();
 
-  const ObjectRef attributesObject = coder.decodeObjectForKey("NSAttributes");
-  const std::vector<uint8_t> info = coder.decodeBytesForKey("NSAttributeInfo");
-  if (info.empty())
-    return std::make_shared<AttributedString>(std::move(text),
-                                              std::vector<AttributedString::RunSpec>{{text.size(), attributesFrom(attributesObject)}});
+  const KeyedObjectCoder::Bytes info = coder.decodeBytesForKey("NSAttributeInfo");
+  if (info.bytes.empty()) {
+    const size_t length = text.size();
+    return std::make_shared<AttributedString>(
+        std::move(text), std::vector<AttributedString::RunSpec>{{length, coder.decodeAttributesForKey("NSAttributes")}});
+  }
 
-  std::vector<std::shared_ptr<const TextAttributes>> dictionaries;
-  for (const ObjectRef &item : itemsOf(attributesObject))
-    dictionaries.push_back(attributesFrom(item));
+  auto dictionaries = coder.decodeAttributeListForKey("NSAttributes");
   if (dictionaries.empty())
-    dictionaries.push_back(attributesFrom(attributesObject));
+    dictionaries.push_back(coder.decodeAttributesForKey("NSAttributes"));
 
   // Pairs of base-128 numbers, low seven bits first: run length, then the
   // index of its attribute dictionary.
@@ -120,15 +134,15 @@ ObjectRef decodeAttributedString(KeyedObjectCoder &coder) {
   size_t pos = 0;
   const auto next = [&]() -> std::optional<uint64_t> {
     uint64_t value = 0;
-    for (int shift = 0; pos < info.size() && shift < 64; shift += 7) {
-      const uint8_t byte = info[pos++];
+    for (int shift = 0; pos < info.bytes.size() && shift < 64; shift += 7) {
+      const uint8_t byte = info.bytes[pos++];
       value |= static_cast<uint64_t>(byte & 0x7F) << shift;
       if (!(byte & 0x80))
         return value;
     }
     return std::nullopt;
   };
-  while (pos < info.size()) {
+  while (pos < info.bytes.size()) {
     const auto length = next();
     const auto index = next();
     if (!length || !index)
@@ -143,8 +157,9 @@ ObjectRef decodeAttributedString(KeyedObjectCoder &coder) {
 ObjectRef decodeColor(KeyedObjectCoder &coder) {
   const int32_t space = coder.decodeInt32ForKey("NSColorSpace");
   const auto components = [&](std::string_view key) {
-    const auto bytes = coder.decodeBytesForKey(key);
-    return parseColorComponents(std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
+    const auto stored = coder.decodeBytesForKey(key);
+    return parseColorComponents(
+        std::string_view(reinterpret_cast<const char *>(stored.bytes.data()), stored.bytes.size()));
   };
   switch (space) {
   case 1:
@@ -221,17 +236,8 @@ std::optional<uint64_t> KeyedUnarchiver::uidOf(const BinaryPlistView::Entry &ent
 ObjectRef KeyedUnarchiver::decodeValue(std::optional<Ref> ref) {
   if (!ref)
     return nullptr;
-  struct Nesting {
-    int &depth;
-    explicit Nesting(int &d) : depth(++d) {}
-    ~Nesting() { --depth; }
-  } nesting(depth_);
-  if (depth_ > kMaxDepth)
-    throw ArchiveDamaged("objects nested too deeply");
-  // Values may be shared inline; a few levels of sharing would otherwise
-  // multiply the work beyond any real archive's.
-  if (++work_ > 16 * view_.objectCount() + 4096)
-    throw ArchiveDamaged("values shared too often");
+  const Nesting nesting(depth_);
+  countWork();
 
   const BinaryPlistView::Entry entry = view_.describe(*ref);
   if (const auto uid = uidOf(entry))
@@ -296,40 +302,80 @@ ObjectRef KeyedUnarchiver::decodeReference(uint64_t uid) {
   return object;
 }
 
-ObjectRef KeyedUnarchiver::decodeInstance(const BinaryPlistView::Entry &objectDictionary, Ref classRef) {
+void KeyedUnarchiver::countWork() {
+  // Values may be shared inline; a few levels of sharing would otherwise
+  // multiply the work beyond any real archive's.
+  if (++work_ > 16 * view_.objectCount() + 4096)
+    throw ArchiveDamaged("values shared too often");
+}
+
+const KeyedUnarchiver::ClassInfo &KeyedUnarchiver::classOf(Ref classRef) {
   const auto classUid = uidOf(view_.describe(classRef));
   if (!classUid)
     throw ArchiveDamaged("object without a class reference");
+  // Every object of a class shares its description, so it is read once.
+  if (const auto known = classes_.find(*classUid); known != classes_.end())
+    return known->second;
   const Ref classRefTarget = view_.element(objects_, *classUid);
   const BinaryPlistView::Entry classInfo = view_.describe(classRefTarget);
   if (*classUid >= decoded_.size() || classInfo.type != Type::Dictionary)
     throw ArchiveDamaged("class reference to something that is not a class");
 
   // The class itself first, then its superclasses, as NSKeyedUnarchiver
-  // falls back along the chain for classes it cannot find. Every object of
-  // a class shares its description, so the chain is read once.
-  auto [cached, inserted] = classChains_.try_emplace(*classUid);
-  std::vector<std::string> &chain = cached->second;
-  if (inserted) {
-    if (const auto name = view_.valueForKey(classInfo, "$classname"))
-      if (auto text = view_.string(*name))
-        chain.push_back(std::move(*text));
-    if (const auto classes = view_.valueForKey(classInfo, "$classes")) {
-      const BinaryPlistView::Entry list = view_.describe(*classes);
-      for (uint64_t i = 0; list.type == Type::Array && i < list.length; ++i)
-        if (auto name = view_.string(view_.element(list, i)); name && (chain.empty() || chain.back() != *name))
-          chain.push_back(std::move(*name));
+  // falls back along the chain for classes it cannot find.
+  ClassInfo info;
+  if (const auto name = view_.valueForKey(classInfo, "$classname"))
+    if (auto text = view_.string(*name))
+      info.chain.push_back(std::move(*text));
+  if (const auto classes = view_.valueForKey(classInfo, "$classes")) {
+    const BinaryPlistView::Entry list = view_.describe(*classes);
+    for (uint64_t i = 0; list.type == Type::Array && i < list.length; ++i)
+      if (auto name = view_.string(view_.element(list, i)); name && (info.chain.empty() || info.chain.back() != *name))
+        info.chain.push_back(std::move(*name));
+  }
+  static const std::unordered_map<std::string_view, Builtin> kBuiltins = {
+      {"NSString", Builtin::String},
+      {"NSMutableString", Builtin::String},
+      {"NSArray", Builtin::Array},
+      {"NSMutableArray", Builtin::Array},
+      {"NSSet", Builtin::Array},
+      {"NSMutableSet", Builtin::Array},
+      {"NSOrderedSet", Builtin::Array},
+      {"NSMutableOrderedSet", Builtin::Array},
+      {"NSDictionary", Builtin::Dictionary},
+      {"NSMutableDictionary", Builtin::Dictionary},
+      {"NSData", Builtin::Data},
+      {"NSMutableData", Builtin::Data},
+      {"NSDate", Builtin::Date},
+      {"NSCalendarDate", Builtin::Date},
+      {"NSURL", Builtin::URL},
+      {"NSAttributedString", Builtin::AttributedString},
+      {"NSMutableAttributedString", Builtin::AttributedString},
+      {"NSFont", Builtin::Font},
+      {"NSColor", Builtin::Color},
+      {"NSTextAttachment", Builtin::TextAttachment},
+      {"NSFileWrapper", Builtin::FileWrapper}};
+  for (const std::string &name : info.chain) {
+    if (const auto substitution = substitutions_.find(name); substitution != substitutions_.end()) {
+      info.builtin = Builtin::Substitution;
+      info.factory = &substitution->second;
+      break;
+    }
+    if (const auto builtin = kBuiltins.find(name); builtin != kBuiltins.end()) {
+      info.builtin = builtin->second;
+      break;
     }
   }
+  return classes_.emplace(*classUid, std::move(info)).first->second;
+}
+
+ObjectRef KeyedUnarchiver::decodeInstance(const BinaryPlistView::Entry &objectDictionary, Ref classRef) {
+  const ClassInfo &info = classOf(classRef);
   if (generic_)
-    return decodeGenerically(chain, objectDictionary);
-  for (const std::string &name : chain) {
-    bool known = false;
-    ObjectRef object = decodeKnownClass(name, objectDictionary, known);
-    if (known)
-      return object;
-  }
-  return std::make_shared<InertObject>(chain.empty() ? std::string("?") : chain.front());
+    return decodeGenerically(info.chain, objectDictionary);
+  if (info.builtin == Builtin::None)
+    return std::make_shared<InertObject>(info.chain.empty() ? std::string("?") : info.chain.front());
+  return decodeKnownClass(info, objectDictionary);
 }
 
 ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &chain,
@@ -346,58 +392,172 @@ ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &cha
   return std::make_shared<GenericObject>(archivedClass, std::move(fields));
 }
 
-ObjectRef KeyedUnarchiver::decodeKnownClass(const std::string &name, const BinaryPlistView::Entry &objectDictionary,
-                                            bool &known) {
-  known = true;
+ObjectRef KeyedUnarchiver::decodeKnownClass(const ClassInfo &info, const BinaryPlistView::Entry &objectDictionary) {
   KeyedObjectCoder coder(*this, objectDictionary);
-  if (const auto substitution = substitutions_.find(name); substitution != substitutions_.end())
-    return substitution->second(coder);
-
-  if (name == "NSString" || name == "NSMutableString") {
-    if (const auto string = objectAs<StringObject>(coder.decodeObjectForKey("NS.string")))
+  switch (info.builtin) {
+  case Builtin::None:
+    break;
+  case Builtin::Substitution:
+    return (*info.factory)(coder);
+  case Builtin::String: {
+    if (auto string = objectAs<StringObject>(coder.decodeObjectForKey("NS.string")))
       return string;
-    const auto bytes = coder.decodeBytesForKey("NS.bytes");
-    return std::make_shared<StringObject>(std::string(bytes.begin(), bytes.end()));
+    const auto stored = coder.decodeBytesForKey("NS.bytes");
+    return std::make_shared<StringObject>(std::string(stored.bytes.begin(), stored.bytes.end()));
   }
-  if (name == "NSArray" || name == "NSMutableArray" || name == "NSSet" || name == "NSMutableSet" ||
-      name == "NSOrderedSet" || name == "NSMutableOrderedSet") {
-    return std::make_shared<ArrayObject>(itemsOf(coder.decodeObjectForKey("NS.objects")));
-  }
-  if (name == "NSDictionary" || name == "NSMutableDictionary") {
-    const auto keys = itemsOf(coder.decodeObjectForKey("NS.keys"));
-    const auto values = itemsOf(coder.decodeObjectForKey("NS.objects"));
+  case Builtin::Array:
+    return std::make_shared<ArrayObject>(coder.decodeItemsForKey("NS.objects"));
+  case Builtin::Dictionary: {
+    const auto keys = coder.decodeItemsForKey("NS.keys");
+    const auto values = coder.decodeItemsForKey("NS.objects");
     std::vector<DictionaryObject::Entry> entries;
     for (size_t i = 0; i < keys.size() && i < values.size(); ++i)
       entries.emplace_back(keys[i], values[i]);
     return std::make_shared<DictionaryObject>(std::move(entries));
   }
-  if (name == "NSData" || name == "NSMutableData") {
-    auto bytes = coder.decodeBytesForKey("NS.data");
-    if (bytes.empty())
-      bytes = coder.decodeBytesForKey("NS.bytes");
-    return std::make_shared<DataObject>(std::move(bytes));
+  case Builtin::Data: {
+    auto stored = coder.decodeBytesForKey("NS.data");
+    if (stored.bytes.empty())
+      stored = coder.decodeBytesForKey("NS.bytes");
+    return std::make_shared<DataObject>(std::vector<uint8_t>(stored.bytes.begin(), stored.bytes.end()));
   }
-  if (name == "NSDate" || name == "NSCalendarDate")
+  case Builtin::Date:
     return std::make_shared<DateObject>(Date(coder.decodeDoubleForKey("NS.time")));
-  if (name == "NSURL") {
-    return std::make_shared<URLObject>(stringValueOf(coder.decodeObjectForKey("NS.relative")),
+  case Builtin::URL:
+    return std::make_shared<URLObject>(coder.decodeTextForKey("NS.relative"),
                                        objectAs<URLObject>(coder.decodeObjectForKey("NS.base")));
-  }
-  if (name == "NSAttributedString" || name == "NSMutableAttributedString")
+  case Builtin::AttributedString:
     return decodeAttributedString(coder);
-  if (name == "NSFont")
-    return std::make_shared<Font>(stringValueOf(coder.decodeObjectForKey("NSName")), coder.decodeDoubleForKey("NSSize"),
+  case Builtin::Font:
+    return std::make_shared<Font>(coder.decodeTextForKey("NSName"), coder.decodeDoubleForKey("NSSize"),
                                   coder.decodeInt32ForKey("NSfFlags"));
-  if (name == "NSColor")
+  case Builtin::Color:
     return decodeColor(coder);
-  if (name == "NSTextAttachment")
+  case Builtin::TextAttachment:
     return std::make_shared<TextAttachment>(objectAs<FileWrapper>(coder.decodeObjectForKey("NSFileWrapper")));
-  if (name == "NSFileWrapper") {
-    const auto serialized = coder.decodeBytesForKey("NSFileWrapperData");
-    return FileWrapper::fromSerializedRepresentation(serialized);
+  case Builtin::FileWrapper:
+    return FileWrapper::fromSerializedRepresentation(coder.decodeBytesForKey("NSFileWrapperData").bytes);
   }
-  known = false;
   return nullptr;
+}
+
+std::optional<BinaryPlistView::Entry> KeyedUnarchiver::pendingInstanceOf(std::optional<Ref> ref, Builtin builtin,
+                                                                         uint64_t &uid) {
+  if (!ref || generic_)
+    return std::nullopt;
+  const auto referenced = uidOf(view_.describe(*ref));
+  if (!referenced || *referenced >= decoded_.size() || state_[*referenced] != State::NotYet)
+    return std::nullopt;
+  const Ref target = view_.element(objects_, *referenced);
+  if (*referenced == 0 && view_.stringEquals(target, "$null"))
+    return std::nullopt;
+  const BinaryPlistView::Entry object = view_.describe(target);
+  if (object.type != Type::Dictionary || uidOf(object))
+    return std::nullopt;
+  const auto classRef = view_.valueForKey(object, "$class");
+  if (!classRef || classOf(*classRef).builtin != builtin)
+    return std::nullopt;
+  uid = *referenced;
+  return object;
+}
+
+std::optional<std::string> KeyedUnarchiver::decodeText(std::optional<Ref> ref) {
+  if (!ref)
+    return std::nullopt;
+  // A plain string, or an NSString object holding one: read where it lies.
+  if (const BinaryPlistView::Entry entry = view_.describe(*ref); entry.type == Type::String) {
+    countWork();
+    return view_.string(entry);
+  }
+  uint64_t uid = 0;
+  if (const auto instance = pendingInstanceOf(ref, Builtin::String, uid)) {
+    const auto inner = view_.valueForKey(*instance, "NS.string");
+    if (inner && view_.type(*inner) == Type::String) {
+      countWork();
+      return view_.string(*inner);
+    }
+  }
+  const ObjectRef object = decodeValue(ref);
+  if (const auto *string = dynamic_cast<const StringObject *>(object.get()))
+    return string->value();
+  return std::nullopt;
+}
+
+std::vector<ObjectRef> KeyedUnarchiver::decodeItems(std::optional<Ref> ref) {
+  if (ref) {
+    // A plain array's items, without the array object around them.
+    if (const BinaryPlistView::Entry entry = view_.describe(*ref); entry.type == Type::Array || entry.type == Type::Set) {
+      const Nesting nesting(depth_);
+      countWork();
+      std::vector<ObjectRef> items;
+      items.reserve(entry.length);
+      for (uint64_t i = 0; i < entry.length; ++i)
+        items.push_back(decodeValue(view_.element(entry, i)));
+      return items;
+    }
+  }
+  const ObjectRef object = decodeValue(ref);
+  if (const auto *array = dynamic_cast<const ArrayObject *>(object.get()))
+    return array->items();
+  return {};
+}
+
+std::shared_ptr<const TextAttributes> KeyedUnarchiver::decodeAttributes(std::optional<Ref> ref) {
+  uint64_t uid = 0;
+  if (const auto instance = pendingInstanceOf(ref, Builtin::Dictionary, uid)) {
+    const auto keysRef = view_.valueForKey(*instance, "NS.keys");
+    const auto valuesRef = view_.valueForKey(*instance, "NS.objects");
+    const BinaryPlistView::Entry keys = keysRef ? view_.describe(*keysRef) : BinaryPlistView::Entry{};
+    const BinaryPlistView::Entry values = valuesRef ? view_.describe(*valuesRef) : BinaryPlistView::Entry{};
+    const auto plainList = [](const std::optional<Ref> &at, const BinaryPlistView::Entry &list) {
+      return !at || list.type == Type::Array || list.type == Type::Set;
+    };
+    // A dictionary stored the usual way becomes the attribute set directly,
+    // in the order a dictionary object would have been decoded.
+    if (plainList(keysRef, keys) && plainList(valuesRef, values)) {
+      const Nesting nesting(depth_);
+      countWork();
+      state_[uid] = State::InProgress;
+      std::vector<std::optional<std::string>> names;
+      names.reserve(keys.length);
+      for (uint64_t i = 0; keysRef && i < keys.length; ++i)
+        names.push_back(decodeText(view_.element(keys, i)));
+      std::vector<TextAttributes::Entry> entries;
+      entries.reserve(names.size());
+      for (uint64_t i = 0; valuesRef && i < values.length; ++i) {
+        ObjectRef value = decodeValue(view_.element(values, i));
+        if (i < names.size() && names[i])
+          entries.emplace_back(std::move(*names[i]), std::move(value));
+      }
+      auto attributes = std::make_shared<const TextAttributes>(std::move(entries));
+      decoded_[uid] = attributes;
+      state_[uid] = State::Done;
+      return attributes;
+    }
+  }
+  return TextAttributes::from(decodeValue(ref));
+}
+
+std::vector<std::shared_ptr<const TextAttributes>> KeyedUnarchiver::decodeAttributeList(std::optional<Ref> ref) {
+  std::vector<std::shared_ptr<const TextAttributes>> list;
+  uint64_t uid = 0;
+  if (const auto instance = pendingInstanceOf(ref, Builtin::Array, uid)) {
+    const auto itemsRef = view_.valueForKey(*instance, "NS.objects");
+    const BinaryPlistView::Entry items = itemsRef ? view_.describe(*itemsRef) : BinaryPlistView::Entry{};
+    if (items.type == Type::Array || items.type == Type::Set) {
+      const Nesting nesting(depth_);
+      countWork();
+      list.reserve(items.length);
+      for (uint64_t i = 0; i < items.length; ++i)
+        list.push_back(decodeAttributes(view_.element(items, i)));
+      return list;
+    }
+  }
+  const ObjectRef object = decodeValue(ref);
+  if (const auto *array = dynamic_cast<const ArrayObject *>(object.get()))
+    for (const ObjectRef &item : array->items())
+      list.push_back(TextAttributes::from(item));
+  return list;
 }
 
 } // namespace parlova

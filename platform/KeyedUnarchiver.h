@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/AttributedString.h"
 #include "platform/BinaryPlistView.h"
 #include "platform/Coder.h"
 
@@ -35,16 +36,48 @@ public:
 
   // A stored value, object or plain; also used by the per-object coder.
   ObjectRef decodeValue(std::optional<BinaryPlistView::Ref> ref);
+
+  // Shortcuts for values whose objects nobody keeps: each answers what
+  // decoding the value would, without making what it need not.
+  // The text when the value decodes to a string.
+  std::optional<std::string> decodeText(std::optional<BinaryPlistView::Ref> ref);
+  // The items when the value decodes to an array, else none.
+  std::vector<ObjectRef> decodeItems(std::optional<BinaryPlistView::Ref> ref);
+  // An attribute set from a dictionary (empty for anything else).
+  std::shared_ptr<const TextAttributes> decodeAttributes(std::optional<BinaryPlistView::Ref> ref);
+  // The attribute sets of an array of dictionaries; nothing when the value
+  // is no array or an empty one.
+  std::vector<std::shared_ptr<const TextAttributes>> decodeAttributeList(std::optional<BinaryPlistView::Ref> ref);
   const BinaryPlistView &plist() const { return view_; }
 
 private:
   using Ref = BinaryPlistView::Ref;
   KeyedUnarchiver(std::vector<uint8_t> converted, BinaryPlistView view, Ref objects, Ref top);
+  // What a class is decoded as: the first name along its chain (the class,
+  // then its superclasses) that is one of the program's classes or a known
+  // Foundation or AppKit class.
+  enum class Builtin {
+    None, Substitution, String, Array, Dictionary, Data, Date, URL, AttributedString, Font, Color, TextAttachment,
+    FileWrapper
+  };
+  struct ClassInfo {
+    std::vector<std::string> chain;
+    Builtin builtin = Builtin::None;
+    const ClassFactory *factory = nullptr; // for a substitution
+  };
+
   ObjectRef decodeReference(uint64_t uid);
   ObjectRef decodeInstance(const BinaryPlistView::Entry &objectDictionary, Ref classRef);
+  // The class of an object dictionary, read once per class.
+  const ClassInfo &classOf(Ref classRef);
   ObjectRef decodeGenerically(const std::vector<std::string> &chain, const BinaryPlistView::Entry &objectDictionary);
-  ObjectRef decodeKnownClass(const std::string &name, const BinaryPlistView::Entry &objectDictionary, bool &known);
+  ObjectRef decodeKnownClass(const ClassInfo &info, const BinaryPlistView::Entry &objectDictionary);
   std::optional<uint64_t> uidOf(const BinaryPlistView::Entry &entry) const;
+  // An archived object not decoded yet, when its class is decoded as
+  // `builtin`: its dictionary. Nothing for anything else.
+  std::optional<BinaryPlistView::Entry> pendingInstanceOf(std::optional<Ref> ref, Builtin builtin, uint64_t &uid);
+  // Keeps decoding depth and work within bounds; see decodeValue.
+  void countWork();
 
   enum class State : uint8_t { NotYet, InProgress, Done };
 
@@ -54,7 +87,7 @@ private:
   Ref top_;
   std::map<std::string, ClassFactory, std::less<>> substitutions_;
   std::vector<ObjectRef> decoded_;
-  std::unordered_map<uint64_t, std::vector<std::string>> classChains_; // by the class's UID
+  std::unordered_map<uint64_t, ClassInfo> classes_; // by the class's UID
   std::vector<State> state_;
   int depth_ = 0;
   uint64_t work_ = 0; // values decoded, against archives that share inline values exponentially

@@ -13,8 +13,6 @@ constexpr std::string_view kLittleEndianSignature = "streamtyped";
 constexpr std::string_view kBigEndianSignature = "typedstream";
 constexpr uint8_t kStreamerVersion = 4;
 
-bool isTag(int8_t head) { return head >= kFirstTag && head <= kLastTag; }
-
 // Length of the one encoding at the start of `text`, or 0 when damaged.
 size_t encodingLength(std::string_view text, int depth) {
   if (text.empty() || depth > 64)
@@ -66,17 +64,7 @@ std::optional<TypedStreamReader> TypedStreamReader::forData(std::span<const uint
   return reader;
 }
 
-int8_t TypedStreamReader::readHead() {
-  if (atEnd())
-    throw ArchiveDamaged("typed stream ends too soon");
-  return static_cast<int8_t>(bytes_[pos_++]);
-}
-
-int8_t TypedStreamReader::peekHead() const {
-  if (atEnd())
-    throw ArchiveDamaged("typed stream ends too soon");
-  return static_cast<int8_t>(bytes_[pos_]);
-}
+void TypedStreamReader::throwEndOfStream() { throw ArchiveDamaged("typed stream ends too soon"); }
 
 std::span<const uint8_t> TypedStreamReader::readBytes(size_t count) {
   if (count > remaining())
@@ -96,9 +84,7 @@ uint64_t TypedStreamReader::readUnsigned(size_t width) {
   return value;
 }
 
-int64_t TypedStreamReader::readInteger(int8_t head, bool isSigned) {
-  if (!isTag(head))
-    return isSigned ? head : static_cast<uint8_t>(head);
+int64_t TypedStreamReader::readTaggedInteger(int8_t head, bool isSigned) {
   if (head == kInteger2) {
     const auto v = static_cast<uint16_t>(readUnsigned(2));
     return isSigned ? static_cast<int16_t>(v) : v;
@@ -130,47 +116,45 @@ double TypedStreamReader::readDouble(int8_t head) {
   return value;
 }
 
-std::optional<std::string> TypedStreamReader::readUnsharedString(int8_t head) {
+std::optional<std::string_view> TypedStreamReader::readUnsharedString(int8_t head) {
   if (head == kNil)
     return std::nullopt;
   const int64_t length = readInteger(head, false);
   const auto raw = readBytes(static_cast<size_t>(length));
-  return std::string(reinterpret_cast<const char *>(raw.data()), raw.size());
+  return std::string_view(reinterpret_cast<const char *>(raw.data()), raw.size());
 }
 
-std::optional<std::string> TypedStreamReader::readSharedString(int8_t head) {
+std::optional<std::string_view> TypedStreamReader::readSharedString(int8_t head) {
   if (head == kNil)
     return std::nullopt;
   if (head == kNew) {
-    auto text = readUnsharedString(readHead());
+    const auto text = readUnsharedString(readHead());
     if (!text)
       throw ArchiveDamaged("a new shared string that is nil");
-    sharedStrings_.push_back(*text);
-    splitEncodings_.emplace_back();
+    sharedStrings_.push_back({*text, nullptr});
     return text;
   }
   const size_t index = readReferenceIndex(head);
   if (index >= sharedStrings_.size())
     throw ArchiveDamaged("reference to a string not read yet");
-  return sharedStrings_[index];
+  return sharedStrings_[index].text;
 }
 
 const std::vector<std::string> &TypedStreamReader::readTypeEncodings(int8_t head) {
   if (head == kNil)
     throw ArchiveDamaged("a group without type encoding");
+  size_t index = sharedStrings_.size();
   if (head == kNew) {
     readSharedString(head);
-    auto &split = splitEncodings_.back();
-    split = splitTypeEncodings(sharedStrings_.back());
-    return *split;
+  } else {
+    index = readReferenceIndex(head);
+    if (index >= sharedStrings_.size())
+      throw ArchiveDamaged("reference to a string not read yet");
   }
-  const size_t index = readReferenceIndex(head);
-  if (index >= sharedStrings_.size())
-    throw ArchiveDamaged("reference to a string not read yet");
-  auto &split = splitEncodings_[index];
-  if (!split)
-    split = splitTypeEncodings(sharedStrings_[index]);
-  return *split;
+  SharedString &shared = sharedStrings_[index];
+  if (!shared.encodings)
+    shared.encodings = std::make_unique<const std::vector<std::string>>(splitTypeEncodings(shared.text));
+  return *shared.encodings;
 }
 
 size_t TypedStreamReader::readReferenceIndex(int8_t head) {

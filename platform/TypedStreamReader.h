@@ -4,7 +4,7 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -40,18 +40,31 @@ public:
   bool atEnd() const { return pos_ >= bytes_.size(); }
   size_t remaining() const { return bytes_.size() - pos_; }
 
-  int8_t readHead();
-  int8_t peekHead() const;
+  int8_t readHead() {
+    if (atEnd())
+      throwEndOfStream();
+    return static_cast<int8_t>(bytes_[pos_++]);
+  }
+  int8_t peekHead() const {
+    if (atEnd())
+      throwEndOfStream();
+    return static_cast<int8_t>(bytes_[pos_]);
+  }
   // Integers after an already read head byte.
-  int64_t readInteger(int8_t head, bool isSigned);
+  int64_t readInteger(int8_t head, bool isSigned) {
+    if (head < typedstream::kFirstTag || head > typedstream::kLastTag)
+      return isSigned ? head : static_cast<uint8_t>(head);
+    return readTaggedInteger(head, isSigned);
+  }
   double readFloat(int8_t head);
   double readDouble(int8_t head);
   std::span<const uint8_t> readBytes(size_t count);
 
+  // Strings are views into the stream's bytes, valid as long as they are.
   // A length-prefixed string, or nothing for nil.
-  std::optional<std::string> readUnsharedString(int8_t head);
+  std::optional<std::string_view> readUnsharedString(int8_t head);
   // A string stored once and referred to afterwards by number.
-  std::optional<std::string> readSharedString(int8_t head);
+  std::optional<std::string_view> readSharedString(int8_t head);
 
   // A group's type encoding (a shared string) split into one encoding per
   // value; each distinct string is split once.
@@ -63,15 +76,20 @@ public:
 private:
   TypedStreamReader(std::span<const uint8_t> bytes, bool bigEndian) : bytes_(bytes), bigEndian_(bigEndian) {}
   uint64_t readUnsigned(size_t width);
+  int64_t readTaggedInteger(int8_t head, bool isSigned);
+  [[noreturn]] static void throwEndOfStream();
 
   std::span<const uint8_t> bytes_;
   size_t pos_ = 0;
   bool bigEndian_ = false;
   int64_t systemVersion_ = 0;
-  std::vector<std::string> sharedStrings_;
-  // Parallel to sharedStrings_; a deque, so references stay valid while
-  // nested values add strings.
-  std::deque<std::optional<std::vector<std::string>>> splitEncodings_;
+  struct SharedString {
+    std::string_view text;
+    // Split when first used as a type encoding; held apart so that the
+    // encodings stay put while nested values add strings.
+    std::unique_ptr<const std::vector<std::string>> encodings;
+  };
+  std::vector<SharedString> sharedStrings_;
 };
 
 // Splits a type encoding such as "iI", "@", "[12c]" or "{_NSRange=II}" into

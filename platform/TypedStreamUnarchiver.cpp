@@ -36,7 +36,7 @@ ObjectRef asObject(const Value &value) {
   case Value::Kind::Real:
     return std::make_shared<NumberObject>(value.real);
   case Value::Kind::String:
-    return std::make_shared<StringObject>(value.text);
+    return std::make_shared<StringObject>(std::string(value.text));
   case Value::Kind::Object:
     return value.object;
   case Value::Kind::Compound: {
@@ -51,18 +51,20 @@ ObjectRef asObject(const Value &value) {
   return nullptr;
 }
 
-std::optional<std::vector<uint8_t>> bytesOf(const Value &value) {
+// The bytes of a raw byte array (in the stream) or of a data object (kept
+// by the unarchiver's table): valid while the unarchiver is.
+std::optional<std::span<const uint8_t>> bytesOf(const Value &value) {
   if (value.kind == Value::Kind::Compound && value.elements.empty())
-    return std::vector<uint8_t>(value.text.begin(), value.text.end());
+    return std::span(reinterpret_cast<const uint8_t *>(value.text.data()), value.text.size());
   if (value.kind == Value::Kind::Object)
-    if (const auto data = objectAs<DataObject>(value.object))
-      return data->bytes();
+    if (const auto *data = dynamic_cast<const DataObject *>(value.object.get()))
+      return std::span<const uint8_t>(data->bytes());
   return std::nullopt;
 }
 
 // NSArchiver's property-list encoding (NSFont's name): a little-endian type
 // word, then for strings and data a length and the bytes.
-std::optional<std::string> stringFromSerializedPropertyList(const std::vector<uint8_t> &bytes) {
+std::optional<std::string> stringFromSerializedPropertyList(std::span<const uint8_t> bytes) {
   const auto word = [&](size_t at) -> std::optional<uint32_t> {
     if (at + 4 > bytes.size())
       return std::nullopt;
@@ -99,63 +101,94 @@ std::optional<std::string> stringFromSerializedPropertyList(const std::vector<ui
 
 class TypedStreamUnarchiver::Cursor final : public Coder {
 public:
-  // Group buffers are lent by the unarchiver and given back, so that a
-  // stream of many small objects does not allocate one per object.
-  explicit Cursor(TypedStreamUnarchiver &archive) : archive_(archive) {
-    if (!archive_.spareGroups_.empty()) {
-      pending_ = std::move(archive_.spareGroups_.back());
-      archive_.spareGroups_.pop_back();
-    }
-  }
-  ~Cursor() override {
-    pending_.clear();
-    archive_.spareGroups_.push_back(std::move(pending_));
-  }
-  Cursor(const Cursor &) = delete;
-  Cursor &operator=(const Cursor &) = delete;
+  explicit Cursor(TypedStreamUnarchiver &archive) : archive_(archive), reader_(archive.reader_) {}
 
-  bool atEndOfObject() const { return nextPending_ == pending_.size() && archive_.reader_.peekHead() == kEndOfObject; }
+  bool atEndOfObject() const { return !insideGroup() && reader_.peekHead() == kEndOfObject; }
 
   std::optional<Value> next() {
-    if (nextPending_ == pending_.size()) {
-      if (atEndOfObject())
-        return std::nullopt;
-      // Most groups hold one value, which needs no buffer.
-      const auto &encodings = archive_.reader_.readTypeEncodings(archive_.reader_.readHead());
-      if (encodings.size() == 1)
-        return archive_.readValue(encodings.front());
-      archive_.readValues(encodings, pending_);
-      nextPending_ = 0;
-    }
-    return std::move(pending_[nextPending_++]);
+    const std::string *encoding = nextEncoding();
+    if (!encoding)
+      return std::nullopt;
+    return archive_.readValue(*encoding);
   }
 
-  ObjectRef nextObject() {
-    const auto value = next();
-    return value && value->kind == Value::Kind::Object ? value->object : nullptr;
+  // The typed readers below take the common encodings straight from the
+  // stream; anything else is read as a value and judged by its kind.
+  ObjectRef nextObject(Purpose purpose = Purpose::AnyObject) {
+    const std::string *encoding = nextEncoding();
+    if (!encoding)
+      return nullptr;
+    if (*encoding == "@") {
+      Nesting nesting(archive_.depth_);
+      return archive_.readObject(reader_.readHead(), purpose);
+    }
+    Value value = archive_.readValue(*encoding);
+    return value.kind == Value::Kind::Object ? std::move(value.object) : nullptr;
+  }
+  std::optional<std::string_view> nextStringObjectText() {
+    const std::string *encoding = nextEncoding();
+    if (!encoding)
+      return std::nullopt;
+    if (*encoding == "@") {
+      Nesting nesting(archive_.depth_);
+      return archive_.readStringObjectText(reader_.readHead());
+    }
+    archive_.readValue(*encoding);
+    return std::nullopt;
   }
   std::optional<int64_t> nextInteger() {
-    const auto value = next();
-    if (value && value->kind == Value::Kind::Integer)
-      return value->integer;
+    const std::string *encoding = nextEncoding();
+    if (!encoding)
+      return std::nullopt;
+    if (encoding->size() == 1) {
+      switch (encoding->front()) {
+      case 's':
+      case 'i':
+      case 'l':
+      case 'q':
+        return reader_.readInteger(reader_.readHead(), true);
+      case 'S':
+      case 'I':
+      case 'L':
+      case 'Q':
+        return reader_.readInteger(reader_.readHead(), false);
+      default:
+        break;
+      }
+    }
+    const Value value = archive_.readValue(*encoding);
+    if (value.kind == Value::Kind::Integer)
+      return value.integer;
     return std::nullopt;
   }
   std::optional<double> nextReal() {
-    const auto value = next();
-    if (value && value->kind == Value::Kind::Real)
-      return value->real;
-    if (value && value->kind == Value::Kind::Integer)
-      return static_cast<double>(value->integer);
+    const std::string *encoding = nextEncoding();
+    if (!encoding)
+      return std::nullopt;
+    if (*encoding == "f")
+      return reader_.readFloat(reader_.readHead());
+    if (*encoding == "d")
+      return reader_.readDouble(reader_.readHead());
+    const Value value = archive_.readValue(*encoding);
+    if (value.kind == Value::Kind::Real)
+      return value.real;
+    if (value.kind == Value::Kind::Integer)
+      return static_cast<double>(value.integer);
     return std::nullopt;
   }
-  std::optional<std::string> nextString() {
-    auto value = next();
-    if (value && value->kind == Value::Kind::String)
-      return std::move(value->text);
+  std::optional<std::string_view> nextString() {
+    const std::string *encoding = nextEncoding();
+    if (!encoding)
+      return std::nullopt;
+    if (*encoding == "+")
+      return reader_.readUnsharedString(reader_.readHead());
+    const Value value = archive_.readValue(*encoding);
+    if (value.kind == Value::Kind::String)
+      return value.text;
     return std::nullopt;
   }
   // NSArchiver's data object: a length, then an array of that many bytes.
-  std::optional<std::vector<uint8_t>> nextDataObject() {
+  std::optional<std::span<const uint8_t>> nextDataObject() {
     const auto length = nextInteger();
     if (!length)
       return std::nullopt;
@@ -169,20 +202,27 @@ public:
   // Reads whatever the object still holds; the values go to `fields` when
   // given.
   void drain(std::vector<GenericObject::Field> *fields) {
-    for (; nextPending_ < pending_.size(); ++nextPending_)
+    while (insideGroup()) {
+      const Value value = archive_.readValue((*group_)[nextInGroup_++]);
       if (fields)
-        fields->push_back({"", {asObject(pending_[nextPending_])}});
+        fields->push_back({"", {asObject(value)}});
+    }
     std::vector<Value> group;
-    while (archive_.reader_.peekHead() != kEndOfObject) {
+    while (reader_.peekHead() != kEndOfObject) {
+      if (!fields) {
+        for (const std::string &encoding : reader_.readTypeEncodings(reader_.readHead()))
+          archive_.readValue(encoding);
+        continue;
+      }
       archive_.readGroup(group);
-      if (fields) {
+      {
         GenericObject::Field field{archive_.lastEncoding_, {}};
         for (const Value &value : group)
           field.values.push_back(asObject(value));
         fields->push_back(std::move(field));
       }
     }
-    archive_.reader_.readHead();
+    reader_.readHead();
   }
 
   // Coder, for the program's own classes: positions only.
@@ -191,18 +231,38 @@ public:
   int32_t decodeInt32ForKey(std::string_view) override { return 0; }
   ObjectRef decodeObject() override { return nextObject(); }
   uint32_t decodeUnsignedInt() override { return static_cast<uint32_t>(nextInteger().value_or(0)); }
+  std::string decodeStringObject() override { return std::string(nextStringObjectText().value_or("")); }
 
 private:
+  bool insideGroup() const { return group_ && nextInGroup_ < group_->size(); }
+
+  // A group's values follow one another in the stream, so they are read as
+  // they are asked for; a new group's encodings come first. Nothing at the
+  // object's end.
+  const std::string *nextEncoding() {
+    if (!insideGroup()) {
+      if (reader_.peekHead() == kEndOfObject)
+        return nullptr;
+      group_ = &reader_.readTypeEncodings(reader_.readHead());
+      nextInGroup_ = 0;
+    }
+    return &(*group_)[nextInGroup_++];
+  }
+
   TypedStreamUnarchiver &archive_;
-  std::vector<Value> pending_; // the current group's values not read yet
-  size_t nextPending_ = 0;
+  TypedStreamReader &reader_;
+  const std::vector<std::string> *group_ = nullptr; // the encodings of the group being read
+  size_t nextInGroup_ = 0;
 };
 
 std::unique_ptr<TypedStreamUnarchiver> TypedStreamUnarchiver::forData(std::span<const uint8_t> bytes) {
   auto reader = TypedStreamReader::forData(bytes);
   if (!reader)
     return nullptr;
-  return std::unique_ptr<TypedStreamUnarchiver>(new TypedStreamUnarchiver(std::move(*reader)));
+  auto unarchiver = std::unique_ptr<TypedStreamUnarchiver>(new TypedStreamUnarchiver(std::move(*reader)));
+  // A transcript numbers an entry every ten bytes or so.
+  unarchiver->table_.reserve(bytes.size() / 10);
+  return unarchiver;
 }
 
 void TypedStreamUnarchiver::setClass(std::string archivedName, ClassFactory factory) {
@@ -291,19 +351,22 @@ Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
       const auto text = reader_.readSharedString(reader_.readHead());
       if (!text)
         throw ArchiveDamaged("a new C string that is nil");
-      table_.push_back({TableEntry::Kind::CString, nullptr, *text});
+      table_.push_back({nullptr, TableEntry::Kind::CString, static_cast<uint32_t>(texts_.size())});
+      texts_.push_back(*text);
       value.text = *text;
       return value;
     }
     const size_t index = reader_.readReferenceIndex(head);
     if (index >= table_.size() || table_[index].kind != TableEntry::Kind::CString)
       throw ArchiveDamaged("a C string reference to something else");
-    value.text = table_[index].text;
+    value.text = texts_[table_[index].index];
     return value;
   }
   case '#':
-    value.object = readClass(reader_.readHead());
-    value.kind = value.object ? Value::Kind::Object : Value::Kind::Nil;
+    if (const auto classIndex = readClass(reader_.readHead())) {
+      value.object = archivedClass(*classIndex);
+      value.kind = Value::Kind::Object;
+    }
     return value;
   case '@':
     value.object = readObject(reader_.readHead());
@@ -324,7 +387,7 @@ Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
     value.kind = Value::Kind::Compound;
     if (element == "c" || element == "C") {
       const auto raw = reader_.readBytes(count);
-      value.text.assign(reinterpret_cast<const char *>(raw.data()), raw.size());
+      value.text = std::string_view(reinterpret_cast<const char *>(raw.data()), raw.size());
       return value;
     }
     if (element.empty() || element == "!")
@@ -347,9 +410,17 @@ Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
   }
 }
 
-std::shared_ptr<const ArchivedClass> TypedStreamUnarchiver::readClass(int8_t head) {
+std::optional<size_t> TypedStreamUnarchiver::readClass(int8_t head) {
+  if (head == kNil)
+    return std::nullopt;
+  if (head != kNew) {
+    const size_t index = reader_.readReferenceIndex(head);
+    if (index >= table_.size() || table_[index].kind != TableEntry::Kind::Class)
+      throw ArchiveDamaged("a class reference to something else");
+    return table_[index].index;
+  }
   struct Literal {
-    std::string name;
+    std::string_view name;
     int64_t version;
   };
   std::vector<Literal> chain;
@@ -358,39 +429,47 @@ std::shared_ptr<const ArchivedClass> TypedStreamUnarchiver::readClass(int8_t hea
     if (!name)
       throw ArchiveDamaged("a class without a name");
     const int64_t version = reader_.readInteger(reader_.readHead(), true);
-    chain.push_back({std::move(*name), version});
+    chain.push_back({*name, version});
     if (chain.size() > kMaxDepth)
       throw ArchiveDamaged("class chain too long");
     head = reader_.readHead();
   }
   std::shared_ptr<const ArchivedClass> superclass;
-  if (head != kNil) {
-    const size_t index = reader_.readReferenceIndex(head);
-    if (index >= table_.size() || table_[index].kind != TableEntry::Kind::Class)
-      throw ArchiveDamaged("a class reference to something else");
-    superclass = std::static_pointer_cast<const ArchivedClass>(table_[index].object);
-  }
-  std::vector<std::shared_ptr<const ArchivedClass>> made(chain.size());
-  for (size_t i = chain.size(); i-- > 0;) {
-    superclass = std::make_shared<ArchivedClass>(chain[i].name, chain[i].version, superclass);
-    made[i] = superclass;
-  }
+  if (const auto superclassIndex = readClass(head))
+    superclass = archivedClass(*superclassIndex);
   // The class and then each new superclass take their numbers in order.
-  for (const auto &archivedClass : made)
-    table_.push_back({TableEntry::Kind::Class, archivedClass, {}});
-  return superclass;
+  const size_t first = classes_.size();
+  classes_.resize(first + chain.size());
+  for (size_t i = chain.size(); i-- > 0;) {
+    superclass = std::make_shared<ArchivedClass>(std::string(chain[i].name), chain[i].version, superclass);
+    classes_[first + i].archivedClass = superclass;
+  }
+  for (size_t i = 0; i < chain.size(); ++i)
+    table_.push_back({nullptr, TableEntry::Kind::Class, static_cast<uint32_t>(first + i)});
+  return first;
 }
 
-ObjectRef TypedStreamUnarchiver::readObject(int8_t head) {
+size_t TypedStreamUnarchiver::beginNewObject() {
+  const size_t index = table_.size();
+  table_.push_back({nullptr, TableEntry::Kind::ObjectInProgress});
+  return index;
+}
+
+ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
   if (head == kNil)
     return nullptr;
   if (head != kNew) {
     const size_t index = reader_.readReferenceIndex(head);
     if (index >= table_.size())
       throw ArchiveDamaged("reference to an object not read yet");
-    switch (table_[index].kind) {
+    TableEntry &entry = table_[index];
+    switch (entry.kind) {
     case TableEntry::Kind::Object:
-      return table_[index].object;
+      return entry.object;
+    case TableEntry::Kind::StringText:
+      entry.object = std::make_shared<StringObject>(std::string(texts_[entry.index]));
+      entry.kind = TableEntry::Kind::Object;
+      return entry.object;
     case TableEntry::Kind::ObjectInProgress:
       // A cycle: the program's objects never point back at their owners.
       return nullptr;
@@ -399,17 +478,57 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head) {
     }
   }
   Nesting nesting(depth_);
-  const size_t index = table_.size();
-  table_.push_back({TableEntry::Kind::ObjectInProgress, nullptr, {}});
-  const auto archivedClass = readClass(reader_.readHead());
-  if (!archivedClass)
+  const size_t index = beginNewObject();
+  const auto classIndex = readClass(reader_.readHead());
+  if (!classIndex)
     throw ArchiveDamaged("an object without a class");
-  ObjectRef object = decodeObjectBody(archivedClass);
-  table_[index] = {TableEntry::Kind::Object, object, {}};
+  ObjectRef object = decodeObjectBody(*classIndex, purpose);
+  table_[index] = {object, TableEntry::Kind::Object};
   return object;
 }
 
-const TypedStreamUnarchiver::KnownClass &TypedStreamUnarchiver::knownClass(const ArchivedClass &archivedClass) {
+std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8_t head) {
+  if (head == kNil)
+    return std::nullopt;
+  if (head != kNew) {
+    const size_t index = reader_.readReferenceIndex(head);
+    if (index >= table_.size())
+      throw ArchiveDamaged("reference to an object not read yet");
+    const TableEntry &entry = table_[index];
+    switch (entry.kind) {
+    case TableEntry::Kind::StringText:
+      return texts_[entry.index];
+    case TableEntry::Kind::Object:
+      if (const auto *string = dynamic_cast<const StringObject *>(entry.object.get()))
+        return std::string_view(string->value());
+      return std::nullopt;
+    case TableEntry::Kind::ObjectInProgress:
+      return std::nullopt;
+    default:
+      throw ArchiveDamaged("an object reference to something else");
+    }
+  }
+  Nesting nesting(depth_);
+  const size_t index = beginNewObject();
+  const auto classIndex = readClass(reader_.readHead());
+  if (!classIndex)
+    throw ArchiveDamaged("an object without a class");
+  if (!generic_ && knownClass(*classIndex).builtin == KnownClass::Builtin::String) {
+    Cursor cursor(*this);
+    const std::string_view text = cursor.nextString().value_or("");
+    cursor.drain(nullptr);
+    table_[index] = {nullptr, TableEntry::Kind::StringText, static_cast<uint32_t>(texts_.size())};
+    texts_.push_back(text);
+    return text;
+  }
+  ObjectRef object = decodeObjectBody(*classIndex, Purpose::AnyObject);
+  table_[index] = {object, TableEntry::Kind::Object};
+  if (const auto *string = dynamic_cast<const StringObject *>(table_[index].object.get()))
+    return std::string_view(string->value());
+  return std::nullopt;
+}
+
+const TypedStreamUnarchiver::KnownClass &TypedStreamUnarchiver::knownClass(size_t classIndex) {
   using Builtin = KnownClass::Builtin;
   static const std::unordered_map<std::string_view, Builtin> kBuiltins = {
       {"NSString", Builtin::String},
@@ -434,40 +553,41 @@ const TypedStreamUnarchiver::KnownClass &TypedStreamUnarchiver::knownClass(const
       {"NSTextAttachment", Builtin::TextAttachment},
       {"NSFileWrapper", Builtin::FileWrapper}};
   // Classes are shared by every object of them, so each is looked up once.
-  const auto [it, inserted] = knownClasses_.try_emplace(&archivedClass);
-  if (inserted) {
-    for (const ArchivedClass *c = &archivedClass; c; c = c->superclass().get()) {
+  ClassEntry &entry = classes_[classIndex];
+  if (!entry.known) {
+    entry.known.emplace();
+    for (const ArchivedClass *c = entry.archivedClass.get(); c; c = c->superclass().get()) {
       if (const auto substitution = substitutions_.find(c->name()); substitution != substitutions_.end()) {
-        it->second = {Builtin::Substitution, &substitution->second};
+        *entry.known = {Builtin::Substitution, &substitution->second};
         break;
       }
       if (const auto builtin = kBuiltins.find(c->name()); builtin != kBuiltins.end()) {
-        it->second = {builtin->second, nullptr};
+        *entry.known = {builtin->second, nullptr};
         break;
       }
     }
   }
-  return it->second;
+  return *entry.known;
 }
 
-ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const ArchivedClass> &archivedClass) {
+ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose purpose) {
   Cursor cursor(*this);
   if (generic_) {
     std::vector<GenericObject::Field> fields;
     cursor.drain(&fields);
-    return std::make_shared<GenericObject>(archivedClass, std::move(fields));
+    return std::make_shared<GenericObject>(archivedClass(classIndex), std::move(fields));
   }
 
   // The class itself, or else the nearest superclass known here; what a
   // subclass stored beyond it is read through.
   using Builtin = KnownClass::Builtin;
-  if (const KnownClass &known = knownClass(*archivedClass); known.builtin != Builtin::None) {
+  if (const KnownClass &known = knownClass(classIndex); known.builtin != Builtin::None) {
     ObjectRef object;
     const Builtin kind = known.builtin;
     if (kind == Builtin::Substitution) {
       object = (*known.factory)(cursor);
     } else if (kind == Builtin::String) {
-      object = std::make_shared<StringObject>(cursor.nextString().value_or(""));
+      object = std::make_shared<StringObject>(std::string(cursor.nextString().value_or("")));
     } else if (kind == Builtin::Array) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
@@ -476,7 +596,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
       for (int64_t i = 0; i < count; ++i)
         items.push_back(cursor.nextObject());
       object = std::make_shared<ArrayObject>(std::move(items));
-    } else if (kind == Builtin::Dictionary) {
+    } else if (kind == Builtin::Dictionary && purpose == Purpose::AnyObject) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("a dictionary count larger than the stream");
@@ -487,6 +607,20 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
         entries.emplace_back(std::move(key), std::move(value));
       }
       object = std::make_shared<DictionaryObject>(std::move(entries));
+    } else if (kind == Builtin::Dictionary) {
+      const int64_t count = cursor.nextInteger().value_or(0);
+      if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
+        throw ArchiveDamaged("a dictionary count larger than the stream");
+      // Only names that are strings are attributes.
+      std::vector<TextAttributes::Entry> entries;
+      entries.reserve(static_cast<size_t>(count));
+      for (int64_t i = 0; i < count; ++i) {
+        const auto name = cursor.nextStringObjectText();
+        auto value = cursor.nextObject();
+        if (name)
+          entries.emplace_back(std::string(*name), std::move(value));
+      }
+      object = std::make_shared<TextAttributes>(std::move(entries));
     } else if (kind == Builtin::Number) {
       cursor.nextString(); // the value's own type encoding
       const auto value = cursor.next();
@@ -495,20 +629,25 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
       else if (value && value->kind == Value::Kind::Real)
         object = std::make_shared<NumberObject>(value->real);
       else
-        object = std::make_shared<InertObject>(archivedClass->name());
+        object = std::make_shared<InertObject>(archivedClass(classIndex)->name());
     } else if (kind == Builtin::Data) {
-      object = std::make_shared<DataObject>(cursor.nextDataObject().value_or(std::vector<uint8_t>{}));
+      const auto bytes = cursor.nextDataObject().value_or(std::span<const uint8_t>{});
+      object = std::make_shared<DataObject>(std::vector<uint8_t>(bytes.begin(), bytes.end()));
     } else if (kind == Builtin::Date) {
       object = std::make_shared<DateObject>(Date(cursor.nextReal().value_or(0)));
     } else if (kind == Builtin::URL) {
       std::shared_ptr<const URLObject> base;
       if (cursor.nextInteger().value_or(0) != 0)
         base = objectAs<URLObject>(cursor.nextObject());
-      object = std::make_shared<URLObject>(stringValueOf(cursor.nextObject()), std::move(base));
+      object = std::make_shared<URLObject>(std::string(cursor.nextStringObjectText().value_or("")), std::move(base));
     } else if (kind == Builtin::AttributedString) {
-      const std::u16string text = utf8ToUtf16(stringValueOf(cursor.nextObject()));
+      std::u16string text = utf8ToUtf16(cursor.nextStringObjectText().value_or(""));
+      // Scratch lists borrowed from the unarchiver: a transcript holds tens
+      // of thousands of these strings.
       std::vector<std::shared_ptr<const TextAttributes>> dictionaries;
       std::vector<AttributedString::RunSpec> runs;
+      dictionaries.swap(spareDictionaries_);
+      runs.swap(spareRuns_);
       size_t covered = 0;
       while (covered < text.size() && !cursor.atEndOfObject()) {
         const auto number = cursor.nextInteger();
@@ -518,19 +657,18 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
         // Dictionaries are numbered from 1 in order of first use, and
         // stored only at their first use.
         if (static_cast<size_t>(*number) == dictionaries.size() + 1) {
-          std::vector<TextAttributes::Entry> entries;
-          if (const auto dictionary = objectAs<DictionaryObject>(cursor.nextObject()))
-            for (const auto &[key, value] : dictionary->entries())
-              if (const auto keyText = objectAs<StringObject>(key))
-                entries.emplace_back(keyText->value(), value);
-          dictionaries.push_back(std::make_shared<const TextAttributes>(std::move(entries)));
+          dictionaries.push_back(TextAttributes::from(cursor.nextObject(Purpose::Attributes)));
         } else if (static_cast<size_t>(*number) > dictionaries.size()) {
           throw ArchiveDamaged("an attribute run names a dictionary not stored yet");
         }
         runs.push_back({static_cast<size_t>(*length), dictionaries[static_cast<size_t>(*number) - 1]});
         covered += static_cast<size_t>(*length);
       }
-      object = std::make_shared<AttributedString>(text, runs);
+      object = std::make_shared<AttributedString>(std::move(text), runs);
+      dictionaries.clear();
+      runs.clear();
+      dictionaries.swap(spareDictionaries_);
+      runs.swap(spareRuns_);
     } else if (kind == Builtin::Font) {
       const auto serializedName = cursor.nextDataObject();
       auto fontName = serializedName ? stringFromSerializedPropertyList(*serializedName) : std::nullopt;
@@ -542,17 +680,19 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
         ColorSpace space;
         int components;
       };
-      static const std::map<int64_t, Kind> kKinds = {{1, {ColorSpace::CalibratedRGB, 4}},
-                                                     {2, {ColorSpace::DeviceRGB, 4}},
-                                                     {3, {ColorSpace::CalibratedWhite, 2}},
-                                                     {4, {ColorSpace::DeviceWhite, 2}},
-                                                     {5, {ColorSpace::DeviceCMYK, 5}}};
+      static constexpr Kind kKinds[] = {{ColorSpace::CalibratedRGB, 4},
+                                        {ColorSpace::DeviceRGB, 4},
+                                        {ColorSpace::CalibratedWhite, 2},
+                                        {ColorSpace::DeviceWhite, 2},
+                                        {ColorSpace::DeviceCMYK, 5}};
       const int64_t kind = cursor.nextInteger().value_or(0);
-      if (const auto known = kKinds.find(kind); known != kKinds.end()) {
+      if (kind >= 1 && kind <= 5) {
+        const Kind &known = kKinds[kind - 1];
         std::vector<double> values;
-        for (int i = 0; i < known->second.components; ++i)
+        values.reserve(static_cast<size_t>(known.components));
+        for (int i = 0; i < known.components; ++i)
           values.push_back(cursor.nextReal().value_or(0));
-        object = std::make_shared<Color>(known->second.space, std::move(values));
+        object = std::make_shared<Color>(known.space, std::move(values));
       } else if (kind == 6) {
         cursor.nextObject(); // catalogue
         cursor.nextObject(); // colour name
@@ -582,7 +722,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(const std::shared_ptr<const Ar
     return object;
   }
   cursor.drain(nullptr);
-  return std::make_shared<InertObject>(archivedClass->name());
+  return std::make_shared<InertObject>(archivedClass(classIndex)->name());
 }
 
 } // namespace parlova

@@ -4,13 +4,14 @@
 
 #include <cstdint>
 #include <map>
-#include <unordered_map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "platform/AttributedString.h"
 #include "platform/Coder.h"
 #include "platform/GenericObject.h"
 #include "platform/TypedStreamReader.h"
@@ -39,7 +40,7 @@ public:
     Kind kind = Kind::Nil;
     int64_t integer = 0;
     double real = 0;
-    std::string text; // strings, C strings, selectors, raw byte arrays
+    std::string_view text; // strings, C strings, selectors, raw byte arrays: in the stream
     ObjectRef object; // objects and classes
     std::vector<Value> elements;
   };
@@ -53,9 +54,20 @@ private:
   void readGroup(std::vector<Value> &values);
   void readValues(const std::vector<std::string> &encodings, std::vector<Value> &values);
   Value readValue(const std::string &encoding);
-  std::shared_ptr<const ArchivedClass> readClass(int8_t head);
-  ObjectRef readObject(int8_t head);
-  ObjectRef decodeObjectBody(const std::shared_ptr<const ArchivedClass> &archivedClass);
+  // A class and its new superclasses; the index of the class in classes_,
+  // or nothing for nil.
+  std::optional<size_t> readClass(int8_t head);
+  // What an object is read for: attribute dictionaries are decoded straight
+  // into attribute sets.
+  enum class Purpose { AnyObject, Attributes };
+  ObjectRef readObject(int8_t head, Purpose purpose = Purpose::AnyObject);
+  // A string object's text without making the object; nothing for nil or
+  // for an object that is no string. The view lasts as long as the
+  // unarchiver.
+  std::optional<std::string_view> readStringObjectText(int8_t head);
+  // A new object's class and table entry; the entry's index.
+  size_t beginNewObject();
+  ObjectRef decodeObjectBody(size_t classIndex, Purpose purpose);
   // What the class itself or its nearest superclass known here is decoded
   // as: one of the program's classes, a Foundation or AppKit class, or
   // nothing (read through and kept inert).
@@ -67,22 +79,33 @@ private:
     Builtin builtin = Builtin::None;
     const ClassFactory *factory = nullptr; // for a substitution
   };
-  const KnownClass &knownClass(const ArchivedClass &archivedClass);
+  const KnownClass &knownClass(size_t classIndex);
 
   struct TableEntry {
-    enum class Kind { CString, Class, Object, ObjectInProgress } kind;
     ObjectRef object;
-    std::string text;
+    // A string object is kept as its text until something needs the object.
+    enum class Kind : uint8_t { CString, Class, Object, ObjectInProgress, StringText } kind;
+    uint32_t index = 0; // in texts_ for texts, in classes_ for classes
   };
+  struct ClassEntry {
+    std::shared_ptr<const ArchivedClass> archivedClass;
+    std::optional<KnownClass> known;
+  };
+  const std::shared_ptr<const ArchivedClass> &archivedClass(size_t classIndex) const {
+    return classes_[classIndex].archivedClass;
+  }
 
   TypedStreamReader reader_;
+  // Every C string, class and object, numbered in stream order.
   std::vector<TableEntry> table_;
+  std::vector<std::string_view> texts_; // in the stream
+  std::vector<ClassEntry> classes_;
+  std::vector<std::shared_ptr<const TextAttributes>> spareDictionaries_;
+  std::vector<AttributedString::RunSpec> spareRuns_;
   std::map<std::string, ClassFactory, std::less<>> substitutions_;
   bool generic_ = false;
   int depth_ = 0;
   std::string lastEncoding_; // of the group read last, for generic objects
-  std::vector<std::vector<Value>> spareGroups_;
-  std::unordered_map<const ArchivedClass *, KnownClass> knownClasses_;
 };
 
 } // namespace parlova

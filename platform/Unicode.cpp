@@ -1,6 +1,7 @@
 #include "platform/Unicode.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace parlova {
 namespace {
@@ -38,6 +39,19 @@ void appendUtf16(std::u16string &out, char32_t cp) {
 } // namespace
 
 std::u16string utf8ToUtf16(std::string_view in) {
+  // Most chat text is plain ASCII, which only widens; eight bytes at a time
+  // tell whether it is.
+  size_t checked = 0;
+  uint64_t highBits = 0;
+  for (; checked + 8 <= in.size(); checked += 8) {
+    uint64_t word = 0;
+    std::memcpy(&word, in.data() + checked, 8);
+    highBits |= word;
+  }
+  for (; checked < in.size(); ++checked)
+    highBits |= static_cast<uint8_t>(in[checked]);
+  if ((highBits & 0x8080808080808080ULL) == 0)
+    return std::u16string(in.begin(), in.end());
   std::u16string out;
   out.reserve(in.size());
   size_t i = 0;

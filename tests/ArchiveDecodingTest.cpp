@@ -309,6 +309,51 @@ TEST(KeyedDecoding, UnknownClassesAreInertAndSubclassesFallBackAlongTheirChain) 
   EXPECT_TRUE(objectAs<ICLPInstantMessage>(items->objectAtIndex(1)));
 }
 
+// Strings and attribute dictionaries are read for their text and entries
+// alone, yet other objects may refer to them too, before or after.
+TEST(KeyedDecoding, ObjectsReadForTheirContentsServeEveryReference) {
+  for (const bool dictionaryFirst : {false, true}) {
+    RawArchive archive;
+    const auto uidList = [](const std::vector<uint64_t> &uids) {
+      plist_t list = plist_new_array();
+      for (const uint64_t uid : uids)
+        plist_array_append_item(list, plist_new_uid(uid));
+      return list;
+    };
+    const uint64_t linkName = archive.add(plist_new_string("NSLink"));
+    const uint64_t address = archive.add(plist_new_string("http://x/"));
+    plist_t text = archive.object(archive.addClass({"NSMutableString", "NSString", "NSObject"}));
+    plist_dict_set_item(text, "NS.string", plist_new_uid(archive.add(plist_new_string("hi"))));
+    const uint64_t textUid = archive.add(text);
+    plist_t dictionary = archive.object(archive.addClass({"NSDictionary", "NSObject"}));
+    plist_dict_set_item(dictionary, "NS.keys", uidList({linkName}));
+    plist_dict_set_item(dictionary, "NS.objects", uidList({address}));
+    const uint64_t dictionaryUid = archive.add(dictionary);
+    plist_t styled = archive.object(archive.addClass({"NSAttributedString", "NSObject"}));
+    plist_dict_set_item(styled, "NSString", plist_new_uid(textUid));
+    plist_dict_set_item(styled, "NSAttributes", plist_new_uid(dictionaryUid));
+    const uint64_t styledUid = archive.add(styled);
+
+    const auto root = archive.decodeRoot(dictionaryFirst ? archive.array({dictionaryUid, styledUid, textUid})
+                                                         : archive.array({styledUid, dictionaryUid, textUid}));
+    ASSERT_TRUE(root);
+    const auto items = objectAs<ArrayObject>(*root);
+    ASSERT_TRUE(items && items->count() == 3);
+    const auto string = objectAs<AttributedString>(items->objectAtIndex(dictionaryFirst ? 1 : 0));
+    const ObjectRef dictionaryObject = items->objectAtIndex(dictionaryFirst ? 0 : 1);
+    ASSERT_TRUE(string && dictionaryObject);
+    EXPECT_EQ(string->string(), u"hi");
+    const auto link = objectAs<StringObject>(string->runs().front().attributes->valueForName(kLinkAttributeName));
+    ASSERT_TRUE(link) << dictionaryFirst;
+    EXPECT_EQ(link->value(), "http://x/");
+    if (!dictionaryFirst)
+      EXPECT_EQ(dictionaryObject, string->runs().front().attributes) << "one object, shared";
+    EXPECT_EQ(dictionaryObject->className(), "NSDictionary");
+    EXPECT_EQ(dictionaryObject->description(), "{\n    NSLink = \"http://x/\";\n}");
+    EXPECT_EQ(stringValueOf(items->objectAtIndex(2)), "hi");
+  }
+}
+
 TEST(KeyedDecoding, HostileReferencesEndInNoResultWithoutCrashing) {
   {
     RawArchive archive;
