@@ -32,6 +32,13 @@ std::shared_ptr<const TextAttributes> TextAttributes::from(const ObjectRef &obje
   return std::make_shared<const TextAttributes>(std::move(entries));
 }
 
+void TextAttributes::appendDistinct(std::vector<std::shared_ptr<const TextAttributes>> &list,
+                                    std::shared_ptr<const TextAttributes> attributes) {
+  if (std::find(list.begin(), list.end(), attributes) != list.end())
+    attributes = std::make_shared<const TextAttributes>(attributes->entries());
+  list.push_back(std::move(attributes));
+}
+
 AttributedString::AttributedString(std::u16string text, const std::vector<RunSpec> &runs)
     : text_(std::move(text)) {
   static const auto kNoAttributes = std::make_shared<const TextAttributes>();

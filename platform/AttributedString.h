@@ -32,6 +32,11 @@ public:
   // The attribute set an archived object stands for: itself when it was
   // decoded as one, a dictionary's entries named by strings, or none.
   static std::shared_ptr<const TextAttributes> from(const ObjectRef &object);
+  // Appends a string's next attribute set. A set already in the list is
+  // added as a copy: each dictionary a string lists is a set of its own,
+  // and only runs of one set are joined.
+  static void appendDistinct(std::vector<std::shared_ptr<const TextAttributes>> &list,
+                             std::shared_ptr<const TextAttributes> attributes);
   ObjectRef valueForName(std::string_view name) const;
 
 private:

@@ -1,5 +1,7 @@
 #include "platform/KeyedUnarchiver.h"
 
+#include <algorithm>
+
 #include "platform/PropertyList.h"
 
 #include "platform/AttributedString.h"
@@ -522,17 +524,30 @@ std::shared_ptr<const TextAttributes> KeyedUnarchiver::decodeAttributes(std::opt
       names.reserve(keys.length);
       for (uint64_t i = 0; keysRef && i < keys.length; ++i)
         names.push_back(decodeText(view_.element(keys, i)));
-      std::vector<TextAttributes::Entry> entries;
-      entries.reserve(names.size());
-      for (uint64_t i = 0; valuesRef && i < values.length; ++i) {
-        ObjectRef value = decodeValue(view_.element(values, i));
-        if (i < names.size() && names[i])
-          entries.emplace_back(std::move(*names[i]), std::move(value));
+      std::vector<ObjectRef> objects;
+      objects.reserve(values.length);
+      for (uint64_t i = 0; valuesRef && i < values.length; ++i)
+        objects.push_back(decodeValue(view_.element(values, i)));
+      const size_t count = std::min(names.size(), objects.size());
+      // Named by strings throughout, as attributes always are, it becomes
+      // the attribute set itself; anything else stays a dictionary.
+      ObjectRef decoded;
+      if (std::all_of(names.begin(), names.begin() + static_cast<ptrdiff_t>(count),
+                      [](const auto &name) { return name.has_value(); })) {
+        std::vector<TextAttributes::Entry> entries;
+        entries.reserve(count);
+        for (size_t i = 0; i < count; ++i)
+          entries.emplace_back(std::move(*names[i]), std::move(objects[i]));
+        decoded = std::make_shared<const TextAttributes>(std::move(entries));
+      } else {
+        std::vector<DictionaryObject::Entry> entries;
+        for (size_t i = 0; i < count; ++i)
+          entries.emplace_back(decodeValue(view_.element(keys, i)), std::move(objects[i]));
+        decoded = std::make_shared<DictionaryObject>(std::move(entries));
       }
-      auto attributes = std::make_shared<const TextAttributes>(std::move(entries));
-      decoded_[uid] = attributes;
+      decoded_[uid] = decoded;
       state_[uid] = State::Done;
-      return attributes;
+      return TextAttributes::from(decoded);
     }
   }
   return TextAttributes::from(decodeValue(ref));
@@ -547,16 +562,20 @@ std::vector<std::shared_ptr<const TextAttributes>> KeyedUnarchiver::decodeAttrib
     if (items.type == Type::Array || items.type == Type::Set) {
       const Nesting nesting(depth_);
       countWork();
+      // The array is under way while its items are read, as when it is
+      // decoded itself: an item that refers back to it finds nothing.
+      state_[uid] = State::InProgress;
       list.reserve(items.length);
       for (uint64_t i = 0; i < items.length; ++i)
-        list.push_back(decodeAttributes(view_.element(items, i)));
+        TextAttributes::appendDistinct(list, decodeAttributes(view_.element(items, i)));
+      state_[uid] = State::NotYet;
       return list;
     }
   }
   const ObjectRef object = decodeValue(ref);
   if (const auto *array = dynamic_cast<const ArrayObject *>(object.get()))
     for (const ObjectRef &item : array->items())
-      list.push_back(TextAttributes::from(item));
+      TextAttributes::appendDistinct(list, TextAttributes::from(item));
   return list;
 }
 

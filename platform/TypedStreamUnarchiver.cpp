@@ -125,15 +125,19 @@ public:
     Value value = archive_.readValue(*encoding);
     return value.kind == Value::Kind::Object ? std::move(value.object) : nullptr;
   }
-  std::optional<std::string_view> nextStringObjectText() {
+  // The text of the next object if it is a string; any other object goes
+  // to `other` when asked for.
+  std::optional<std::string_view> nextStringObjectText(ObjectRef *other = nullptr) {
     const std::string *encoding = nextEncoding();
     if (!encoding)
       return std::nullopt;
     if (*encoding == "@") {
       Nesting nesting(archive_.depth_);
-      return archive_.readStringObjectText(reader_.readHead());
+      return archive_.readStringObjectText(reader_.readHead(), other);
     }
-    archive_.readValue(*encoding);
+    Value value = archive_.readValue(*encoding);
+    if (other && value.kind == Value::Kind::Object)
+      *other = std::move(value.object);
     return std::nullopt;
   }
   std::optional<int64_t> nextInteger() {
@@ -487,7 +491,7 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
   return object;
 }
 
-std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8_t head) {
+std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8_t head, ObjectRef *other) {
   if (head == kNil)
     return std::nullopt;
   if (head != kNew) {
@@ -501,6 +505,8 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
     case TableEntry::Kind::Object:
       if (const auto *string = dynamic_cast<const StringObject *>(entry.object.get()))
         return std::string_view(string->value());
+      if (other)
+        *other = entry.object;
       return std::nullopt;
     case TableEntry::Kind::ObjectInProgress:
       return std::nullopt;
@@ -525,6 +531,8 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
   table_[index] = {object, TableEntry::Kind::Object};
   if (const auto *string = dynamic_cast<const StringObject *>(table_[index].object.get()))
     return std::string_view(string->value());
+  if (other)
+    *other = std::move(object);
   return std::nullopt;
 }
 
@@ -611,16 +619,29 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("a dictionary count larger than the stream");
-      // Only names that are strings are attributes.
-      std::vector<TextAttributes::Entry> entries;
-      entries.reserve(static_cast<size_t>(count));
+      // Named by strings throughout, as attributes always are, it becomes
+      // the attribute set itself; anything else stays a dictionary.
+      std::vector<TextAttributes::Entry> named;
+      std::vector<DictionaryObject::Entry> other;
+      named.reserve(static_cast<size_t>(count));
       for (int64_t i = 0; i < count; ++i) {
-        const auto name = cursor.nextStringObjectText();
-        auto value = cursor.nextObject();
-        if (name)
-          entries.emplace_back(std::string(*name), std::move(value));
+        ObjectRef keyObject;
+        const auto name = cursor.nextStringObjectText(&keyObject);
+        ObjectRef value = cursor.nextObject();
+        if (name && other.empty()) {
+          named.emplace_back(std::string(*name), std::move(value));
+          continue;
+        }
+        for (auto &[text, earlier] : named)
+          other.emplace_back(std::make_shared<StringObject>(std::move(text)), std::move(earlier));
+        named.clear();
+        other.emplace_back(name ? std::make_shared<StringObject>(std::string(*name)) : std::move(keyObject),
+                           std::move(value));
       }
-      object = std::make_shared<TextAttributes>(std::move(entries));
+      if (other.empty())
+        object = std::make_shared<TextAttributes>(std::move(named));
+      else
+        object = std::make_shared<DictionaryObject>(std::move(other));
     } else if (kind == Builtin::Number) {
       cursor.nextString(); // the value's own type encoding
       const auto value = cursor.next();
@@ -657,7 +678,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
         // Dictionaries are numbered from 1 in order of first use, and
         // stored only at their first use.
         if (static_cast<size_t>(*number) == dictionaries.size() + 1) {
-          dictionaries.push_back(TextAttributes::from(cursor.nextObject(Purpose::Attributes)));
+          TextAttributes::appendDistinct(dictionaries, TextAttributes::from(cursor.nextObject(Purpose::Attributes)));
         } else if (static_cast<size_t>(*number) > dictionaries.size()) {
           throw ArchiveDamaged("an attribute run names a dictionary not stored yet");
         }

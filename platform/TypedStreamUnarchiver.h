@@ -62,9 +62,9 @@ private:
   enum class Purpose { AnyObject, Attributes };
   ObjectRef readObject(int8_t head, Purpose purpose = Purpose::AnyObject);
   // A string object's text without making the object; nothing for nil or
-  // for an object that is no string. The view lasts as long as the
-  // unarchiver.
-  std::optional<std::string_view> readStringObjectText(int8_t head);
+  // for an object that is no string (which goes to `other` when given).
+  // The view lasts as long as the unarchiver.
+  std::optional<std::string_view> readStringObjectText(int8_t head, ObjectRef *other = nullptr);
   // A new object's class and table entry; the entry's index.
   size_t beginNewObject();
   ObjectRef decodeObjectBody(size_t classIndex, Purpose purpose);

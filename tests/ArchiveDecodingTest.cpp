@@ -346,12 +346,60 @@ TEST(KeyedDecoding, ObjectsReadForTheirContentsServeEveryReference) {
     const auto link = objectAs<StringObject>(string->runs().front().attributes->valueForName(kLinkAttributeName));
     ASSERT_TRUE(link) << dictionaryFirst;
     EXPECT_EQ(link->value(), "http://x/");
-    if (!dictionaryFirst)
+    if (!dictionaryFirst) {
       EXPECT_EQ(dictionaryObject, string->runs().front().attributes) << "one object, shared";
+    }
     EXPECT_EQ(dictionaryObject->className(), "NSDictionary");
     EXPECT_EQ(dictionaryObject->description(), "{\n    NSLink = \"http://x/\";\n}");
     EXPECT_EQ(stringValueOf(items->objectAtIndex(2)), "hi");
   }
+}
+
+// Attribute lists no Mac writes decode as their objects would: a dictionary
+// listed twice gives two sets (runs of different sets stay apart), a key
+// that is no string keeps its dictionary a dictionary, and a value that
+// refers back to the list is cut like any cycle.
+TEST(KeyedDecoding, OddAttributeListsDecodeAsTheirObjectsWould) {
+  RawArchive archive;
+  const auto uidList = [](const std::vector<uint64_t> &uids) {
+    plist_t list = plist_new_array();
+    for (const uint64_t uid : uids)
+      plist_array_append_item(list, plist_new_uid(uid));
+    return list;
+  };
+  const uint64_t dictionaryClass = archive.addClass({"NSDictionary", "NSObject"});
+  const uint64_t linkName = archive.add(plist_new_string("NSLink"));
+  const uint64_t address = archive.add(plist_new_string("http://x/"));
+  const uint64_t number = archive.add(plist_new_uint(7));
+  const uint64_t listUid = number + 3; // after the dictionary below and the array's class
+  plist_t odd = archive.object(dictionaryClass);
+  plist_dict_set_item(odd, "NS.keys", uidList({linkName, number}));
+  plist_dict_set_item(odd, "NS.objects", uidList({address, listUid}));
+  const uint64_t oddUid = archive.add(odd);
+  plist_t list = archive.object(archive.addClass({"NSArray", "NSObject"}));
+  plist_dict_set_item(list, "NS.objects", uidList({oddUid, oddUid}));
+  ASSERT_EQ(archive.add(list), listUid);
+  plist_t styled = archive.object(archive.addClass({"NSAttributedString", "NSObject"}));
+  plist_dict_set_item(styled, "NSString", plist_new_uid(archive.add(plist_new_string("ab"))));
+  plist_dict_set_item(styled, "NSAttributes", plist_new_uid(listUid));
+  const std::vector<char> info = {1, 0, 1, 1};
+  plist_dict_set_item(styled, "NSAttributeInfo", plist_new_data(info.data(), info.size()));
+  const uint64_t styledUid = archive.add(styled);
+
+  const auto root = archive.decodeRoot(archive.array({styledUid, oddUid}));
+  ASSERT_TRUE(root);
+  const auto items = objectAs<ArrayObject>(*root);
+  ASSERT_TRUE(items && items->count() == 2);
+  const auto string = objectAs<AttributedString>(items->objectAtIndex(0));
+  ASSERT_TRUE(string);
+  ASSERT_EQ(string->runs().size(), 2u);
+  const auto &first = string->runs()[0].attributes;
+  const auto &second = string->runs()[1].attributes;
+  EXPECT_NE(first, second);
+  ASSERT_EQ(first->entries().size(), 1u);
+  EXPECT_EQ(stringValueOf(first->valueForName(kLinkAttributeName)), "http://x/");
+  EXPECT_EQ(second->entries(), first->entries());
+  EXPECT_EQ(items->objectAtIndex(1)->description(), "{\n    NSLink = \"http://x/\";\n    7 = <null>;\n}");
 }
 
 TEST(KeyedDecoding, HostileReferencesEndInNoResultWithoutCrashing) {

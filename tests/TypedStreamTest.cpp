@@ -254,9 +254,10 @@ TEST_F(TypedStreamLoading, UnknownClassesAreReadThroughAndStayInert) {
   EXPECT_EQ(array->objectAtIndex(0)->className(), "IMFancy");
 }
 
-// Strings and attribute dictionaries are read for their text and entries
-// alone, yet the archive may refer to the same objects again later.
-TEST(TypedStreamSharing, ObjectsReadForTheirContentsServeLaterReferences) {
+// A root array of four: a Presentity; its name again, as an object; styled
+// text "hi" whose one attribute dictionary holds NSLink (and, when asked,
+// a nil key too), the name once more as its value; the dictionary again.
+std::vector<uint8_t> sharingStream(bool withNilKey) {
   std::vector<uint8_t> bytes = {4, 11, 's', 't', 'r', 'e', 'a', 'm', 't', 'y', 'p', 'e', 'd', 0x81, 0xe8, 3};
   const auto add = [&](std::initializer_list<uint8_t> part) { bytes.insert(bytes.end(), part); };
   const auto text = [&](std::string_view chars) {
@@ -279,42 +280,58 @@ TEST(TypedStreamSharing, ObjectsReadForTheirContentsServeLaterReferences) {
   add({0x86, 0x92, 0x84, 0x98, 0x98}); // object 7
   text("bob");
   add({0x86, 0x86});
-  add({0x92, 0x99}); // the string "bob" again, as an object of its own
-  add({0x92, 0x84, 0x84, 0x84});       // object 8, class 9 NSAttributedString (name 7)
+  add({0x92, 0x99}); // the string "bob" again
+  add({0x92, 0x84, 0x84, 0x84}); // object 8, class 9 NSAttributedString (name 7)
   text("NSAttributedString");
   add({0, 0x94, 0x92, 0x84, 0x98, 0x98}); // object 10
   text("hi");
   add({0x86, 0x84, 2, 'i', 'I', 1, 2}); // name 8
   add({0x92, 0x84, 0x84, 0x84});       // object 11, class 12 NSDictionary (name 9)
   text("NSDictionary");
-  add({0, 0x94, 0x95, 1, 0x92, 0x84, 0x98, 0x98}); // object 13
+  add({0, 0x94, 0x95, static_cast<uint8_t>(withNilKey ? 2 : 1), 0x92, 0x84, 0x98, 0x98}); // object 13
   text("NSLink");
-  add({0x86, 0x92, 0x99, 0x86, 0x86});
+  add({0x86, 0x92, 0x99});
+  if (withNilKey)
+    add({0x92, 0x85, 0x92, 0x99});
+  add({0x86, 0x86});
   add({0x92, 0x9d, 0x86}); // the attribute dictionary again
+  return bytes;
+}
 
-  auto archive = TypedStreamUnarchiver::forData(bytes);
-  ASSERT_TRUE(archive);
-  archive->setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
-  const auto root = objectAs<ArrayObject>(archive->decodeRootObject().value_or(nullptr));
-  ASSERT_TRUE(root);
-  ASSERT_EQ(root->count(), 4u);
-  const auto presentity = objectAs<ICLPPresentity>(root->objectAtIndex(0));
-  ASSERT_TRUE(presentity);
-  EXPECT_EQ(presentity->Protocol(), "AIM");
-  EXPECT_EQ(presentity->rawName(), "bob");
-  const auto bob = objectAs<StringObject>(root->objectAtIndex(1));
-  ASSERT_TRUE(bob);
-  EXPECT_EQ(bob->value(), "bob");
+// Strings and attribute dictionaries are read for their text and entries
+// alone, yet the archive may refer to the same objects again later.
+TEST(TypedStreamSharing, ObjectsReadForTheirContentsServeLaterReferences) {
+  for (const bool withNilKey : {false, true}) {
+    auto archive = TypedStreamUnarchiver::forData(sharingStream(withNilKey));
+    ASSERT_TRUE(archive);
+    archive->setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
+    const auto root = objectAs<ArrayObject>(archive->decodeRootObject().value_or(nullptr));
+    ASSERT_TRUE(root);
+    ASSERT_EQ(root->count(), 4u);
+    const auto presentity = objectAs<ICLPPresentity>(root->objectAtIndex(0));
+    ASSERT_TRUE(presentity);
+    EXPECT_EQ(presentity->Protocol(), "AIM");
+    EXPECT_EQ(presentity->rawName(), "bob");
+    const auto bob = objectAs<StringObject>(root->objectAtIndex(1));
+    ASSERT_TRUE(bob);
+    EXPECT_EQ(bob->value(), "bob");
 
-  const auto styled = objectAs<AttributedString>(root->objectAtIndex(2));
-  ASSERT_TRUE(styled);
-  EXPECT_EQ(styled->string(), u"hi");
-  EXPECT_EQ(styled->runs().front().attributes->valueForName(kLinkAttributeName), bob) << "one object, shared";
-  const ObjectRef dictionary = root->objectAtIndex(3);
-  ASSERT_TRUE(dictionary);
-  EXPECT_EQ(dictionary->className(), "NSDictionary");
-  EXPECT_EQ(dictionary, styled->runs().front().attributes);
-  EXPECT_EQ(dictionary->description(), "{\n    NSLink = bob;\n}");
+    const auto styled = objectAs<AttributedString>(root->objectAtIndex(2));
+    ASSERT_TRUE(styled);
+    EXPECT_EQ(styled->string(), u"hi");
+    const auto &attributes = styled->runs().front().attributes;
+    EXPECT_EQ(attributes->entries().size(), 1u) << "only names that are strings are attributes";
+    EXPECT_EQ(attributes->valueForName(kLinkAttributeName), bob) << "one object, shared";
+    const ObjectRef dictionary = root->objectAtIndex(3);
+    ASSERT_TRUE(dictionary);
+    EXPECT_EQ(dictionary->className(), "NSDictionary");
+    if (withNilKey) {
+      EXPECT_EQ(dictionary->description(), "{\n    NSLink = bob;\n    <null> = bob;\n}");
+    } else {
+      EXPECT_EQ(dictionary, attributes);
+      EXPECT_EQ(dictionary->description(), "{\n    NSLink = bob;\n}");
+    }
+  }
 }
 
 TEST(TypedStreamTool, ChatFilesGoThroughTheToolAndShowInInspect) {
