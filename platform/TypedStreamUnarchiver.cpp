@@ -219,12 +219,10 @@ public:
         continue;
       }
       archive_.readGroup(group);
-      {
-        GenericObject::Field field{archive_.lastEncoding_, {}};
-        for (const Value &value : group)
-          field.values.push_back(asObject(value));
-        fields->push_back(std::move(field));
-      }
+      GenericObject::Field field{archive_.lastEncoding_, {}};
+      for (const Value &value : group)
+        field.values.push_back(asObject(value));
+      fields->push_back(std::move(field));
     }
     reader_.readHead();
   }
