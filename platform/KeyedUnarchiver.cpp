@@ -335,36 +335,18 @@ const KeyedUnarchiver::ClassInfo &KeyedUnarchiver::classOf(Ref classRef) {
       if (auto name = view_.string(view_.element(list, i)); name && (info.chain.empty() || info.chain.back() != *name))
         info.chain.push_back(std::move(*name));
   }
-  static const std::unordered_map<std::string_view, Builtin> kBuiltins = {
-      {"NSString", Builtin::String},
-      {"NSMutableString", Builtin::String},
-      {"NSArray", Builtin::Array},
-      {"NSMutableArray", Builtin::Array},
-      {"NSSet", Builtin::Array},
-      {"NSMutableSet", Builtin::Array},
-      {"NSOrderedSet", Builtin::Array},
-      {"NSMutableOrderedSet", Builtin::Array},
-      {"NSDictionary", Builtin::Dictionary},
-      {"NSMutableDictionary", Builtin::Dictionary},
-      {"NSData", Builtin::Data},
-      {"NSMutableData", Builtin::Data},
-      {"NSDate", Builtin::Date},
-      {"NSCalendarDate", Builtin::Date},
-      {"NSURL", Builtin::URL},
-      {"NSAttributedString", Builtin::AttributedString},
-      {"NSMutableAttributedString", Builtin::AttributedString},
-      {"NSFont", Builtin::Font},
-      {"NSColor", Builtin::Color},
-      {"NSTextAttachment", Builtin::TextAttachment},
-      {"NSFileWrapper", Builtin::FileWrapper}};
   for (const std::string &name : info.chain) {
     if (const auto substitution = substitutions_.find(name); substitution != substitutions_.end()) {
-      info.builtin = Builtin::Substitution;
       info.factory = &substitution->second;
       break;
     }
-    if (const auto builtin = kBuiltins.find(name); builtin != kBuiltins.end()) {
-      info.builtin = builtin->second;
+    // Numbers are stored as plain values here; an NSNumber object is read
+    // through like any class unknown here.
+    FoundationClass kind = foundationClassNamed(name);
+    if (kind == FoundationClass::OrderedSet)
+      kind = FoundationClass::Array;
+    if (kind != FoundationClass::None && kind != FoundationClass::Number) {
+      info.kind = kind;
       break;
     }
   }
@@ -375,7 +357,7 @@ ObjectRef KeyedUnarchiver::decodeInstance(const BinaryPlistView::Entry &objectDi
   const ClassInfo &info = classOf(classRef);
   if (generic_)
     return decodeGenerically(info.chain, objectDictionary);
-  if (info.builtin == Builtin::None)
+  if (!info.factory && info.kind == FoundationClass::None)
     return std::make_shared<InertObject>(info.chain.empty() ? std::string("?") : info.chain.front());
   return decodeKnownClass(info, objectDictionary);
 }
@@ -396,20 +378,22 @@ ObjectRef KeyedUnarchiver::decodeGenerically(const std::vector<std::string> &cha
 
 ObjectRef KeyedUnarchiver::decodeKnownClass(const ClassInfo &info, const BinaryPlistView::Entry &objectDictionary) {
   KeyedObjectCoder coder(*this, objectDictionary);
-  switch (info.builtin) {
-  case Builtin::None:
-    break;
-  case Builtin::Substitution:
+  if (info.factory)
     return (*info.factory)(coder);
-  case Builtin::String: {
+  switch (info.kind) {
+  case FoundationClass::None:
+  case FoundationClass::OrderedSet:
+  case FoundationClass::Number:
+    break;
+  case FoundationClass::String: {
     if (auto string = objectAs<StringObject>(coder.decodeObjectForKey("NS.string")))
       return string;
     const auto stored = coder.decodeBytesForKey("NS.bytes");
     return std::make_shared<StringObject>(std::string(stored.bytes.begin(), stored.bytes.end()));
   }
-  case Builtin::Array:
+  case FoundationClass::Array:
     return std::make_shared<ArrayObject>(coder.decodeItemsForKey("NS.objects"));
-  case Builtin::Dictionary: {
+  case FoundationClass::Dictionary: {
     const auto keys = coder.decodeItemsForKey("NS.keys");
     const auto values = coder.decodeItemsForKey("NS.objects");
     std::vector<DictionaryObject::Entry> entries;
@@ -417,33 +401,33 @@ ObjectRef KeyedUnarchiver::decodeKnownClass(const ClassInfo &info, const BinaryP
       entries.emplace_back(keys[i], values[i]);
     return std::make_shared<DictionaryObject>(std::move(entries));
   }
-  case Builtin::Data: {
+  case FoundationClass::Data: {
     auto stored = coder.decodeBytesForKey("NS.data");
     if (stored.bytes.empty())
       stored = coder.decodeBytesForKey("NS.bytes");
     return std::make_shared<DataObject>(std::vector<uint8_t>(stored.bytes.begin(), stored.bytes.end()));
   }
-  case Builtin::Date:
+  case FoundationClass::Date:
     return std::make_shared<DateObject>(Date(coder.decodeDoubleForKey("NS.time")));
-  case Builtin::URL:
+  case FoundationClass::URL:
     return std::make_shared<URLObject>(coder.decodeTextForKey("NS.relative"),
                                        objectAs<URLObject>(coder.decodeObjectForKey("NS.base")));
-  case Builtin::AttributedString:
+  case FoundationClass::AttributedString:
     return decodeAttributedString(coder);
-  case Builtin::Font:
+  case FoundationClass::Font:
     return std::make_shared<Font>(coder.decodeTextForKey("NSName"), coder.decodeDoubleForKey("NSSize"),
                                   coder.decodeInt32ForKey("NSfFlags"));
-  case Builtin::Color:
+  case FoundationClass::Color:
     return decodeColor(coder);
-  case Builtin::TextAttachment:
+  case FoundationClass::TextAttachment:
     return std::make_shared<TextAttachment>(objectAs<FileWrapper>(coder.decodeObjectForKey("NSFileWrapper")));
-  case Builtin::FileWrapper:
+  case FoundationClass::FileWrapper:
     return FileWrapper::fromSerializedRepresentation(coder.decodeBytesForKey("NSFileWrapperData").bytes);
   }
   return nullptr;
 }
 
-std::optional<BinaryPlistView::Entry> KeyedUnarchiver::pendingInstanceOf(std::optional<Ref> ref, Builtin builtin,
+std::optional<BinaryPlistView::Entry> KeyedUnarchiver::pendingInstanceOf(std::optional<Ref> ref, FoundationClass kind,
                                                                          uint64_t &uid) {
   if (!ref || generic_)
     return std::nullopt;
@@ -457,7 +441,9 @@ std::optional<BinaryPlistView::Entry> KeyedUnarchiver::pendingInstanceOf(std::op
   if (object.type != Type::Dictionary || uidOf(object))
     return std::nullopt;
   const auto classRef = view_.valueForKey(object, "$class");
-  if (!classRef || classOf(*classRef).builtin != builtin)
+  if (!classRef)
+    return std::nullopt;
+  if (const ClassInfo &info = classOf(*classRef); info.factory || info.kind != kind)
     return std::nullopt;
   uid = *referenced;
   return object;
@@ -472,7 +458,7 @@ std::optional<std::string> KeyedUnarchiver::decodeText(std::optional<Ref> ref) {
     return view_.string(entry);
   }
   uint64_t uid = 0;
-  if (const auto instance = pendingInstanceOf(ref, Builtin::String, uid)) {
+  if (const auto instance = pendingInstanceOf(ref, FoundationClass::String, uid)) {
     const auto inner = view_.valueForKey(*instance, "NS.string");
     if (inner && view_.type(*inner) == Type::String) {
       countWork();
@@ -506,7 +492,7 @@ std::vector<ObjectRef> KeyedUnarchiver::decodeItems(std::optional<Ref> ref) {
 
 std::shared_ptr<const TextAttributes> KeyedUnarchiver::decodeAttributes(std::optional<Ref> ref) {
   uint64_t uid = 0;
-  if (const auto instance = pendingInstanceOf(ref, Builtin::Dictionary, uid)) {
+  if (const auto instance = pendingInstanceOf(ref, FoundationClass::Dictionary, uid)) {
     const auto keysRef = view_.valueForKey(*instance, "NS.keys");
     const auto valuesRef = view_.valueForKey(*instance, "NS.objects");
     const BinaryPlistView::Entry keys = keysRef ? view_.describe(*keysRef) : BinaryPlistView::Entry{};
@@ -556,7 +542,7 @@ std::shared_ptr<const TextAttributes> KeyedUnarchiver::decodeAttributes(std::opt
 std::vector<std::shared_ptr<const TextAttributes>> KeyedUnarchiver::decodeAttributeList(std::optional<Ref> ref) {
   std::vector<std::shared_ptr<const TextAttributes>> list;
   uint64_t uid = 0;
-  if (const auto instance = pendingInstanceOf(ref, Builtin::Array, uid)) {
+  if (const auto instance = pendingInstanceOf(ref, FoundationClass::Array, uid)) {
     const auto itemsRef = view_.valueForKey(*instance, "NS.objects");
     const BinaryPlistView::Entry items = itemsRef ? view_.describe(*itemsRef) : BinaryPlistView::Entry{};
     if (items.type == Type::Array || items.type == Type::Set) {

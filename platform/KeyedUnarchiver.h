@@ -15,6 +15,7 @@
 #include "platform/AttributedString.h"
 #include "platform/BinaryPlistView.h"
 #include "platform/Coder.h"
+#include "platform/FoundationClasses.h"
 
 namespace parlova {
 
@@ -56,14 +57,10 @@ private:
   // What a class is decoded as: the first name along its chain (the class,
   // then its superclasses) that is one of the program's classes or a known
   // Foundation or AppKit class.
-  enum class Builtin {
-    None, Substitution, String, Array, Dictionary, Data, Date, URL, AttributedString, Font, Color, TextAttachment,
-    FileWrapper
-  };
   struct ClassInfo {
     std::vector<std::string> chain;
-    Builtin builtin = Builtin::None;
-    const ClassFactory *factory = nullptr; // for a substitution
+    FoundationClass kind = FoundationClass::None;
+    const ClassFactory *factory = nullptr; // one of the program's classes
   };
 
   ObjectRef decodeReference(uint64_t uid);
@@ -74,8 +71,8 @@ private:
   ObjectRef decodeKnownClass(const ClassInfo &info, const BinaryPlistView::Entry &objectDictionary);
   std::optional<uint64_t> uidOf(const BinaryPlistView::Entry &entry) const;
   // An archived object not decoded yet, when its class is decoded as
-  // `builtin`: its dictionary. Nothing for anything else.
-  std::optional<BinaryPlistView::Entry> pendingInstanceOf(std::optional<Ref> ref, Builtin builtin, uint64_t &uid);
+  // `kind`: its dictionary. Nothing for anything else.
+  std::optional<BinaryPlistView::Entry> pendingInstanceOf(std::optional<Ref> ref, FoundationClass kind, uint64_t &uid);
   // Keeps decoding depth and work within bounds; see decodeValue.
   void countWork();
 

@@ -1,7 +1,5 @@
 #include "platform/TypedStreamUnarchiver.h"
 
-#include <unordered_map>
-
 #include "platform/AttributedString.h"
 #include "platform/FileWrapper.h"
 #include "platform/FoundationValues.h"
@@ -451,20 +449,27 @@ std::optional<size_t> TypedStreamUnarchiver::readClass(int8_t head) {
   return first;
 }
 
-size_t TypedStreamUnarchiver::beginNewObject() {
+TypedStreamUnarchiver::TableEntry &TypedStreamUnarchiver::referencedEntry(int8_t head) {
+  const size_t index = reader_.readReferenceIndex(head);
+  if (index >= table_.size())
+    throw ArchiveDamaged("reference to an object not read yet");
+  return table_[index];
+}
+
+TypedStreamUnarchiver::NewObject TypedStreamUnarchiver::beginNewObject() {
   const size_t index = table_.size();
   table_.push_back({nullptr, TableEntry::Kind::ObjectInProgress});
-  return index;
+  const auto classIndex = readClass(reader_.readHead());
+  if (!classIndex)
+    throw ArchiveDamaged("an object without a class");
+  return {index, *classIndex};
 }
 
 ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
   if (head == kNil)
     return nullptr;
   if (head != kNew) {
-    const size_t index = reader_.readReferenceIndex(head);
-    if (index >= table_.size())
-      throw ArchiveDamaged("reference to an object not read yet");
-    TableEntry &entry = table_[index];
+    TableEntry &entry = referencedEntry(head);
     switch (entry.kind) {
     case TableEntry::Kind::Object:
       return entry.object;
@@ -480,12 +485,9 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
     }
   }
   Nesting nesting(depth_);
-  const size_t index = beginNewObject();
-  const auto classIndex = readClass(reader_.readHead());
-  if (!classIndex)
-    throw ArchiveDamaged("an object without a class");
-  ObjectRef object = decodeObjectBody(*classIndex, purpose);
-  table_[index] = {object, TableEntry::Kind::Object};
+  const NewObject started = beginNewObject();
+  ObjectRef object = decodeObjectBody(started.classIndex, purpose);
+  table_[started.index] = {object, TableEntry::Kind::Object};
   return object;
 }
 
@@ -493,10 +495,7 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
   if (head == kNil)
     return std::nullopt;
   if (head != kNew) {
-    const size_t index = reader_.readReferenceIndex(head);
-    if (index >= table_.size())
-      throw ArchiveDamaged("reference to an object not read yet");
-    const TableEntry &entry = table_[index];
+    const TableEntry &entry = referencedEntry(head);
     switch (entry.kind) {
     case TableEntry::Kind::StringText:
       return texts_[entry.index];
@@ -513,21 +512,19 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
     }
   }
   Nesting nesting(depth_);
-  const size_t index = beginNewObject();
-  const auto classIndex = readClass(reader_.readHead());
-  if (!classIndex)
-    throw ArchiveDamaged("an object without a class");
-  if (!generic_ && knownClass(*classIndex).builtin == KnownClass::Builtin::String) {
+  const NewObject started = beginNewObject();
+  if (const KnownClass &known = knownClass(started.classIndex);
+      !generic_ && !known.factory && known.kind == FoundationClass::String) {
     Cursor cursor(*this);
     const std::string_view text = cursor.nextString().value_or("");
     cursor.drain(nullptr);
-    table_[index] = {nullptr, TableEntry::Kind::StringText, static_cast<uint32_t>(texts_.size())};
+    table_[started.index] = {nullptr, TableEntry::Kind::StringText, static_cast<uint32_t>(texts_.size())};
     texts_.push_back(text);
     return text;
   }
-  ObjectRef object = decodeObjectBody(*classIndex, Purpose::AnyObject);
-  table_[index] = {object, TableEntry::Kind::Object};
-  if (const auto *string = dynamic_cast<const StringObject *>(table_[index].object.get()))
+  ObjectRef object = decodeObjectBody(started.classIndex, Purpose::AnyObject);
+  table_[started.index] = {object, TableEntry::Kind::Object};
+  if (const auto *string = dynamic_cast<const StringObject *>(table_[started.index].object.get()))
     return std::string_view(string->value());
   if (other)
     *other = std::move(object);
@@ -535,40 +532,20 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
 }
 
 const TypedStreamUnarchiver::KnownClass &TypedStreamUnarchiver::knownClass(size_t classIndex) {
-  using Builtin = KnownClass::Builtin;
-  static const std::unordered_map<std::string_view, Builtin> kBuiltins = {
-      {"NSString", Builtin::String},
-      {"NSMutableString", Builtin::String},
-      {"NSArray", Builtin::Array},
-      {"NSMutableArray", Builtin::Array},
-      {"NSSet", Builtin::Array},
-      {"NSMutableSet", Builtin::Array},
-      {"NSDictionary", Builtin::Dictionary},
-      {"NSMutableDictionary", Builtin::Dictionary},
-      {"NSNumber", Builtin::Number},
-      {"NSValue", Builtin::Number},
-      {"NSData", Builtin::Data},
-      {"NSMutableData", Builtin::Data},
-      {"NSDate", Builtin::Date},
-      {"NSCalendarDate", Builtin::Date},
-      {"NSURL", Builtin::URL},
-      {"NSAttributedString", Builtin::AttributedString},
-      {"NSMutableAttributedString", Builtin::AttributedString},
-      {"NSFont", Builtin::Font},
-      {"NSColor", Builtin::Color},
-      {"NSTextAttachment", Builtin::TextAttachment},
-      {"NSFileWrapper", Builtin::FileWrapper}};
   // Classes are shared by every object of them, so each is looked up once.
   ClassEntry &entry = classes_[classIndex];
   if (!entry.known) {
     entry.known.emplace();
     for (const ArchivedClass *c = entry.archivedClass.get(); c; c = c->superclass().get()) {
       if (const auto substitution = substitutions_.find(c->name()); substitution != substitutions_.end()) {
-        *entry.known = {Builtin::Substitution, &substitution->second};
+        entry.known->factory = &substitution->second;
         break;
       }
-      if (const auto builtin = kBuiltins.find(c->name()); builtin != kBuiltins.end()) {
-        *entry.known = {builtin->second, nullptr};
+      // Ordered sets came long after typed streams: one is read through
+      // like any class unknown here.
+      if (const FoundationClass kind = foundationClassNamed(c->name());
+          kind != FoundationClass::None && kind != FoundationClass::OrderedSet) {
+        entry.known->kind = kind;
         break;
       }
     }
@@ -586,15 +563,14 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
 
   // The class itself, or else the nearest superclass known here; what a
   // subclass stored beyond it is read through.
-  using Builtin = KnownClass::Builtin;
-  if (const KnownClass &known = knownClass(classIndex); known.builtin != Builtin::None) {
+  if (const KnownClass &known = knownClass(classIndex); known.factory || known.kind != FoundationClass::None) {
     ObjectRef object;
-    const Builtin kind = known.builtin;
-    if (kind == Builtin::Substitution) {
+    const FoundationClass kind = known.kind;
+    if (known.factory) {
       object = (*known.factory)(cursor);
-    } else if (kind == Builtin::String) {
+    } else if (kind == FoundationClass::String) {
       object = std::make_shared<StringObject>(std::string(cursor.nextString().value_or("")));
-    } else if (kind == Builtin::Array) {
+    } else if (kind == FoundationClass::Array) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("an array count larger than the stream");
@@ -602,7 +578,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
       for (int64_t i = 0; i < count; ++i)
         items.push_back(cursor.nextObject());
       object = std::make_shared<ArrayObject>(std::move(items));
-    } else if (kind == Builtin::Dictionary && purpose == Purpose::AnyObject) {
+    } else if (kind == FoundationClass::Dictionary && purpose == Purpose::AnyObject) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("a dictionary count larger than the stream");
@@ -613,7 +589,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
         entries.emplace_back(std::move(key), std::move(value));
       }
       object = std::make_shared<DictionaryObject>(std::move(entries));
-    } else if (kind == Builtin::Dictionary) {
+    } else if (kind == FoundationClass::Dictionary) {
       const int64_t count = cursor.nextInteger().value_or(0);
       if (count < 0 || static_cast<size_t>(count) > reader_.remaining())
         throw ArchiveDamaged("a dictionary count larger than the stream");
@@ -640,7 +616,7 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
         object = std::make_shared<TextAttributes>(std::move(named));
       else
         object = std::make_shared<DictionaryObject>(std::move(other));
-    } else if (kind == Builtin::Number) {
+    } else if (kind == FoundationClass::Number) {
       cursor.nextString(); // the value's own type encoding
       const auto value = cursor.next();
       if (value && value->kind == Value::Kind::Integer)
@@ -649,17 +625,17 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
         object = std::make_shared<NumberObject>(value->real);
       else
         object = std::make_shared<InertObject>(archivedClass(classIndex)->name());
-    } else if (kind == Builtin::Data) {
+    } else if (kind == FoundationClass::Data) {
       const auto bytes = cursor.nextDataObject().value_or(std::span<const uint8_t>{});
       object = std::make_shared<DataObject>(std::vector<uint8_t>(bytes.begin(), bytes.end()));
-    } else if (kind == Builtin::Date) {
+    } else if (kind == FoundationClass::Date) {
       object = std::make_shared<DateObject>(Date(cursor.nextReal().value_or(0)));
-    } else if (kind == Builtin::URL) {
+    } else if (kind == FoundationClass::URL) {
       std::shared_ptr<const URLObject> base;
       if (cursor.nextInteger().value_or(0) != 0)
         base = objectAs<URLObject>(cursor.nextObject());
       object = std::make_shared<URLObject>(std::string(cursor.nextStringObjectText().value_or("")), std::move(base));
-    } else if (kind == Builtin::AttributedString) {
+    } else if (kind == FoundationClass::AttributedString) {
       std::u16string text = utf8ToUtf16(cursor.nextStringObjectText().value_or(""));
       // Scratch lists borrowed from the unarchiver: a transcript holds tens
       // of thousands of these strings.
@@ -688,12 +664,12 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
       runs.clear();
       dictionaries.swap(spareDictionaries_);
       runs.swap(spareRuns_);
-    } else if (kind == Builtin::Font) {
+    } else if (kind == FoundationClass::Font) {
       const auto serializedName = cursor.nextDataObject();
       auto fontName = serializedName ? stringFromSerializedPropertyList(*serializedName) : std::nullopt;
       const double size = cursor.nextReal().value_or(0);
       object = std::make_shared<Font>(fontName.value_or(""), size);
-    } else if (kind == Builtin::Color) {
+    } else if (kind == FoundationClass::Color) {
       // The kind byte names the colour space and how many components follow.
       struct Kind {
         ColorSpace space;
@@ -721,13 +697,13 @@ ObjectRef TypedStreamUnarchiver::decodeObjectBody(size_t classIndex, Purpose pur
       } else {
         object = std::make_shared<Color>(ColorSpace::Unknown, std::vector<double>{});
       }
-    } else if (kind == Builtin::TextAttachment) {
+    } else if (kind == FoundationClass::TextAttachment) {
       std::shared_ptr<const FileWrapper> wrapper;
       while (const auto value = cursor.next())
         if (!wrapper && value->kind == Value::Kind::Object)
           wrapper = objectAs<FileWrapper>(value->object);
       object = std::make_shared<TextAttachment>(std::move(wrapper));
-    } else if (kind == Builtin::FileWrapper) {
+    } else if (kind == FoundationClass::FileWrapper) {
       // Whatever else it stores, the wrapper's file is its serialized form.
       while (const auto value = cursor.next()) {
         const auto bytes = bytesOf(*value);

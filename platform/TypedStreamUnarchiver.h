@@ -13,6 +13,7 @@
 
 #include "platform/AttributedString.h"
 #include "platform/Coder.h"
+#include "platform/FoundationClasses.h"
 #include "platform/GenericObject.h"
 #include "platform/TypedStreamReader.h"
 
@@ -65,19 +66,22 @@ private:
   // for an object that is no string (which goes to `other` when given).
   // The view lasts as long as the unarchiver.
   std::optional<std::string_view> readStringObjectText(int8_t head, ObjectRef *other = nullptr);
-  // A new object's class and table entry; the entry's index.
-  size_t beginNewObject();
+  struct TableEntry;
+  // The table entry a reference names.
+  TableEntry &referencedEntry(int8_t head);
+  // A new object's table entry, still under way, and its class.
+  struct NewObject {
+    size_t index;
+    size_t classIndex;
+  };
+  NewObject beginNewObject();
   ObjectRef decodeObjectBody(size_t classIndex, Purpose purpose);
   // What the class itself or its nearest superclass known here is decoded
   // as: one of the program's classes, a Foundation or AppKit class, or
   // nothing (read through and kept inert).
   struct KnownClass {
-    enum class Builtin {
-      None, Substitution, String, Array, Dictionary, Number, Data, Date, URL, AttributedString, Font, Color,
-      TextAttachment, FileWrapper
-    };
-    Builtin builtin = Builtin::None;
-    const ClassFactory *factory = nullptr; // for a substitution
+    FoundationClass kind = FoundationClass::None;
+    const ClassFactory *factory = nullptr; // one of the program's classes
   };
   const KnownClass &knownClass(size_t classIndex);
 

@@ -264,12 +264,15 @@ public:
     plist_dict_set_item(node, "$class", plist_new_uid(classUid));
     return node;
   }
+  static plist_t uidList(const std::vector<uint64_t> &uids) {
+    plist_t list = plist_new_array();
+    for (const uint64_t uid : uids)
+      plist_array_append_item(list, plist_new_uid(uid));
+    return list;
+  }
   uint64_t array(const std::vector<uint64_t> &items) {
     plist_t node = object(arrayClass());
-    plist_t list = plist_new_array();
-    for (const uint64_t uid : items)
-      plist_array_append_item(list, plist_new_uid(uid));
-    plist_dict_set_item(node, "NS.objects", list);
+    plist_dict_set_item(node, "NS.objects", uidList(items));
     return add(node);
   }
   std::optional<ObjectRef> decodeRoot(uint64_t rootUid) {
@@ -314,20 +317,14 @@ TEST(KeyedDecoding, UnknownClassesAreInertAndSubclassesFallBackAlongTheirChain) 
 TEST(KeyedDecoding, ObjectsReadForTheirContentsServeEveryReference) {
   for (const bool dictionaryFirst : {false, true}) {
     RawArchive archive;
-    const auto uidList = [](const std::vector<uint64_t> &uids) {
-      plist_t list = plist_new_array();
-      for (const uint64_t uid : uids)
-        plist_array_append_item(list, plist_new_uid(uid));
-      return list;
-    };
     const uint64_t linkName = archive.add(plist_new_string("NSLink"));
     const uint64_t address = archive.add(plist_new_string("http://x/"));
     plist_t text = archive.object(archive.addClass({"NSMutableString", "NSString", "NSObject"}));
     plist_dict_set_item(text, "NS.string", plist_new_uid(archive.add(plist_new_string("hi"))));
     const uint64_t textUid = archive.add(text);
     plist_t dictionary = archive.object(archive.addClass({"NSDictionary", "NSObject"}));
-    plist_dict_set_item(dictionary, "NS.keys", uidList({linkName}));
-    plist_dict_set_item(dictionary, "NS.objects", uidList({address}));
+    plist_dict_set_item(dictionary, "NS.keys", RawArchive::uidList({linkName}));
+    plist_dict_set_item(dictionary, "NS.objects", RawArchive::uidList({address}));
     const uint64_t dictionaryUid = archive.add(dictionary);
     plist_t styled = archive.object(archive.addClass({"NSAttributedString", "NSObject"}));
     plist_dict_set_item(styled, "NSString", plist_new_uid(textUid));
@@ -361,23 +358,17 @@ TEST(KeyedDecoding, ObjectsReadForTheirContentsServeEveryReference) {
 // refers back to the list is cut like any cycle.
 TEST(KeyedDecoding, OddAttributeListsDecodeAsTheirObjectsWould) {
   RawArchive archive;
-  const auto uidList = [](const std::vector<uint64_t> &uids) {
-    plist_t list = plist_new_array();
-    for (const uint64_t uid : uids)
-      plist_array_append_item(list, plist_new_uid(uid));
-    return list;
-  };
   const uint64_t dictionaryClass = archive.addClass({"NSDictionary", "NSObject"});
   const uint64_t linkName = archive.add(plist_new_string("NSLink"));
   const uint64_t address = archive.add(plist_new_string("http://x/"));
   const uint64_t number = archive.add(plist_new_uint(7));
   const uint64_t listUid = number + 3; // after the dictionary below and the array's class
   plist_t odd = archive.object(dictionaryClass);
-  plist_dict_set_item(odd, "NS.keys", uidList({linkName, number}));
-  plist_dict_set_item(odd, "NS.objects", uidList({address, listUid}));
+  plist_dict_set_item(odd, "NS.keys", RawArchive::uidList({linkName, number}));
+  plist_dict_set_item(odd, "NS.objects", RawArchive::uidList({address, listUid}));
   const uint64_t oddUid = archive.add(odd);
   plist_t list = archive.object(archive.addClass({"NSArray", "NSObject"}));
-  plist_dict_set_item(list, "NS.objects", uidList({oddUid, oddUid}));
+  plist_dict_set_item(list, "NS.objects", RawArchive::uidList({oddUid, oddUid}));
   ASSERT_EQ(archive.add(list), listUid);
   plist_t styled = archive.object(archive.addClass({"NSAttributedString", "NSObject"}));
   plist_dict_set_item(styled, "NSString", plist_new_uid(archive.add(plist_new_string("ab"))));
