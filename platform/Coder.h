@@ -40,4 +40,26 @@ public:
   using std::runtime_error::runtime_error;
 };
 
+// Deep enough for any real transcript (message, text, attributes, font...),
+// shallow enough that hostile nesting cannot exhaust the stack.
+inline constexpr int kMaxNestingDepth = 200;
+
+// Counts one level of a decoder's nesting while it lives; deeper than
+// kMaxNestingDepth is damage.
+class NestingGuard {
+public:
+  explicit NestingGuard(int &depth) : depth_(++depth) {
+    if (depth_ > kMaxNestingDepth) {
+      --depth_; // no destructor runs for a constructor that throws
+      throw ArchiveDamaged("values nested too deeply");
+    }
+  }
+  ~NestingGuard() { --depth_; }
+  NestingGuard(const NestingGuard &) = delete;
+  NestingGuard &operator=(const NestingGuard &) = delete;
+
+private:
+  int &depth_;
+};
+
 } // namespace parlova

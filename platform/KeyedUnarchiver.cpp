@@ -17,23 +17,6 @@ namespace {
 using Ref = BinaryPlistView::Ref;
 using Type = BinaryPlistView::Type;
 
-// Deep enough for any real transcript (message, text, attributes, font...),
-// shallow enough that hostile nesting cannot exhaust the stack.
-constexpr int kMaxDepth = 200;
-
-struct Nesting {
-  int &depth;
-  explicit Nesting(int &d) : depth(++d) {
-    if (depth > kMaxDepth) {
-      --depth;
-      throw ArchiveDamaged("objects nested too deeply");
-    }
-  }
-  ~Nesting() { --depth; }
-  Nesting(const Nesting &) = delete;
-  Nesting &operator=(const Nesting &) = delete;
-};
-
 class KeyedObjectCoder final : public Coder {
 public:
   KeyedObjectCoder(KeyedUnarchiver &archive, const BinaryPlistView::Entry &object)
@@ -93,9 +76,8 @@ public:
     return {};
   }
 
-  // The text under `key` when it decodes to a string; empty otherwise.
-  std::string decodeTextForKey(std::string_view key) { return archive_.decodeText(item(key)).value_or(""); }
-  std::optional<std::string> decodeOptionalTextForKey(std::string_view key) { return archive_.decodeText(item(key)); }
+  // The text under `key` when it decodes to a string.
+  std::optional<std::string> decodeTextForKey(std::string_view key) { return archive_.decodeText(item(key)); }
   std::vector<ObjectRef> decodeItemsForKey(std::string_view key) { return archive_.decodeItems(item(key)); }
   std::shared_ptr<const TextAttributes> decodeAttributesForKey(std::string_view key) {
     return archive_.decodeAttributes(item(key));
@@ -114,7 +96,7 @@ private:
 
 ObjectRef decodeAttributedString(KeyedObjectCoder &coder) {
   std::u16string text;
-  if (const auto plain = coder.decodeOptionalTextForKey("NSString"))
+  if (const auto plain = coder.decodeTextForKey("NSString"))
     text = utf8ToUtf16(*plain);
   else if (const auto attributed = objectAs<AttributedString>(coder.decodeObjectForKey("NSString")))
     text = attributed->string();
@@ -238,7 +220,7 @@ std::optional<uint64_t> KeyedUnarchiver::uidOf(const BinaryPlistView::Entry &ent
 ObjectRef KeyedUnarchiver::decodeValue(std::optional<Ref> ref) {
   if (!ref)
     return nullptr;
-  const Nesting nesting(depth_);
+  const NestingGuard nesting(depth_);
   countWork();
 
   const BinaryPlistView::Entry entry = view_.describe(*ref);
@@ -410,12 +392,12 @@ ObjectRef KeyedUnarchiver::decodeKnownClass(const ClassInfo &info, const BinaryP
   case FoundationClass::Date:
     return std::make_shared<DateObject>(Date(coder.decodeDoubleForKey("NS.time")));
   case FoundationClass::URL:
-    return std::make_shared<URLObject>(coder.decodeTextForKey("NS.relative"),
+    return std::make_shared<URLObject>(coder.decodeTextForKey("NS.relative").value_or(""),
                                        objectAs<URLObject>(coder.decodeObjectForKey("NS.base")));
   case FoundationClass::AttributedString:
     return decodeAttributedString(coder);
   case FoundationClass::Font:
-    return std::make_shared<Font>(coder.decodeTextForKey("NSName"), coder.decodeDoubleForKey("NSSize"),
+    return std::make_shared<Font>(coder.decodeTextForKey("NSName").value_or(""), coder.decodeDoubleForKey("NSSize"),
                                   coder.decodeInt32ForKey("NSfFlags"));
   case FoundationClass::Color:
     return decodeColor(coder);
@@ -475,7 +457,7 @@ std::vector<ObjectRef> KeyedUnarchiver::decodeItems(std::optional<Ref> ref) {
   if (ref) {
     // A plain array's items, without the array object around them.
     if (const BinaryPlistView::Entry entry = view_.describe(*ref); entry.type == Type::Array || entry.type == Type::Set) {
-      const Nesting nesting(depth_);
+      const NestingGuard nesting(depth_);
       countWork();
       std::vector<ObjectRef> items;
       items.reserve(entry.length);
@@ -503,7 +485,7 @@ std::shared_ptr<const TextAttributes> KeyedUnarchiver::decodeAttributes(std::opt
     // A dictionary stored the usual way becomes the attribute set directly,
     // in the order a dictionary object would have been decoded.
     if (plainList(keysRef, keys) && plainList(valuesRef, values)) {
-      const Nesting nesting(depth_);
+      const NestingGuard nesting(depth_);
       countWork();
       state_[uid] = State::InProgress;
       std::vector<std::optional<std::string>> names;
@@ -546,7 +528,7 @@ std::vector<std::shared_ptr<const TextAttributes>> KeyedUnarchiver::decodeAttrib
     const auto itemsRef = view_.valueForKey(*instance, "NS.objects");
     const BinaryPlistView::Entry items = itemsRef ? view_.describe(*itemsRef) : BinaryPlistView::Entry{};
     if (items.type == Type::Array || items.type == Type::Set) {
-      const Nesting nesting(depth_);
+      const NestingGuard nesting(depth_);
       countWork();
       // The array is under way while its items are read, as when it is
       // decoded itself: an item that refers back to it finds nothing.

@@ -13,17 +13,6 @@ using Value = TypedStreamUnarchiver::Value;
 
 namespace {
 
-constexpr int kMaxDepth = 200;
-
-struct Nesting {
-  int &depth;
-  explicit Nesting(int &d) : depth(++d) {
-    if (depth > kMaxDepth)
-      throw ArchiveDamaged("values nested too deeply");
-  }
-  ~Nesting() { --depth; }
-};
-
 // A value as an object, for generic objects and containers.
 ObjectRef asObject(const Value &value) {
   switch (value.kind) {
@@ -117,7 +106,7 @@ public:
     if (!encoding)
       return nullptr;
     if (*encoding == "@") {
-      Nesting nesting(archive_.depth_);
+      const NestingGuard nesting(archive_.depth_);
       return archive_.readObject(reader_.readHead(), purpose);
     }
     Value value = archive_.readValue(*encoding);
@@ -130,7 +119,7 @@ public:
     if (!encoding)
       return std::nullopt;
     if (*encoding == "@") {
-      Nesting nesting(archive_.depth_);
+      const NestingGuard nesting(archive_.depth_);
       return archive_.readStringObjectText(reader_.readHead(), other);
     }
     Value value = archive_.readValue(*encoding);
@@ -300,7 +289,7 @@ void TypedStreamUnarchiver::readValues(const std::vector<std::string> &encodings
 }
 
 Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
-  Nesting nesting(depth_);
+  const NestingGuard nesting(depth_);
   Value value;
   const char type = encoding.front();
   switch (type) {
@@ -430,7 +419,7 @@ std::optional<size_t> TypedStreamUnarchiver::readClass(int8_t head) {
       throw ArchiveDamaged("a class without a name");
     const int64_t version = reader_.readInteger(reader_.readHead(), true);
     chain.push_back({*name, version});
-    if (chain.size() > kMaxDepth)
+    if (chain.size() > kMaxNestingDepth)
       throw ArchiveDamaged("class chain too long");
     head = reader_.readHead();
   }
@@ -484,7 +473,7 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
       throw ArchiveDamaged("an object reference to something else");
     }
   }
-  Nesting nesting(depth_);
+  const NestingGuard nesting(depth_);
   const NewObject started = beginNewObject();
   ObjectRef object = decodeObjectBody(started.classIndex, purpose);
   table_[started.index] = {object, TableEntry::Kind::Object};
@@ -511,7 +500,7 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
       throw ArchiveDamaged("an object reference to something else");
     }
   }
-  Nesting nesting(depth_);
+  const NestingGuard nesting(depth_);
   const NewObject started = beginNewObject();
   if (const KnownClass &known = knownClass(started.classIndex);
       !generic_ && !known.factory && known.kind == FoundationClass::String) {
