@@ -10,10 +10,10 @@
 #include <unistd.h>
 
 #include "bench/JudgedFigures.h"
+#include "foundation/PropertyListValue.h"
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
-#include "platform/PropertyListValue.h"
 #include "tests/fixtures/ImageWriter.h"
 #include "tests/fixtures/TranscriptWriter.h"
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "driver/ProcessFlags.h"
-#include "driver/Settings.h"
+#include "context/ProcessFlags.h"
+#include "context/Settings.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
 #include "mail/SmtpSession.h"

@@ -2,10 +2,10 @@
 
 #include <filesystem>
 
+#include "context/OpenChatScript.h"
+#include "context/ProcessFlags.h"
+#include "context/Settings.h"
 #include "driver/ExtractChatLog.h"
-#include "driver/OpenChatScript.h"
-#include "driver/ProcessFlags.h"
-#include "driver/Settings.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"

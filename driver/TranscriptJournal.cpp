@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "foundation/PropertyListValue.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/FileManager.h"
-#include "platform/PropertyListValue.h"
 
 namespace parlova {
 

@@ -1,6 +1,6 @@
 #include "generator/DateComparators.h"
 
-#include "platform/CalendarFormat.h"
+#include "foundation/CalendarFormat.h"
 
 namespace parlova {
 

@@ -4,7 +4,7 @@
 #include <compare>
 #include <string_view>
 
-#include "platform/PropertyListValue.h"
+#include "foundation/PropertyListValue.h"
 
 namespace parlova {
 

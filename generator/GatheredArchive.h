@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/PropertyListValue.h"
+#include "foundation/PropertyListValue.h"
 
 namespace parlova {
 

@@ -2,8 +2,8 @@
 
 #include <array>
 
+#include "foundation/Unicode.h"
 #include "platform/Home.h"
-#include "platform/Unicode.h"
 
 namespace parlova {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/PropertyListValue.h"
+#include "foundation/PropertyListValue.h"
 
 namespace parlova {
 

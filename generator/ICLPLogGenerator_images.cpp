@@ -5,12 +5,12 @@
 #include <cmath>
 #include <map>
 
+#include "foundation/CalendarFormat.h"
 #include "generator/DateComparators.h"
 #include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
-#include "platform/CalendarFormat.h"
 #include "platform/FileManager.h"
 #include "platform/ImageSize.h"
 #include "platform/SafeFileName.h"
@@ -93,7 +93,7 @@ void gatherImages(const ICLPChatLog &log, PlistValue::Array *archive, const fs::
         lastHeight = size ? wholePoints(size->height) : 0;
       }
       const std::string name = storedFileName(*attachment, item.speaker, item.time);
-      attachment->writeAtomically(imageFolder / name);
+      writeFileWrapperAtomically(*attachment, imageFolder / name);
       if (list)
         list->push_back(imageEntry(item.time, name, lastWidth, lastHeight));
     }

@@ -1,12 +1,12 @@
 // The link archive (gatheredURLs.plist) and the link pages built from it.
 #include <map>
 
+#include "foundation/CalendarFormat.h"
 #include "generator/DateComparators.h"
 #include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
-#include "platform/CalendarFormat.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/SafeFileName.h"

@@ -3,9 +3,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include "foundation/CalendarFormat.h"
 #include "generator/PageText.h"
 #include "model/ContentRecords.h"
-#include "platform/CalendarFormat.h"
 
 namespace parlova {
 

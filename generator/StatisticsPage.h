@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/Date.h"
+#include "foundation/Date.h"
 
 namespace parlova {
 

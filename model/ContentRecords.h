@@ -8,8 +8,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "platform/Date.h"
-#include "platform/FileWrapper.h"
+#include "foundation/Date.h"
+#include "foundation/FileWrapper.h"
 
 namespace parlova {
 

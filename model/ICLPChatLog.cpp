@@ -1,10 +1,10 @@
 #include "model/ICLPChatLog.h"
 
+#include "archiving/KeyedUnarchiver.h"
+#include "archiving/TypedStreamUnarchiver.h"
+#include "foundation/FoundationValues.h"
 #include "model/ICLPPerson.h"
 #include "platform/FileManager.h"
-#include "platform/FoundationValues.h"
-#include "platform/KeyedUnarchiver.h"
-#include "platform/TypedStreamUnarchiver.h"
 
 namespace parlova {
 namespace {

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "foundation/FoundationValues.h"
+#include "mail/SmtpSession.h"
 #include "model/ICLPInstantMessage.h"
 #include "model/ICLPPresentity.h"
-#include "mail/SmtpSession.h"
-#include "platform/FoundationValues.h"
 
 namespace parlova {
 

@@ -2,11 +2,11 @@
 #include <cstring>
 #include <ctime>
 
-#include "driver/ProcessFlags.h"
-#include "driver/Settings.h"
+#include "context/ProcessFlags.h"
+#include "context/Settings.h"
+#include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
 #include "platform/Log.h"
-#include "platform/Unicode.h"
 
 namespace parlova {
 

@@ -1,7 +1,7 @@
 // Error reporting and the end-of-chat judgement of a chat log.
-#include "driver/OpenChatScript.h"
-#include "driver/ProcessFlags.h"
-#include "driver/Settings.h"
+#include "context/OpenChatScript.h"
+#include "context/ProcessFlags.h"
+#include "context/Settings.h"
 #include "model/ICLPChatLog.h"
 #include "platform/AppleScript.h"
 #include "platform/Beep.h"

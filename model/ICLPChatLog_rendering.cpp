@@ -2,10 +2,10 @@
 #include <cmath>
 #include <cstdio>
 
+#include "foundation/TextAttributes.h"
+#include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
 #include "model/InsertStringAndTrackIndices.h"
-#include "platform/TextAttributes.h"
-#include "platform/Unicode.h"
 
 #ifndef PARLOVA_WEB_ADDRESS
 #define PARLOVA_WEB_ADDRESS "http://www.hollowmere.com/parlova/"

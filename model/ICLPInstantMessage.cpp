@@ -1,7 +1,7 @@
 #include "model/ICLPInstantMessage.h"
 
-#include "platform/FoundationValues.h"
-#include "platform/Unicode.h"
+#include "foundation/FoundationValues.h"
+#include "foundation/Unicode.h"
 
 namespace parlova {
 namespace {

@@ -6,11 +6,11 @@
 #include <optional>
 #include <string>
 
+#include "archiving/Coder.h"
+#include "foundation/AttributedString.h"
+#include "foundation/Date.h"
 #include "model/ContentRecords.h"
 #include "model/ICLPPresentity.h"
-#include "platform/AttributedString.h"
-#include "platform/Coder.h"
-#include "platform/Date.h"
 
 namespace parlova {
 

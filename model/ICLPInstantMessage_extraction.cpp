@@ -1,7 +1,7 @@
+#include "foundation/FoundationValues.h"
+#include "foundation/TextAttributes.h"
+#include "foundation/Unicode.h"
 #include "model/ICLPInstantMessage.h"
-#include "platform/FoundationValues.h"
-#include "platform/TextAttributes.h"
-#include "platform/Unicode.h"
 
 namespace parlova {
 

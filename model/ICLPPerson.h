@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "platform/Coder.h"
+#include "archiving/Coder.h"
 
 namespace parlova {
 

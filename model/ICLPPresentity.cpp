@@ -2,10 +2,10 @@
 
 #include <cstdlib>
 
+#include "foundation/FoundationValues.h"
+#include "foundation/TextAttributes.h"
+#include "foundation/Unicode.h"
 #include "platform/AddressBook.h"
-#include "platform/FoundationValues.h"
-#include "platform/TextAttributes.h"
-#include "platform/Unicode.h"
 
 namespace parlova {
 

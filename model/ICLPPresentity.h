@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
-#include "platform/AttributedString.h"
+#include "foundation/AttributedString.h"
 
-#include "platform/Coder.h"
+#include "archiving/Coder.h"
 
 namespace parlova {
 

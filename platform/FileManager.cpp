@@ -1,6 +1,7 @@
 #include "platform/FileManager.h"
 
 #include "platform/FileDescriptor.h"
+#include "platform/SafeFileName.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -158,6 +159,46 @@ bool moveItem(const fs::path &from, const fs::path &to) {
   }
   fs::remove_all(from, error);
   return !error;
+}
+
+namespace {
+
+bool writeFolderContents(const FileWrapper &folder, const std::filesystem::path &path, int depth) {
+  std::error_code error;
+  if (!std::filesystem::create_directory(path, error) || depth > 64)
+    return false;
+  bool complete = true;
+  for (const auto &child : folder.fileWrappers()) {
+    if (!child)
+      continue;
+    const auto target = path / safeFileStem(child->preferredFilename().value_or(""), "");
+    complete &= child->isDirectory() ? writeFolderContents(*child, target, depth + 1)
+                                     : writeFileAtomically(target, child->regularFileContents());
+  }
+  return complete;
+}
+
+} // namespace
+
+bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path) {
+  namespace fs = std::filesystem;
+  if (wrapper.isRegularFile())
+    return writeFileAtomically(path, wrapper.regularFileContents());
+  const fs::path temporary = temporaryPathBeside(path);
+  std::error_code error;
+  if (!writeFolderContents(wrapper, temporary, 0)) {
+    fs::remove_all(temporary, error);
+    return false;
+  }
+  // A folder cannot be renamed over a non-empty one: the old one goes first.
+  if (fs::exists(fs::symlink_status(path, error)))
+    fs::remove_all(path, error);
+  fs::rename(temporary, path, error);
+  if (error) {
+    fs::remove_all(temporary, error);
+    return false;
+  }
+  return true;
 }
 
 } // namespace parlova

@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/Date.h"
+#include "foundation/Date.h"
+#include "foundation/FileWrapper.h"
 
 namespace parlova {
 
@@ -52,6 +53,11 @@ void removeLeftoverTemporaries(const std::filesystem::path &folder);
 // Writes beside the target and renames over it, so that readers see the old
 // file or the new one, never a part. On failure errno tells why.
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes);
+
+// Writes a carried file, or the folder with everything in it, to `path`
+// through a temporary beside it, replacing what is there. The contents'
+// names are made safe, so nothing lands outside the new folder.
+bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path);
 
 // Moves a file or folder; fails rather than replace anything at `to`.
 bool moveItem(const std::filesystem::path &from, const std::filesystem::path &to);

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/PropertyList.h"
+#include "foundation/PropertyList.h"
 
 namespace parlova {
 

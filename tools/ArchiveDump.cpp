@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <map>
 
-#include "platform/FoundationValues.h"
-#include "platform/GenericObject.h"
-#include "platform/KeyedUnarchiver.h"
-#include "platform/TypedStreamUnarchiver.h"
+#include "archiving/KeyedUnarchiver.h"
+#include "archiving/TypedStreamUnarchiver.h"
+#include "foundation/FoundationValues.h"
+#include "foundation/GenericObject.h"
 
 namespace parlova {
 namespace {

@@ -20,7 +20,7 @@ find "$chats" -name '*chat' -type f -print0 | sort -z | xargs -0 "$build/parlova
 # A loopback SMTP sink that keeps every message it receives as a .eml file.
 mail="$HOME/received-mail"
 mkdir -p "$mail"
-/usr/bin/python3 "$(dirname "$0")/../tests/smtp_server.py" --mode accept --port-file "$HOME/.smtp-port" --dir "$mail" \
+/usr/bin/python3 "$(dirname "$0")/../tests/support/smtp_server.py" --mode accept --port-file "$HOME/.smtp-port" --dir "$mail" \
   2>/dev/null &
 sink=$!
 trap 'kill $sink 2>/dev/null' EXIT

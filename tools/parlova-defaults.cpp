@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/FoundationValues.h"
+#include "foundation/FoundationValues.h"
+#include "foundation/PropertyList.h"
 #include "platform/Preferences.h"
-#include "platform/PropertyList.h"
 
 using namespace parlova;
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "foundation/TextAttributes.h"
+#include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
-#include "platform/TextAttributes.h"
-#include "platform/Unicode.h"
 #include "tools/ArchiveDump.h"
 
 using namespace parlova;

@@ -2,8 +2,8 @@
 // driven by our own mutation runner.
 #include "tests/fuzz/TranscriptFuzzTarget.h"
 
+#include "foundation/TextAttributes.h"
 #include "model/ICLPChatLog.h"
-#include "platform/TextAttributes.h"
 
 using namespace parlova;
 

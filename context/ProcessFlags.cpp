@@ -1,0 +1,10 @@
+#include "context/ProcessFlags.h"
+
+namespace parlova {
+
+bool verbose = false;
+bool shouldQuit = false;
+bool iChatRunning = false;
+bool isLikelyComplete = false;
+
+} // namespace parlova

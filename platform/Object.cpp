@@ -1,7 +1,0 @@
-#include "platform/Object.h"
-
-namespace parlova {
-
-std::string Object::description() const { return "<" + className() + ">"; }
-
-} // namespace parlova

@@ -1,0 +1,191 @@
+// The whole pipeline through the tool, run after run, with email, links,
+// pictures and statistics on and the shipped templates and word lists in
+// place: every output checked.
+#include <gtest/gtest.h>
+
+#include "foundation/PropertyListValue.h"
+#include "platform/FileManager.h"
+#include "tests/fixtures/ImageWriter.h"
+#include "tests/support/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixtures;
+
+const Account kMe{"AIM", "parlovauser"};
+
+MessageSpec withLink(const Account &who, double time, const std::string &address) {
+  RunSpec link = text(address);
+  link.link = LinkSpec{address, false, std::nullopt};
+  return MessageSpec{who, time, {text("look: "), link}};
+}
+
+MessageSpec withPicture(const Account &who, double time, const std::string &name, std::vector<uint8_t> bytes) {
+  RunSpec picture = text("\uFFFC");
+  picture.attachment = AttachmentSpec{.fileName = name, .bytes = std::move(bytes)};
+  return MessageSpec{who, time, {picture}};
+}
+
+class Pipeline : public ::testing::Test {
+protected:
+  void SetUp() override {
+    const fs::path folder = home_.path() / "Library" / "Parlova";
+    fs::create_directories(folder / "Images");
+    for (const auto &shipped : fs::directory_iterator(fs::path(PARLOVA_SOURCE_DIR) / "resources"))
+      fs::copy_file(shipped.path(), (shipped.path().filename() == "pdf.png" ? folder / "Images" : folder) /
+                                        shipped.path().filename());
+  }
+  fs::path folder() const { return home_.path() / "Library" / "Parlova"; }
+  PlistValue plist(const std::string &name) const {
+    const auto bytes = readFileContents(folder() / name);
+    return bytes ? PlistValue::parse(*bytes).value_or(PlistValue()) : PlistValue();
+  }
+  // Runs the tool until no transcript is left, at most `limit` times.
+  int runUntilDone(int limit) const {
+    int runs = 0;
+    while (runs < limit && !filesBelow(home_.chats()).empty()) {
+      const ToolResult result = home_.run("parlova", {}, {{"TZ", "UTC"}});
+      EXPECT_EQ(result.exitCode, 0) << result.err;
+      ++runs;
+    }
+    return runs;
+  }
+
+  ScratchHome home_;
+};
+
+TEST_F(Pipeline, TranscriptsOfBothFormatsAreMailedGatheredCountedAndMoved) {
+  SmtpServer server(home_.path() / "smtp", "accept");
+  home_.setSetting("sendEmails", "-bool", "YES");
+  home_.setSetting("emailServer", "-string", "127.0.0.1");
+  home_.setSetting("emailPort", "-int", server.port());
+  home_.setSetting("emailAddress", "-string", "me@example.org");
+  home_.setSetting("emailOutgoing", "-string", "parlova@example.org");
+  home_.setSetting("handleURLs", "-bool", "YES");
+  home_.setSetting("handleImages", "-bool", "YES");
+
+  const Account alice{"AIM", "alice1979"};
+  TranscriptSpec keyed;
+  keyed.others = {alice};
+  keyed.messages = {says(alice, 157629600, "damn it, lol"),                        // 2005-12-30
+                    withLink(kMe, 157629660, "http://example.com/recipe"),
+                    withPicture(alice, 157629720, "cake.png", pictureBytes(ImageFormat::PNG, 64, 48))};
+  home_.addTranscript("Alice on 2005-12-30 at 10.00.ichat", keyed);
+
+  const Account dave{"AIM", "davethewave"};
+  TranscriptSpec typed;
+  typed.others = {dave};
+  typed.messages = {says(dave, 100000000, "brb"),                                  // 2004-03-03
+                    withPicture(kMe, 100000060, "beach.jpg", pictureBytes(ImageFormat::JPEG, 40, 90)),
+                    withLink(dave, 100000120, "http://example.org/album")};
+  writeFile(home_.chats() / "Dave on 2004-03-03 at 09.46.chat", typedStreamTranscript(typed));
+
+  TranscriptSpec plain;
+  plain.others = {alice};
+  plain.messages = {says(alice, 160488000, "no links, no pictures")};               // 2006-02-01
+  home_.addTranscript("old" "/Alice on 2006-02-01 at 12.00.ichat", plain);
+
+  EXPECT_EQ(runUntilDone(6), 3) << "one transcript per run";
+  EXPECT_EQ(filesBelow(home_.archive()).size(), 3u);
+
+  const auto mails = server.messages();
+  ASSERT_EQ(mails.size(), 3u);
+  for (const std::string &mail : mails)
+    EXPECT_NE(mail.find("Content-Type: multipart/alternative"), std::string::npos) << mail;
+
+  // Links: both speakers, each on their own page and on the all-links page.
+  const std::string links = readText(folder() / "Links.html");
+  EXPECT_NE(links.find("http://example.com/recipe\" target=\"_blank\""), std::string::npos);
+  EXPECT_NE(links.find("http://example.org/album\" target=\"_blank\""), std::string::npos);
+  EXPECT_NE(links.find("<h3>December 2005</h3>"), std::string::npos);
+  EXPECT_NE(links.find("<h3>March 2004</h3>"), std::string::npos);
+  EXPECT_LT(links.find("December 2005"), links.find("March 2004")) << "newest month first";
+  EXPECT_TRUE(fs::exists(folder() / "parlovauser.html"));
+  EXPECT_TRUE(fs::exists(folder() / "davethewave.html"));
+  EXPECT_EQ(plist("gatheredURLs.plist").get<PlistValue::Array>()->size(), 2u);
+
+  // Pictures: stored, recorded with their sizes, shown, and the newest two
+  // copied as top images.
+  const PlistValue images = plist("gatheredImages.plist");
+  ASSERT_EQ(images.get<PlistValue::Array>()->size(), 2u);
+  const fs::path cake = folder() / "Images" / "cake-alice1979-2005-12-30 10:02:00 +0000.png";
+  const fs::path beach = folder() / "Images" / "beach-parlovauser-2004-03-03 09:47:40 +0000.jpg";
+  EXPECT_EQ(readFileContents(cake), pictureBytes(ImageFormat::PNG, 64, 48));
+  EXPECT_TRUE(fs::exists(beach));
+  const std::string gallery = readText(folder() / "Images.html");
+  EXPECT_NE(gallery.find("cake%2Dalice1979%2D2005%2D12%2D30%2010%3A02%3A00%20%2B0000%2Epng\" width=\"90\""),
+            std::string::npos);
+  EXPECT_NE(gallery.find("beach%2Dparlovauser%2D2004%2D03%2D03%2009%3A47%3A40%20%2B0000%2Ejpg\" height=\"90\""),
+            std::string::npos);
+  EXPECT_EQ(readFileContents(folder() / "Images" / "topimages" / "01.jpg"), readFileContents(beach));
+  EXPECT_EQ(readFileContents(folder() / "Images" / "topimages" / "02.png"), readFileContents(cake));
+
+  // Statistics with the shipped word lists. The files name "Alice" and
+  // "Dave", not the account names, so every word counts as the user's:
+  // "lol" and "brb" are net speak and "damn" is a curse.
+  const PlistValue totals = plist("chatgeist.plist");
+  EXPECT_EQ(totals.integerForKey("chatcount"), 3);
+  EXPECT_EQ(totals.integerForKey("linkcount"), 2);
+  EXPECT_EQ(totals.integerForKey("imagecount"), 2);
+  EXPECT_EQ(totals.integerForKey("othertextcount"), 0);
+  EXPECT_EQ(totals.integerForKey("usertextcount"), 14);
+  EXPECT_EQ(totals.integerForKey("cursecount"), 1);
+  EXPECT_EQ(totals.integerForKey("netspeakcount"), 2);
+  EXPECT_EQ(totals.dateForKey("endDate"), Date(160488000)) << "the last processed transcript";
+  const std::string stats = readText(folder() / "stats.html");
+  EXPECT_EQ(stats.find("____"), std::string::npos) << "every placeholder filled";
+  EXPECT_NE(stats.find("February 1, 2006"), std::string::npos);
+  for (const char *page : {"Links.html", "Images.html", "parlovauser-images.html", "alice1979-images.html"})
+    EXPECT_EQ(readText(folder() / page).find("____"), std::string::npos) << page;
+}
+
+TEST_F(Pipeline, WithLinksAndPicturesOffOnlyStatisticsAreKept) {
+  const Account alice{"AIM", "alice1979"};
+  TranscriptSpec spec;
+  spec.others = {alice};
+  spec.messages = {withLink(alice, 157629600, "http://example.com/"),
+                   withPicture(alice, 157629660, "a.png", pictureBytes(ImageFormat::PNG, 2, 2))};
+  home_.addTranscript("Alice on 2005-12-30 at 10.00.ichat", spec);
+  EXPECT_EQ(runUntilDone(2), 1);
+
+  EXPECT_FALSE(fs::exists(folder() / "gatheredURLs.plist"));
+  EXPECT_FALSE(fs::exists(folder() / "Links.html"));
+  EXPECT_FALSE(fs::exists(folder() / "gatheredImages.plist"));
+  EXPECT_EQ(filesBelow(folder() / "Images"), std::vector<std::string>{"pdf.png"});
+  const PlistValue totals = plist("chatgeist.plist");
+  EXPECT_EQ(totals.integerForKey("linkcount"), 1) << "counted even when not gathered";
+  EXPECT_EQ(totals.integerForKey("imagecount"), 1);
+  EXPECT_TRUE(fs::exists(folder() / "stats.html"));
+  EXPECT_EQ(filesBelow(home_.archive()).size(), 1u);
+}
+
+} // namespace
+} // namespace parlova::testing
+
+namespace parlova::testing {
+namespace {
+
+TEST(Install, PutsTheShippedFilesInPlaceAndKeepsTheUsersOwn) {
+  ScratchHome home;
+  const fs::path folder = home.path() / "Library" / "Parlova";
+  fs::create_directories(folder);
+  writeText(folder / "linktemplate.html", "my own template");
+  const std::string command = "HOME='" + home.path().string() + "' XDG_CONFIG_HOME= '" PARLOVA_SOURCE_DIR
+                              "/tools/install-user-files' /opt/parlova/bin > /dev/null";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+
+  EXPECT_EQ(readText(folder / "linktemplate.html"), "my own template");
+  EXPECT_EQ(readText(folder / "statstemplate.html"),
+            readText(fs::path(PARLOVA_SOURCE_DIR) / "resources" / "statstemplate.html"));
+  for (const char *name : {"imagetemplate.html", "curses.plist", "netspeak.plist", "Images/pdf.png"})
+    EXPECT_TRUE(fs::is_regular_file(folder / name)) << name;
+  const fs::path units = home.path() / ".config" / "systemd" / "user";
+  EXPECT_NE(readText(units / "parlova.service").find("ExecStart=/opt/parlova/bin/parlova\n"), std::string::npos);
+  EXPECT_NE(readText(units / "parlova.timer").find("WantedBy=timers.target"), std::string::npos);
+  EXPECT_TRUE(fs::is_directory(home.path() / "Documents" / "iChats (Parlovaed)"));
+}
+
+} // namespace
+} // namespace parlova::testing

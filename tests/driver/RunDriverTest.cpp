@@ -1,0 +1,310 @@
+// The tool end to end: the walk, the judgement of open chats, the move into
+// the archive folder and the settings it reads and writes.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <regex>
+#include <spawn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "driver/TranscriptJournal.h"
+#include "platform/FileManager.h"
+#include "tests/support/ToolTestSupport.h"
+
+extern char **environ;
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+using Strings = std::vector<std::string>;
+
+TEST(RunDriver, EmptyOrMissingTranscriptFolderEndsQuietly) {
+  ScratchHome home;
+  auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "");
+
+  fs::create_directories(home.chats());
+  result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_FALSE(fs::exists(home.archive()));
+}
+
+TEST(RunDriver, ProcessesOneFinishedTranscriptPerRunAndSkipsWhatIsNotOne) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+  home.addTranscript("Bob on 2005-03-02 at 11.00.ichat", simpleChat("bob"));
+  writeText(home.chats() / "notes.txt", "not a chat");
+  writeText(home.chats() / "Broken on 2005-01-01.ichat", "bplist00 but not really");
+  writeText(home.chats() / "Empty on 2005-01-01.ichat", "");
+  fs::create_directories(home.chats() / "Folder on 2005.ichat");
+  home.addTranscript("NoDate.ichat", simpleChat("nodate"));
+
+  auto first = home.run("parlova");
+  EXPECT_EQ(first.exitCode, 0);
+  EXPECT_EQ(filesBelow(home.archive()).size(), 1u) << first.err;
+  EXPECT_EQ(countOccurrences(first.err, "extracting "), 1u);
+  EXPECT_EQ(countOccurrences(first.err, "preparing email send "), 1u);
+  EXPECT_EQ(countOccurrences(first.err, "preparing to move "), 1u);
+  EXPECT_EQ(first.err.find("Error parsing"), std::string::npos) << "entries that do not load are skipped silently";
+
+  auto second = home.run("parlova");
+  EXPECT_EQ(second.exitCode, 0);
+  EXPECT_EQ(filesBelow(home.archive()),
+            (Strings{"Alice on 2005-03-01 at 10.15.ichat", "Bob on 2005-03-02 at 11.00.ichat"}));
+
+  // Nothing left to do: everything that is not a transcript stays put.
+  auto third = home.run("parlova");
+  EXPECT_EQ(third.exitCode, 0);
+  EXPECT_EQ(countOccurrences(third.err, "extracting "), 0u);
+  EXPECT_EQ(filesBelow(home.chats()), (Strings{"Broken on 2005-01-01.ichat", "Empty on 2005-01-01.ichat",
+                                               "NoDate.ichat", "notes.txt"}));
+  EXPECT_TRUE(fs::is_directory(home.chats() / "Folder on 2005.ichat"));
+}
+
+TEST(RunDriver, LogLinesHaveTheSystemLogShapeAndExactTexts) {
+  ScratchHome home;
+  const auto transcript = home.addTranscript("sub/Alice on 2005-03-01.ichat", simpleChat());
+  const auto result = home.run("parlova");
+  const fs::path target = home.archive() / "Alice on 2005-03-01.ichat";
+  const std::string expectedMove = "preparing to move " + transcript.string() + " to " + target.string();
+  EXPECT_NE(result.err.find("] extracting " + transcript.string() + "\n"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("] " + expectedMove + "\n"), std::string::npos) << result.err;
+  // "<date> <time> parlova[<pid>] <text>"
+  const std::string firstLine = result.err.substr(0, result.err.find('\n'));
+  EXPECT_TRUE(std::regex_match(firstLine, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d(\.\d+)? parlova\[\d+\] .*)")))
+      << firstLine;
+  EXPECT_TRUE(fs::exists(target));
+}
+
+TEST(RunDriver, ArchiveNamesPileUpTheirSuffixes) {
+  ScratchHome home;
+  const std::string name = "Bob on 2006-01-01";
+  for (const std::string &existing : {name + ".ichat", name + " #2.ichat", name + " #2 #3.ichat"})
+    writeText(home.archive() / existing, "earlier");
+  home.addTranscript(name + ".ichat", simpleChat("bob"));
+  home.run("parlova");
+  EXPECT_EQ(filesBelow(home.archive()), (Strings{name + " #2 #3 #4.ichat", name + " #2 #3.ichat",
+                                                 name + " #2.ichat", name + ".ichat"}));
+  EXPECT_EQ(readText(home.archive() / (name + ".ichat")), "earlier") << "an earlier archive is never replaced";
+}
+
+TEST(RunDriver, FailedMoveLeavesTheTranscriptAndEndsNormally) {
+  ScratchHome home;
+  writeText(home.archive(), "a file where the archive folder should be");
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] FAILED\n"), std::string::npos) << result.err;
+  EXPECT_TRUE(fs::exists(transcript));
+}
+
+TEST(RunDriver, ARunThatFindsAnotherUnderWayEndsAtOnce) {
+  ScratchHome home;
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
+  fs::create_directories(lockFile.parent_path());
+  const int fd = open(lockFile.c_str(), O_RDWR | O_CREAT, 0644);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] Another run of parlova is under way; this one ends.\n"), std::string::npos)
+      << result.err;
+  EXPECT_EQ(countOccurrences(result.err, "\n"), 1u);
+  EXPECT_TRUE(fs::exists(transcript));
+
+  close(fd); // as when the other run ends, however it ends
+  result = home.run("parlova");
+  EXPECT_FALSE(fs::exists(transcript)) << result.err;
+}
+
+TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
+  ScratchHome home;
+  home.setSetting("handleURLs", "-bool", "YES");
+  const fs::path folder = home.path() / "Library" / "Parlova";
+  const auto alice = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat("alice"));
+  home.run("parlova");
+  const std::string links = readText(folder / "gatheredURLs.plist");
+  const std::string totals = readText(folder / "chatgeist.plist");
+
+  // Stopped while archiving Bob: the journal had kept the archives, then
+  // the stages changed them.
+  const auto bob = home.addTranscript("Bob on 2005-03-02.ichat", simpleChat("bob"));
+  ASSERT_TRUE(TranscriptJournal(folder).begin(bob));
+  // As the stages write: a new file renamed over the old one.
+  const auto replace = [](const fs::path &path, std::string_view text) {
+    ASSERT_TRUE(writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size())));
+  };
+  replace(folder / "gatheredURLs.plist", "half-way");
+  replace(folder / "chatgeist.plist", "half-way");
+  replace(folder / "gatheredImages.plist", "made half-way");
+  writeText(folder / ".parlova-tmp-1234", "a write cut short");
+  home.setSetting("handleURLs", "-bool", "NO"); // so that only the undoing shows in the link archive
+  auto result = home.run("parlova");
+  EXPECT_NE(result.err.find("] A run ended while archiving " + bob.string() +
+                            "; the archives are back as they were before it.\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_FALSE(fs::exists(folder / ".journal"));
+  EXPECT_FALSE(fs::exists(folder / ".parlova-tmp-1234"));
+  EXPECT_FALSE(fs::exists(folder / "gatheredImages.plist"));
+  EXPECT_EQ(readText(folder / "gatheredURLs.plist"), links);
+  EXPECT_FALSE(fs::exists(bob)) << "then processed afresh";
+  EXPECT_NE(readText(folder / "chatgeist.plist").find("<key>chatcount</key>\n\t<integer>2</integer>"),
+            std::string::npos);
+
+  // Stopped between the last stage and the move: only the move is left.
+  const auto carol = home.addTranscript("Carol on 2005-03-03.ichat", simpleChat("carol"));
+  const std::string after = readText(folder / "chatgeist.plist");
+  const fs::path target = home.archive() / "Carol on 2005-03-03.ichat";
+  TranscriptJournal journal(folder);
+  ASSERT_TRUE(journal.begin(carol));
+  ASSERT_TRUE(journal.markArchived(target));
+  result = home.run("parlova");
+  EXPECT_NE(result.err.find("] A run ended before moving " + carol.string() + "; moving it now.\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_TRUE(fs::exists(target));
+  EXPECT_FALSE(fs::exists(carol));
+  EXPECT_EQ(readText(folder / "chatgeist.plist"), after) << "counted once";
+  EXPECT_FALSE(fs::exists(folder / ".journal"));
+
+  // A transcript changed since it was archived is not moved: a later run
+  // sees it afresh.
+  const auto dave = home.addTranscript("Dave on 2005-03-04.ichat", simpleChat("dave"));
+  TranscriptJournal changed(folder);
+  ASSERT_TRUE(changed.begin(dave));
+  ASSERT_TRUE(changed.markArchived(home.archive() / "Dave on 2005-03-04.ichat"));
+  home.addTranscript("Dave on 2005-03-04.ichat", simpleChat("dave and more"));
+  result = home.run("parlova");
+  EXPECT_EQ(result.err.find("A run ended before moving"), std::string::npos) << result.err;
+  EXPECT_FALSE(fs::exists(folder / ".journal"));
+}
+
+TEST(RunDriver, CreatesTheArchiveFolderWhenMissing) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  home.run("parlova");
+  EXPECT_TRUE(fs::exists(home.archive() / "Alice on 2005-03-01.ichat"));
+}
+
+TEST(RunDriver, StandingErrorStatusStopsBeforeAnythingMoves) {
+  ScratchHome home;
+  home.setSetting("errorStatus", "-int", "2");
+  home.setSetting("emailFails", "-int", "3");
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const auto result = home.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] an error has occurred while emailing?\n"), std::string::npos) << result.err;
+  EXPECT_TRUE(fs::exists(transcript));
+  EXPECT_EQ(home.readSetting("emailFails"), "3");
+}
+
+TEST(RunDriver, ProcessedTranscriptResetsEmailFails) {
+  ScratchHome home;
+  home.setSetting("emailFails", "-int", "2");
+  home.setSetting("sendEmails", "-bool", "NO");
+  home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  home.run("parlova");
+  EXPECT_EQ(home.readSetting("emailFails"), "0");
+  EXPECT_EQ(home.readSetting("sendEmails"), "0") << "other settings survive the write";
+}
+
+TEST(RunDriver, OnlyDebugModeTwoLogsEachEntry) {
+  for (const std::string &mode : {std::string("1"), std::string("2"), std::string("3")}) {
+    ScratchHome home;
+    home.setSetting("debugMode", "-int", mode);
+    home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+    const auto result = home.run("parlova");
+    EXPECT_EQ(countOccurrences(result.err, "] Processing Alice on 2005-03-01.ichat\n"), mode == "2" ? 1u : 0u)
+        << "debugMode " << mode;
+  }
+}
+
+// A process whose command name is exactly "iChat", for as long as it lives.
+class FakeIChat {
+public:
+  explicit FakeIChat(const fs::path &folder) {
+    const fs::path program = folder / "iChat";
+    fs::copy_file("/bin/sleep", program);
+    char *argv[] = {const_cast<char *>(program.c_str()), const_cast<char *>("60"), nullptr};
+    if (posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, environ) != 0)
+      pid_ = -1;
+  }
+  ~FakeIChat() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  FakeIChat(const FakeIChat &) = delete;
+  FakeIChat &operator=(const FakeIChat &) = delete;
+
+private:
+  pid_t pid_ = -1;
+};
+
+// An osascript stand-in that keeps every script it is given and answers
+// with a fixed text.
+fs::path fakeOsascript(const ScratchHome &home, const std::string &answer) {
+  const fs::path script = home.path() / "bin" / "fake-osascript";
+  writeText(script, "#!/bin/sh\nn=$(ls \"$HOME/scripts\" 2>/dev/null | wc -l)\nmkdir -p \"$HOME/scripts\"\n"
+                    "cat > \"$HOME/scripts/$n.applescript\"\nprintf '%s\\n' '" +
+                        answer + "'\n");
+  fs::permissions(script, fs::perms::owner_all);
+  return script;
+}
+
+std::string openChatScriptFor(const std::string &name) {
+  return "tell application \"iChat\"\n copy documents to foo\n\trepeat with i from 1 to number of items in foo\n"
+         " if name of item i of foo is \"Chatting with " + name + " et al.\" or name of item i of foo is \"Instant "
+         "Messages with " + name + "\" or name of item i of foo is \"Chatting with " + name +
+         "\" or name of item i of foo is \"Chat with " + name + "\" then \n return yes\nend if\nend repeat\n"
+         "return no\nend tell";
+}
+
+TEST(RunDriver, WithIChatRunningAsksAboutTheBuddyFromTheEntryNameAndThenTheOtherParty) {
+  ScratchHome home;
+  FakeIChat iChat(home.path());
+  home.addTranscript("old/Dinner \"on\" on Friday on 2006-01-01.ichat", simpleChat());
+  const auto result = home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, "no").string()}});
+  EXPECT_EQ(result.exitCode, 0);
+  const auto scripts = filesBelow(home.path() / "scripts");
+  ASSERT_EQ(scripts.size(), 2u) << result.err;
+  // The walk asks by the entry (folder part kept), the pipeline by the
+  // transcript's other party; both escape the quotes.
+  EXPECT_EQ(readText(home.path() / "scripts" / "0.applescript"), openChatScriptFor("old/Dinner \\\"on\\\" on Friday"));
+  EXPECT_EQ(readText(home.path() / "scripts" / "1.applescript"), openChatScriptFor("Dinner \\\"on\\\" on Friday"));
+  EXPECT_EQ(filesBelow(home.archive()).size(), 1u);
+}
+
+TEST(RunDriver, AnOpenChatStaysAndTheWalkGoesOn) {
+  for (const std::string answer : {"yes", ""}) {
+    ScratchHome home;
+    FakeIChat iChat(home.path());
+    home.setSetting("debugMode", "-int", "2");
+    home.addTranscript("Alice on 2006-01-01.ichat", simpleChat());
+    home.addTranscript("Bob on 2006-01-02.ichat", simpleChat("bob"));
+    const auto result = home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, answer).string()}});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_FALSE(fs::exists(home.archive())) << "answer '" << answer << "': " << result.err;
+    EXPECT_EQ(countOccurrences(result.err, "incomplete log that will be finished later- don't send"), 2u) << result.err;
+  }
+}
+
+TEST(RunDriver, WithoutIChatNoScriptRuns) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2006-01-01.ichat", simpleChat());
+  home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", fakeOsascript(home, "yes").string()}});
+  EXPECT_FALSE(fs::exists(home.path() / "scripts"));
+  EXPECT_EQ(filesBelow(home.archive()).size(), 1u);
+}
+
+} // namespace
+} // namespace parlova::testing

@@ -1,0 +1,38 @@
+// Conversions between the archives' UTF-8 and the styled text's UTF-16:
+// every position a character that is not ASCII can take, and bad bytes.
+#include <gtest/gtest.h>
+
+#include "foundation/Unicode.h"
+
+namespace parlova::testing {
+namespace {
+
+TEST(Unicode, CharactersBeyondAsciiConvertWhereverTheyStand) {
+  // Two, three and four UTF-8 bytes; one and two UTF-16 units.
+  const std::vector<std::pair<std::string, std::u16string>> characters = {
+      {"\xC3\xA9", u"\u00E9"}, {"\xE2\x82\xAC", u"\u20AC"}, {"\xF0\x9F\x98\x80", u"\U0001F600"}};
+  for (const auto &[utf8, utf16] : characters) {
+    for (size_t length = 1; length <= 20; ++length) {
+      for (size_t at = 0; at < length; ++at) {
+        const std::string text = std::string(at, 'a') + utf8 + std::string(length - at - 1, 'b');
+        const std::u16string expected = std::u16string(at, u'a') + utf16 + std::u16string(length - at - 1, u'b');
+        EXPECT_EQ(utf8ToUtf16(text), expected) << length << " " << at;
+        EXPECT_EQ(utf16ToUtf8(expected), text) << length << " " << at;
+      }
+    }
+  }
+  EXPECT_EQ(utf8ToUtf16(""), u"");
+  EXPECT_EQ(utf8ToUtf16("plain ascii, seventeen"), u"plain ascii, seventeen");
+}
+
+TEST(Unicode, BadBytesBecomeReplacementCharacters) {
+  for (size_t at = 0; at < 12; ++at) {
+    const std::string text = std::string(at, 'x') + "\xFF" + "yz";
+    EXPECT_EQ(utf8ToUtf16(text), std::u16string(at, u'x') + u"\uFFFDyz") << at;
+  }
+  EXPECT_EQ(utf8ToUtf16("a\xC3"), u"a\uFFFD") << "cut short at the end";
+  EXPECT_EQ(utf8ToUtf16("\xED\xA0\x80!"), u"\uFFFD!") << "a surrogate written as UTF-8";
+}
+
+} // namespace
+} // namespace parlova::testing

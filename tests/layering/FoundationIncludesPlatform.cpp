@@ -1,0 +1,3 @@
+// Must not compile: the Foundation layer sees nothing of the operating
+// system's services.
+#include "platform/Log.h"

@@ -1,0 +1,279 @@
+// The transcript email through a real SMTP server on loopback: what the
+// server receives, and what each way of failing logs, reports and leaves.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <unistd.h>
+
+#include "foundation/Unicode.h"
+#include "tests/support/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Email : public ::testing::Test {
+protected:
+  void configure(const std::string &port) {
+    home_.setSetting("sendEmails", "-bool", "YES");
+    home_.setSetting("emailServer", "-string", "127.0.0.1");
+    home_.setSetting("emailPort", "-int", port);
+    home_.setSetting("emailAddress", "-string", "me@example.org");
+    home_.setSetting("emailOutgoing", "-string", "parlova@example.org");
+  }
+  fs::path addChat() {
+    auto spec = simpleChat("alice");
+    fixtures::RunSpec styled = fixtures::text("caf\xC3\xA9");
+    styled.color = fixtures::ColorSpec{fixtures::ColorSpec::Space::CalibratedRGB, {1, 0, 0}};
+    spec.messages[0].runs.push_back(styled);
+    return home_.addTranscript("Alice on 2006-01-01.ichat", spec);
+  }
+  bool archived() const { return fs::exists(home_.archive() / "Alice on 2006-01-01.ichat"); }
+
+  ScratchHome home_;
+};
+
+TEST_F(Email, TheServerReceivesBothRenderingsInOrder) {
+  SmtpServer server(home_.path() / "smtp", "accept");
+  configure(server.port());
+  addChat();
+  const auto result = home_.run("parlova");
+  EXPECT_EQ(result.exitCode, 0);
+  ASSERT_EQ(server.messages().size(), 1u) << result.err;
+  const std::string mail = server.messages().front();
+  EXPECT_NE(mail.find("Subject: [IM] Alice\n"), std::string::npos) << mail;
+  EXPECT_NE(mail.find("From: parlova@example.org\n"), std::string::npos);
+  EXPECT_NE(mail.find("To: me@example.org\n"), std::string::npos);
+  EXPECT_NE(mail.find("Content-Type: multipart/alternative; charset=\"utf-8\""), std::string::npos);
+  const auto plain = mail.find("Content-Type: text/plain\n\nSent by Parlova ( http://www.hollowmere.com/parlova/ )alice: hi therecaf\xC3\xA9\n");
+  const auto html = mail.find("Content-Type: text/html; charset=\"utf-8\"\n\n<html><head><title>Parlova log</title>");
+  ASSERT_NE(plain, std::string::npos) << mail;
+  ASSERT_NE(html, std::string::npos) << mail;
+  EXPECT_LT(plain, html);
+  EXPECT_NE(mail.find("<font color=\"#ff0000\">caf\xC3\xA9</font>"), std::string::npos);
+  EXPECT_TRUE(archived());
+}
+
+TEST_F(Email, LoginIsUsedWhenAskedAndARejectedOneIsReported) {
+  for (const auto &[password, delivered] : std::vector<std::pair<std::string, bool>>{{"secret", true}, {"wrong", false}}) {
+    SmtpServer server(home_.path() / ("smtp-" + password), "auth");
+    configure(server.port());
+    home_.setSetting("emailNeedsUsername", "-int", "257"); // only the low eight bits count
+    home_.setSetting("emailUsername", "-string", "parlova");
+    home_.setSetting("emailPassword", "-string", password);
+    addChat();
+    const auto result = home_.run("parlova");
+    EXPECT_EQ(server.messages().size(), delivered ? 1u : 0u) << result.err;
+    if (!delivered) {
+      EXPECT_NE(result.err.find("] The SMTP server rejected the username/password.\n"), std::string::npos) << result.err;
+      EXPECT_EQ(home_.readSetting("reportThis"), "login rejected");
+    }
+    // A rejected login is reported, not retried: the transcript is archived.
+    EXPECT_TRUE(archived());
+    fs::remove_all(home_.archive());
+  }
+}
+
+TEST_F(Email, ARefusedMessageIsReportedAsTheReplyReadIn16BitUnits) {
+  SmtpServer server(home_.path() / "smtp", "refuse");
+  configure(server.port());
+  addChat();
+  const auto result = home_.run("parlova");
+  EXPECT_NE(result.err.find("] An error occurred while sending email:\n"), std::string::npos) << result.err;
+  // "554 5.7.1 Me..." read two bytes to a character.
+  const std::string reply = "554 5.7.1 Message refused";
+  std::u16string units;
+  for (size_t i = 0; i + 1 < 24; i += 2)
+    units += static_cast<char16_t>(static_cast<uint8_t>(reply[i]) | static_cast<uint8_t>(reply[i + 1]) << 8);
+  EXPECT_EQ(home_.readSetting("reportThis").rfind(utf16ToUtf8(units), 0), 0u) << home_.readSetting("reportThis");
+  EXPECT_EQ(home_.readSetting("errorStatus"), "(absent)");
+  EXPECT_TRUE(archived());
+  EXPECT_EQ(home_.readSetting("emailFails"), "0");
+}
+
+TEST_F(Email, AThirdFailureStandsAndStopsTheRun) {
+  SmtpServer server(home_.path() / "smtp", "refuse");
+  configure(server.port());
+  home_.setSetting("emailFails", "-int", "3");
+  addChat();
+  const auto result = home_.run("parlova", {}, {{"PARLOVA_OSASCRIPT", "/bin/false"}});
+  EXPECT_EQ(home_.readSetting("errorStatus"), "2");
+  EXPECT_NE(result.err.find("] an error has occurred while emailing?\n"), std::string::npos) << result.err;
+  EXPECT_FALSE(archived());
+}
+
+TEST_F(Email, AnUnreachableOrUnsetServerLeavesTheTranscript) {
+  for (const std::string server : {"127.0.0.1", ""}) {
+    configure("1"); // nothing listens on port 1
+    if (server.empty())
+      home_.run("parlova-defaults", {"delete", "com.hollowmere.parlova", "emailServer"});
+    addChat();
+    const auto result = home_.run("parlova");
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_NE(result.err.find("] Unable to connect to mail server.\n"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("] *****FINISH***** An error occurred while sending email. This log has been skipped.\n"),
+              std::string::npos);
+    EXPECT_EQ(home_.readSetting("reportThis"), "SMTP unreachable");
+    EXPECT_FALSE(archived());
+  }
+}
+
+TEST_F(Email, ASilentServerTimesOut) {
+  SmtpServer server(home_.path() / "smtp", "silent");
+  configure(server.port());
+  addChat();
+  const auto result = home_.run("parlova", {}, {{"PARLOVA_SMTP_TIMEOUT_SECONDS", "2"}});
+  EXPECT_NE(result.err.find("] The attempt to send email timed out.\n"), std::string::npos) << result.err;
+  EXPECT_EQ(home_.readSetting("reportThis"), "server not responding");
+  EXPECT_TRUE(archived());
+}
+
+TEST_F(Email, UniqueSubjectsCountUp) {
+  SmtpServer server(home_.path() / "smtp", "accept");
+  configure(server.port());
+  home_.setSetting("forceUniqueSubjects", "-bool", "YES");
+  for (int run = 0; run < 2; ++run) {
+    addChat();
+    home_.run("parlova");
+    fs::remove_all(home_.archive());
+  }
+  ASSERT_EQ(server.messages().size(), 2u);
+  for (const auto &mail : server.messages())
+    EXPECT_NE(mail.find("Subject: [IM] Alice ("), std::string::npos) << mail;
+  EXPECT_EQ(home_.readSetting("subjectNumber"), "2");
+}
+
+// Secured mail against real TLS servers on loopback, with certificates made
+// for the test.
+class SecuredEmail : public Email {
+protected:
+  static void SetUpTestSuite() {
+    certificates_ = fs::temp_directory_path() / ("parlova-certificates-" + std::to_string(getpid()));
+    const std::string script = (fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "make_certificates.sh").string();
+    ASSERT_EQ(std::system(("bash '" + script + "' '" + certificates_.string() + "'").c_str()), 0);
+  }
+  static void TearDownTestSuite() { fs::remove_all(certificates_); }
+  static std::vector<std::string> serving(const std::string &certificate) {
+    return {"--cert", (certificates_ / (certificate + ".pem")).string(), "--key",
+            (certificates_ / (certificate + ".key")).string()};
+  }
+  void logIn() {
+    home_.setSetting("emailNeedsUsername", "-int", "1");
+    home_.setSetting("emailUsername", "-string", "parlova");
+    home_.setSetting("emailPassword", "-string", "secret");
+  }
+  void secure(const std::string &port, const std::string &security) {
+    configure(port);
+    logIn();
+    home_.setSetting("emailServer", "-string", "localhost");
+    home_.setSetting("emailSecurity", "-string", security);
+    home_.setSetting("emailCAFile", "-string", (certificates_ / "ca.pem").string());
+  }
+  // A message without what differs from one sending to the next: the date,
+  // the message id and the MIME boundary.
+  static std::string withoutDateAndId(std::string mail) {
+    const std::string marker = "boundary=\"";
+    if (const size_t at = mail.find(marker); at != std::string::npos) {
+      const std::string boundary = mail.substr(at + marker.size(), mail.find('"', at + marker.size()) - at - marker.size());
+      for (size_t found = mail.find(boundary); found != std::string::npos; found = mail.find(boundary, found))
+        mail.replace(found, boundary.size(), "BOUNDARY");
+    }
+    std::string kept;
+    size_t start = 0;
+    while (start < mail.size()) {
+      const size_t end = mail.find('\n', start);
+      const std::string line = mail.substr(start, end == std::string::npos ? std::string::npos : end - start + 1);
+      if (!line.starts_with("Date: ") && !line.starts_with("Message-ID: ") && !line.starts_with("X-Peer: ") &&
+          !line.starts_with("X-MailFrom: ") && !line.starts_with("X-RcptTo: "))
+        kept += line;
+      start = end == std::string::npos ? mail.size() : end + 1;
+    }
+    return kept;
+  }
+
+  inline static fs::path certificates_;
+};
+
+TEST_F(SecuredEmail, StartTlsAndImplicitTlsDeliverTheSameMessageAsPlain) {
+  std::string plainMail;
+  {
+    SmtpServer server(home_.path() / "plain", "auth");
+    configure(server.port());
+    logIn();
+    addChat();
+    home_.run("parlova");
+    ASSERT_EQ(server.messages().size(), 1u);
+    plainMail = withoutDateAndId(server.messages().front());
+    fs::remove_all(home_.archive());
+  }
+  for (const std::string security : {"starttls", "tls"}) {
+    SmtpServer server(home_.path() / security, security, serving("localhost"));
+    secure(server.port(), security);
+    addChat();
+    const auto result = home_.run("parlova");
+    ASSERT_EQ(server.messages().size(), 1u) << security << "\n" << result.err;
+    EXPECT_EQ(withoutDateAndId(server.messages().front()), plainMail) << security;
+    EXPECT_TRUE(archived());
+    EXPECT_EQ(home_.readSetting("reportThis"), "(absent)") << security;
+    fs::remove_all(home_.archive());
+  }
+}
+
+TEST_F(SecuredEmail, AServerWithoutStartTlsNeverSeesTheLogin) {
+  SmtpServer server(home_.path() / "smtp", "no-starttls");
+  secure(server.port(), "starttls");
+  addChat();
+  const auto result = home_.run("parlova");
+  EXPECT_NE(result.err.find("] Could not secure the connection to the mail server: server does not offer STARTTLS\n"),
+            std::string::npos)
+      << result.err;
+  EXPECT_EQ(home_.readSetting("reportThis"), "server does not offer STARTTLS");
+  EXPECT_EQ(home_.readSetting("emailFails"), "0") << "counted, then reset once the transcript was archived";
+  const std::string received = server.received();
+  EXPECT_NE(received.find("EHLO"), std::string::npos) << received;
+  EXPECT_EQ(received.find("AUTH"), std::string::npos) << received;
+  EXPECT_EQ(received.find("cGFybG92YQ"), std::string::npos) << "the user name in base64";
+  EXPECT_EQ(received.find("c2VjcmV0"), std::string::npos) << "the password in base64";
+  EXPECT_EQ(received.find("secret"), std::string::npos);
+  EXPECT_EQ(received.find("MAIL FROM"), std::string::npos);
+  EXPECT_TRUE(archived()) << "handled as a refused message";
+}
+
+TEST_F(SecuredEmail, CertificatesForAnotherHostOrFromAStrangerAreRefused) {
+  for (const auto &[certificate, security] :
+       std::vector<std::pair<std::string, std::string>>{{"wrong-host", "tls"}, {"stranger", "starttls"}}) {
+    SmtpServer server(home_.path() / certificate, security, serving(certificate));
+    secure(server.port(), security);
+    addChat();
+    auto result = home_.run("parlova");
+    EXPECT_TRUE(server.messages().empty()) << certificate;
+    EXPECT_NE(result.err.find("] Could not secure the connection to the mail server: TLS handshake failed: the "
+                              "server's certificate was refused ("),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(home_.readSetting("reportThis").rfind("TLS handshake failed: ", 0), 0u) << certificate;
+    fs::remove_all(home_.archive());
+
+    // Verification off: the user's explicit choice for a server they know.
+    home_.setSetting("emailAllowUnverifiedCertificate", "-bool", "YES");
+    addChat();
+    result = home_.run("parlova");
+    EXPECT_EQ(server.messages().size(), 1u) << certificate << "\n" << result.err;
+    home_.setSetting("emailAllowUnverifiedCertificate", "-bool", "NO");
+    fs::remove_all(home_.archive());
+  }
+}
+
+TEST_F(SecuredEmail, AnUnknownSecuritySettingSendsNothing) {
+  SmtpServer server(home_.path() / "smtp", "no-starttls");
+  secure(server.port(), "ssl3");
+  addChat();
+  const auto result = home_.run("parlova");
+  EXPECT_NE(result.err.find("emailSecurity \"ssl3\" is none of none, starttls and tls"), std::string::npos)
+      << result.err;
+  EXPECT_EQ(server.received(), "");
+}
+
+} // namespace
+} // namespace parlova::testing

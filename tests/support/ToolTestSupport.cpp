@@ -1,0 +1,212 @@
+#include "tests/support/ToolTestSupport.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <csignal>
+#include <thread>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace parlova::testing {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string shellQuoted(const std::string &text) {
+  std::string out = "'";
+  for (const char c : text) {
+    if (c == '\'')
+      out += "'\\''";
+    else
+      out += c;
+  }
+  return out + "'";
+}
+
+} // namespace
+
+ScratchHome::ScratchHome() {
+  std::string pattern = (fs::temp_directory_path() / "parlova-home-XXXXXX").string();
+  if (!mkdtemp(pattern.data()))
+    throw std::runtime_error("cannot make a scratch home");
+  path_ = pattern;
+}
+
+ScratchHome::~ScratchHome() {
+  std::error_code error;
+  // A test may have taken permissions away; give them back before removal.
+  for (auto it = fs::recursive_directory_iterator(path_, error); !error && it != fs::recursive_directory_iterator();
+       it.increment(error))
+    fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, error);
+  fs::remove_all(path_, error);
+}
+
+fs::path ScratchHome::addTranscript(const std::string &relativePath, const fixtures::TranscriptSpec &spec) const {
+  const fs::path target = chats() / relativePath;
+  fixtures::writeFile(target, fixtures::keyedTranscript(spec));
+  return target;
+}
+
+ToolResult ScratchHome::run(const std::string &tool, const std::vector<std::string> &arguments,
+                            const std::map<std::string, std::string> &environment) const {
+  std::map<std::string, std::string> env = {
+      {"HOME", path_.string()},
+      {"PATH", std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin"},
+      {"PARLOVA_PAUSE_SECONDS", "0"},
+      {"TZ", "UTC"},
+  };
+  for (const auto &[key, value] : environment)
+    env[key] = value;
+  std::string command = "env -i";
+  for (const auto &[key, value] : env)
+    command += " " + shellQuoted(key + "=" + value);
+  command += " " + shellQuoted((fs::path(PARLOVA_BINARY_DIR) / tool).string());
+  for (const auto &argument : arguments)
+    command += " " + shellQuoted(argument);
+  const fs::path out = path_ / ".tool-stdout";
+  const fs::path err = path_ / ".tool-stderr";
+  command += " > " + shellQuoted(out.string()) + " 2> " + shellQuoted(err.string()) + " < /dev/null";
+  const int status = std::system(command.c_str());
+  ToolResult result;
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.out = readText(out);
+  result.err = readText(err);
+  fs::remove(out);
+  fs::remove(err);
+  return result;
+}
+
+void ScratchHome::setSetting(const std::string &key, const std::string &type, const std::string &value) const {
+  const auto result = run("parlova-defaults", {"write", "com.hollowmere.parlova", key, type, value});
+  if (result.exitCode != 0)
+    throw std::runtime_error("parlova-defaults write failed: " + result.err);
+}
+
+std::string ScratchHome::readSetting(const std::string &key) const {
+  const auto result = run("parlova-defaults", {"read", "com.hollowmere.parlova", key});
+  std::string value = result.out;
+  while (!value.empty() && value.back() == '\n')
+    value.pop_back();
+  return result.exitCode == 0 ? value : "(absent)";
+}
+
+InProcessHome::InProcessHome() : savedHome_(std::getenv("HOME") ? std::getenv("HOME") : "") {
+  setenv("HOME", home_.path().c_str(), 1);
+  setenv("TZ", "UTC", 1);
+  tzset();
+  fs::create_directories(parlovaFolder());
+}
+
+InProcessHome::~InProcessHome() {
+  setenv("HOME", savedHome_.c_str(), 1);
+  unsetenv("TZ");
+  tzset();
+}
+
+SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode, const std::vector<std::string> &arguments)
+    : folder_(folder) {
+  fs::create_directories(folder);
+  const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "smtp_server.py";
+  std::vector<std::string> words = {"python3",     script.string(), "--mode", mode, "--port-file",
+                                    (folder / "port").string(), "--dir", (folder / "mail").string()};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) {
+    execv("/usr/bin/python3", argv.data());
+    _exit(127);
+  }
+  for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  port_ = readText(folder / "port");
+}
+
+SmtpServer::~SmtpServer() {
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+std::string SmtpServer::received() const {
+  return fs::exists(folder_ / "mail" / "received") ? readText(folder_ / "mail" / "received") : "";
+}
+
+std::vector<std::string> SmtpServer::messages() const {
+  std::vector<std::string> texts;
+  for (const auto &name : filesBelow(folder_ / "mail")) {
+    if (!name.ends_with(".eml"))
+      continue;
+    std::string text = readText(folder_ / "mail" / name);
+    std::erase(text, '\r');
+    texts.push_back(std::move(text));
+  }
+  return texts;
+}
+
+fixtures::TranscriptSpec simpleChat(const std::string &buddy) {
+  fixtures::TranscriptSpec spec;
+  const fixtures::Account other{"AIM", buddy};
+  const fixtures::Account me{"AIM", "parlovauser"};
+  spec.others = {other};
+  spec.messages = {fixtures::says(other, 200000000, "hi there"), fixtures::says(me, 200000030, "hello!")};
+  return spec;
+}
+
+std::string readText(const fs::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
+}
+
+void writeText(const fs::path &path, const std::string &text) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+std::vector<std::string> filesBelow(const fs::path &folder) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (auto it = fs::recursive_directory_iterator(folder, error); !error && it != fs::recursive_directory_iterator();
+       it.increment(error))
+    if (!it->is_directory())
+      names.push_back(it->path().lexically_relative(folder).generic_string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+size_t countOccurrences(const std::string &text, const std::string &needle) {
+  size_t count = 0;
+  for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + needle.size()))
+    ++count;
+  return count;
+}
+
+std::vector<uint8_t> fromHex(std::string_view hex) {
+  std::vector<uint8_t> bytes;
+  int high = -1;
+  for (const char c : hex) {
+    const auto u = static_cast<unsigned char>(c);
+    if (!std::isxdigit(u))
+      continue;
+    const int nibble = std::isdigit(u) ? c - '0' : std::tolower(u) - 'a' + 10;
+    if (high < 0) {
+      high = nibble;
+    } else {
+      bytes.push_back(static_cast<uint8_t>(high << 4 | nibble));
+      high = -1;
+    }
+  }
+  return bytes;
+}
+
+} // namespace parlova::testing

@@ -1,0 +1,100 @@
+// Runs the built tools the way a user does: in a scratch home folder, with
+// real files and a real environment.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/fixtures/TranscriptWriter.h"
+
+namespace parlova::testing {
+
+struct ToolResult {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+// A temporary home folder, removed again at the end of the test.
+class ScratchHome {
+public:
+  ScratchHome();
+  ~ScratchHome();
+  ScratchHome(const ScratchHome &) = delete;
+  ScratchHome &operator=(const ScratchHome &) = delete;
+
+  const std::filesystem::path &path() const { return path_; }
+  std::filesystem::path chats() const { return path_ / "Documents" / "iChats"; }
+  std::filesystem::path archive() const { return path_ / "Documents" / "iChats (Parlovaed)"; }
+
+  // Writes a transcript into the transcript folder under `relativePath`.
+  std::filesystem::path addTranscript(const std::string &relativePath, const fixtures::TranscriptSpec &spec) const;
+
+  // Runs a tool from the build folder with HOME set here and no pause
+  // between entries; `environment` adds or overrides variables.
+  ToolResult run(const std::string &tool, const std::vector<std::string> &arguments = {},
+                 const std::map<std::string, std::string> &environment = {}) const;
+
+  // parlova-defaults write com.hollowmere.parlova KEY TYPE VALUE
+  void setSetting(const std::string &key, const std::string &type, const std::string &value) const;
+  std::string readSetting(const std::string &key) const;
+
+private:
+  std::filesystem::path path_;
+};
+
+// Points this process at a scratch home, in UTC so that dates print the
+// same everywhere, and restores HOME and TZ afterwards.
+class InProcessHome {
+public:
+  InProcessHome();
+  ~InProcessHome();
+  InProcessHome(const InProcessHome &) = delete;
+  InProcessHome &operator=(const InProcessHome &) = delete;
+
+  const std::filesystem::path &path() const { return home_.path(); }
+  // ~/Library/Parlova, created.
+  std::filesystem::path parlovaFolder() const { return home_.path() / "Library" / "Parlova"; }
+
+private:
+  ScratchHome home_;
+  std::string savedHome_;
+};
+
+// tests/support/smtp_server.py in one of its modes ("accept", "auth", "refuse",
+// "silent"), listening on loopback for as long as the object lives.
+class SmtpServer {
+public:
+  SmtpServer(const std::filesystem::path &folder, const std::string &mode,
+             const std::vector<std::string> &arguments = {});
+  ~SmtpServer();
+  SmtpServer(const SmtpServer &) = delete;
+  SmtpServer &operator=(const SmtpServer &) = delete;
+
+  const std::string &port() const { return port_; }
+  // Every message received so far, in arrival order, with bare line feeds.
+  std::vector<std::string> messages() const;
+  // Every byte a recording server received.
+  std::string received() const;
+
+private:
+  std::filesystem::path folder_;
+  int pid_ = -1;
+  std::string port_;
+};
+
+// A short two-party transcript between the user and `buddy`.
+fixtures::TranscriptSpec simpleChat(const std::string &buddy = "alice1979");
+
+std::string readText(const std::filesystem::path &path);
+void writeText(const std::filesystem::path &path, const std::string &text);
+// The names of the files below a folder, relative to it, sorted.
+std::vector<std::string> filesBelow(const std::filesystem::path &folder);
+size_t countOccurrences(const std::string &text, const std::string &needle);
+// Bytes spelled as hexadecimal digits; anything else between them is ignored.
+std::vector<uint8_t> fromHex(std::string_view hex);
+
+} // namespace parlova::testing
