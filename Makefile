@@ -25,7 +25,7 @@ demo: deps all
 
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
-	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect
+	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults
 	$(BUILD)-bench/bench/parlova_bench
 
 # A long mutation run over both transcript formats under AddressSanitizer.
@@ -35,13 +35,16 @@ fuzz: deps
 	cmake --build $(BUILD) -j$(JOBS) --target parlova_fuzz_mutations
 	$(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
 
-# The long crash run: at least 5,000 kills and 300 pairs of overlapping runs.
+# The long crash run: at least 5,000 kills of single runs, 2,000 of
+# catch-ups and 300 pairs of overlapping runs.
 CRASH_KILLS ?= 5000
+CRASH_CATCH_UP_KILLS ?= 2000
 CRASH_PAIRS ?= 300
 crashtest: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target parlova parlova-defaults parlova-samples
-	/usr/bin/python3 tests/crash/crashtest.py $(BUILD) --kills $(CRASH_KILLS) --pairs $(CRASH_PAIRS)
+	/usr/bin/python3 tests/crash/crashtest.py $(BUILD) --kills $(CRASH_KILLS) \
+	  --catch-up-kills $(CRASH_CATCH_UP_KILLS) --pairs $(CRASH_PAIRS)
 
 # The tools into $(PREFIX)/bin, then the templates, word lists, icon and the
 # systemd user units into this user's home (existing files are kept).

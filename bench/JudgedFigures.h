@@ -12,6 +12,8 @@ void printStartUp(const std::filesystem::path &binaryDir, const std::filesystem:
 void printDecoding(const std::filesystem::path &keyed, const std::filesystem::path &typedStream);
 void printRendering(double thousandSeconds, double tenThousandSeconds);
 void printMerge(double mergeSeconds, const std::vector<uint8_t> &archive);
+// A decade of transcripts in one catch-up, and its yardsticks.
+void printCatchUp(const std::filesystem::path &binaryDir);
 
 // Merging 50 links into an archive of 100,000, pages included: the median
 // time, and the archive it started from.

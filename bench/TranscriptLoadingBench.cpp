@@ -116,6 +116,7 @@ int main(int argc, char **argv) {
   std::vector<uint8_t> archive;
   const double merge = parlova::bench::linkMergeSeconds(archive);
   parlova::bench::printMerge(merge, archive);
+  parlova::bench::printCatchUp(PARLOVA_BINARY_DIR);
   std::filesystem::remove_all(folder);
   return 0;
 }

@@ -9,6 +9,7 @@
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "driver/TranscriptJournal.h"
+#include "generator/ArchiveBatch.h"
 #include "generator/ICLPLogGenerator.h"
 #include "mail/SmtpSession.h"
 #include "platform/FileManager.h"
@@ -36,9 +37,13 @@ fs::path archiveTarget(const fs::path &archiveFolder, const fs::path &transcript
 
 fs::path archiveFolder() { return homeDirectory() / "Documents" / "iChats (Parlovaed)"; }
 
+} // namespace
+
+fs::path ArchiveTargetFor(const fs::path &transcript) { return archiveTarget(archiveFolder(), transcript); }
+
 // The end of every processed transcript: the move, and a clean slate for
 // the email failure count.
-void moveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
+void MoveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
   std::error_code error;
   fs::create_directories(target.parent_path(), error);
   logFormat("preparing to move %@ to %@", transcript.string(), target.string());
@@ -51,6 +56,8 @@ void moveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
     settings.appSynchronize();
   }
 }
+
+namespace {
 
 // The values of emailSecurity, in any case; absent is "none".
 std::optional<MailSecurity> mailSecurityNamed(std::string name) {
@@ -112,13 +119,15 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
 
 } // namespace
 
-void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
+ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log) {
+  using Outcome = ChatLogPreparation::Outcome;
   Preferences &settings = appSettings();
+  ChatLogPreparation preparation;
 
   const auto emailAddress = settings.stringValue("emailAddress");
   const auto emailOutgoing = settings.stringValue("emailOutgoing");
-  const bool handleURLs = settings.boolValue("handleURLs");
-  const bool handleImages = settings.boolValue("handleImages");
+  preparation.handleURLs = settings.boolValue("handleURLs");
+  preparation.handleImages = settings.boolValue("handleImages");
   const bool sendEmails = settings.boolValue("sendEmails");
 
   logFormat("extracting %@", path);
@@ -130,27 +139,41 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
 
   if (log == nullptr) {
     logFormat("Error parsing %@. This file is likely not a chat log and has been skipped.", path);
-    return;
+    return preparation;
   }
 
   if (!log->isLikelyEndOfChat()) {
     if (verbose)
       logLine("*****FINISH*****This log is probably an incomplete log that will be finished later- don't send and "
               "don't record it as the last log.");
-    return;
+    preparation.outcome = Outcome::LeftOpen;
+    return preparation;
   }
 
   logFormat("preparing email send %@", path);
 
   if (sendEmails && sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort)) {
     logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
-    return;
+    preparation.outcome = Outcome::MailFailed;
+    return preparation;
   }
+  preparation.mailed = sendEmails && log->messageWasSent;
 
   if (settings.intValue("errorStatus") != 0) {
     logLine("an error has occurred while emailing?");
-    std::exit(0);
+    preparation.outcome = Outcome::ErrorStands;
+    return preparation;
   }
+  preparation.outcome = Outcome::Ready;
+  return preparation;
+}
+
+void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
+  const ChatLogPreparation preparation = PrepareChatLog(path, log);
+  if (preparation.outcome == ChatLogPreparation::Outcome::ErrorStands)
+    std::exit(0);
+  if (preparation.outcome != ChatLogPreparation::Outcome::Ready)
+    return;
 
   // Whatever ends this run from here on, the next one finds the archives
   // either without this transcript or complete with it.
@@ -160,44 +183,69 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
     return;
   }
 
-  if (handleURLs)
+  if (preparation.handleURLs)
     ICLPLogGenerator::GenerateLinkFiles(log);
-  if (handleImages)
+  if (preparation.handleImages)
     ICLPLogGenerator::GenerateImageFiles(log);
   ICLPLogGenerator::UpdateStatistics(log);
 
-  const fs::path target = archiveTarget(archiveFolder(), path);
+  const fs::path target = ArchiveTargetFor(path);
   if (!journal.markArchived(target)) {
     // Without the record a later run would undo finished archives; with no
     // journal at all it at worst processes the transcript again.
     logFormat("Could not write %@: %@", journal.journalFile().string(), std::strerror(errno));
     journal.clear();
   }
-  moveToArchiveFolder(path, target);
+  MoveToArchiveFolder(path, target);
   journal.clear();
   std::exit(0);
 }
 
-void FinishInterruptedArchiving() {
+bool FinishInterruptedArchiving() {
   TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
-  const auto recovery = journal.recover();
+  auto recovery = journal.recover();
   switch (recovery.kind) {
   case TranscriptJournal::Recovery::Kind::Nothing:
-    return;
+    return true;
+  case TranscriptJournal::Recovery::Kind::BatchDue: {
+    ArchiveBatch archives;
+    for (const auto &move : recovery.moved) {
+      // What was archived is the file as it is now, where it was moved.
+      const auto log = ICLPChatLog::initWithFilePath(move.target);
+      if (!log)
+        continue;
+      if (move.links)
+        archives.addLinks(*log);
+      if (move.images)
+        archives.addImages(*log);
+      archives.addStatistics(*log);
+    }
+    if (!archives.commit()) {
+      logLine("A catch-up ended half-way through a batch, and its archives cannot be written yet; the next run "
+              "tries again.");
+      return false;
+    }
+    journal.clear();
+    logFormat("A catch-up ended half-way through a batch; the archives now hold the %@ transcripts it had moved.",
+              std::to_string(recovery.moved.size()));
+    return true;
+  }
   case TranscriptJournal::Recovery::Kind::RolledBack:
     logFormat("A run ended while archiving %@; the archives are back as they were before it.",
               recovery.transcript.string());
-    return;
-  case TranscriptJournal::Recovery::Kind::MoveDue:
+    return true;
+  case TranscriptJournal::Recovery::Kind::MoveDue: {
     logFormat("A run ended before moving %@; moving it now.", recovery.transcript.string());
     // The target chosen then may have been taken since.
     const fs::path target = fileExistsAtPath(recovery.target)
                                 ? archiveTarget(recovery.target.parent_path(), recovery.transcript)
                                 : recovery.target;
-    moveToArchiveFolder(recovery.transcript, target);
+    MoveToArchiveFolder(recovery.transcript, target);
     journal.clear();
-    return;
+    return true;
   }
+  }
+  return true;
 }
 
 } // namespace parlova

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "model/ICLPChatLog.h"
@@ -11,9 +12,35 @@ namespace parlova {
 // has been carried to the end or an email error stands.
 void ExtractChatLog(const std::string &path, ICLPChatLog *log);
 
-// Puts right what a run that ended half-way through a transcript left: its
-// archives back as they were, or its due move made. Only while no other run
-// can be working.
-void FinishInterruptedArchiving();
+// The pipeline up to the archives: the settings, the end-of-chat judgement,
+// the email and the standing error, with their log lines.
+struct ChatLogPreparation {
+  enum class Outcome {
+    NotLoaded,   // no transcript: stays
+    LeftOpen,    // the chat is not over: stays for a later run
+    MailFailed,  // the email could not be handed to a server: stays
+    ErrorStands, // errorStatus is set: nothing is archived
+    Ready        // archive it
+  };
+  Outcome outcome = Outcome::NotLoaded;
+  bool handleURLs = false;
+  bool handleImages = false;
+  bool mailed = false; // the server took the email
+};
+ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log);
+
+// Where a transcript goes in ~/Documents/iChats (Parlovaed): its own name,
+// or with " #2", " #2 #3", ... when that is taken.
+std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
+// The move into the archive folder that ends a transcript's processing,
+// and the email failure count set back.
+void MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target);
+
+// Puts right what a run that ended half-way through a transcript, or a
+// catch-up half-way through a batch, left: its archives back as they were,
+// its due move made, or its batch's moved transcripts added to the archives.
+// Only while no other run can be working. False when that could not be
+// done (a full disk): the run must end and leave it to the next.
+bool FinishInterruptedArchiving();
 
 } // namespace parlova

@@ -1,17 +1,19 @@
 #include "driver/RunDriver.h"
 
+#include <cstdlib>
 #include <filesystem>
 
 #include "context/OpenChatScript.h"
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
+#include "driver/CatchUp.h"
+#include "driver/DryRun.h"
 #include "driver/ExtractChatLog.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
 #include "platform/Pause.h"
-#include "platform/RunLock.h"
 #include "platform/RunningApplications.h"
 
 namespace parlova {
@@ -45,20 +47,10 @@ bool isConversationOver(const std::string &entry) {
   return open.has_value() && !*open;
 }
 
-} // namespace
-
-int runParlova() {
-  // One run at a time: two would mail, gather and count the same transcript.
-  const fs::path lockFile = ICLPLogGenerator::parlovaFolder() / ".parlova.lock";
-  const auto lock = RunLock::tryAcquire(lockFile);
-  if (lock.outcome == RunLock::Outcome::HeldElsewhere) {
-    logLine("Another run of parlova is under way; this one ends.");
+int runOnce(const RunOptions &options) {
+  const auto started = startRun();
+  if (!started)
     return 0;
-  }
-  if (lock.outcome == RunLock::Outcome::Unavailable)
-    logFormat("Could not lock %@: %@", lockFile.string(), lock.error);
-  else
-    FinishInterruptedArchiving();
 
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
   shouldQuit = true;
@@ -69,18 +61,16 @@ int runParlova() {
   verbose = debugMode && debugMode->intValue() == 2;
 
   while (const auto entry = entries.nextObject()) {
-    settings.appSynchronize();
-    [[maybe_unused]] const auto emailAddress = settings.stringValue("emailAddress");
-
-    iChatRunning = isIChatRunning();
-    isLikelyComplete = iChatRunning ? isConversationOver(*entry) : true;
-
+    judgeEntry(*entry);
     if (verbose)
       logFormat("Processing %@", *entry);
 
     const std::string path = (chatFolder / *entry).string();
     auto log = ICLPChatLog::initWithFilePath(path);
-    pauseBetweenEntries();
+    if (options.pause)
+      pauseFor(*options.pause);
+    else
+      pauseBetweenEntries();
     if (!log)
       continue;
 
@@ -89,6 +79,40 @@ int runParlova() {
       std::exit(0);
   }
   return 0;
+}
+
+} // namespace
+
+std::optional<RunLockAttempt> startRun() {
+  // One run at a time: two would mail, gather and count the same transcript.
+  const fs::path lockFile = ICLPLogGenerator::parlovaFolder() / ".parlova.lock";
+  auto lock = RunLock::tryAcquire(lockFile);
+  if (lock.outcome == RunLock::Outcome::HeldElsewhere) {
+    logLine("Another run of parlova is under way; this one ends.");
+    return std::nullopt;
+  }
+  if (lock.outcome == RunLock::Outcome::Unavailable)
+    logFormat("Could not lock %@: %@", lockFile.string(), lock.error);
+  else if (!FinishInterruptedArchiving())
+    return std::nullopt;
+  return lock;
+}
+
+void judgeEntry(const std::string &entry) {
+  Preferences &settings = appSettings();
+  settings.appSynchronize();
+  [[maybe_unused]] const auto emailAddress = settings.stringValue("emailAddress");
+
+  iChatRunning = isIChatRunning();
+  isLikelyComplete = iChatRunning ? isConversationOver(entry) : true;
+}
+
+int runParlova(const RunOptions &options) {
+  if (options.dryRun)
+    return dryRun(options);
+  if (options.catchUp)
+    return catchUp(options);
+  return runOnce(options);
 }
 
 } // namespace parlova

@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::string_view kArchiving = "archiving";
 constexpr std::string_view kArchived = "archived";
+constexpr std::string_view kBatch = "batch";
 
 // FNV-1a: enough to tell a transcript from a changed or different one; it
 // guards against accidents, not against anyone.
@@ -54,10 +55,148 @@ bool TranscriptJournal::write(const fs::path &transcript, const Identity &identi
   return writeFileAtomically(journalFile(), PlistValue(std::move(entries)).serialized(PlistFormat::XML));
 }
 
+namespace {
+
+// A field of a line of the moves file: paths may hold anything but a zero.
+std::string escapedField(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    if (c == '%' || c == '\t' || c == '\n') {
+      char code[4];
+      std::snprintf(code, sizeof code, "%%%02X", static_cast<unsigned char>(c));
+      out += code;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
+  return -1;
+}
+
+std::string unescapedField(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const int high = text[i] == '%' && i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
+    const int low = high >= 0 ? hexValue(text[i + 2]) : -1;
+    if (low >= 0) {
+      out += static_cast<char>(high * 16 + low);
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> splitFields(std::string_view line) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (size_t tab; (tab = line.find('\t', start)) != std::string_view::npos; start = tab + 1)
+    fields.push_back(unescapedField(line.substr(start, tab - start)));
+  fields.push_back(unescapedField(line.substr(start)));
+  return fields;
+}
+
+} // namespace
+
 bool TranscriptJournal::begin(const fs::path &transcript) {
   const auto identity = identify(transcript);
   if (!identity)
     return false;
+  if (!keepArchives())
+    return false;
+  if (!write(transcript, *identity, std::nullopt))
+    return false;
+  transcript_ = transcript;
+  identity_ = *identity;
+  return true;
+}
+
+bool TranscriptJournal::beginBatch() {
+  if (!keepArchives())
+    return false;
+  PlistValue::Dictionary existed;
+  for (const auto &[name, there] : existedBefore_)
+    existed.emplace_back(name, there);
+  PlistValue::Dictionary entries = {{"phase", std::string(kBatch)}, {"archives", std::move(existed)}};
+  if (!writeFileAtomically(movesFile(), {}))
+    return false;
+  return writeFileAtomically(journalFile(), PlistValue(std::move(entries)).serialized(PlistFormat::XML));
+}
+
+bool TranscriptJournal::noteBatchMove(const Recovery::BatchMove &move) {
+  const auto identity = identify(move.transcript);
+  if (!identity)
+    return false;
+  const std::string line = escapedField(move.transcript.string()) + "\t" + escapedField(move.target.string()) +
+                           "\t" + std::to_string(identity->size) + "\t" + identity->digest + "\t" +
+                           (move.links ? "L" : "") + (move.images ? "I" : "") + "\n";
+  // One write of a whole line, appended: a line cut short by a kill belongs
+  // to a transcript that had not been moved, and is passed over.
+  return appendToFile(movesFile(), std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
+}
+
+std::vector<TranscriptJournal::Recovery::BatchMove> TranscriptJournal::movedInBatch() {
+  const auto bytes = readFileContents(movesFile());
+  if (!bytes)
+    return {};
+  const std::string_view text(reinterpret_cast<const char *>(bytes->data()), bytes->size());
+  std::vector<Recovery::BatchMove> moved;
+  std::error_code error;
+  for (size_t start = 0, end; (end = text.find('\n', start)) != std::string_view::npos; start = end + 1) {
+    const auto fields = splitFields(text.substr(start, end - start));
+    if (fields.size() != 5)
+      continue;
+    const Recovery::BatchMove move{fields[0], fields[1], fields[4].find('L') != std::string::npos,
+                                   fields[4].find('I') != std::string::npos};
+    removeLeftoverTemporaries(move.target.parent_path());
+    const auto matches = [&](const std::optional<Identity> &identity) {
+      return identity && std::to_string(identity->size) == fields[2] && identity->digest == fields[3];
+    };
+    // Not moved (killed first, or the move failed): the walk finds it again.
+    if (!matches(identify(move.target)))
+      continue;
+    // A copy across file systems had landed; only the original was left.
+    if (matches(identify(move.transcript)))
+      fs::remove(move.transcript, error);
+    moved.push_back(move);
+  }
+  return moved;
+}
+
+void TranscriptJournal::restoreKeptArchives() {
+  const auto bytes = readFileContents(journalFile());
+  const auto journal = bytes ? PlistValue::parse(*bytes) : std::nullopt;
+  const PlistValue *existed = journal ? journal->objectForKey("archives") : nullptr;
+  for (const std::string_view name : ICLPLogGenerator::archiveFileNames()) {
+    const fs::path kept = folder_ / name;
+    const fs::path archive = parlovaFolder_ / name;
+    std::error_code error;
+    if (fileExistsAtPath(kept)) {
+      // Unchanged since it was kept: the two names are one file, which a
+      // rename between them would leave as two.
+      if (fs::equivalent(kept, archive, error))
+        continue;
+      const fs::path temporary = temporaryPathBeside(archive);
+      fs::create_hard_link(kept, temporary, error);
+      if (error)
+        fs::copy_file(kept, temporary, error);
+      if (!error)
+        fs::rename(temporary, archive, error);
+    } else if (existed && existed->integerForKey(name) == 0) {
+      fs::remove(archive, error);
+    }
+  }
+}
+
+bool TranscriptJournal::keepArchives() {
   std::error_code error;
   fs::remove_all(folder_, error);
   fs::create_directories(folder_, error);
@@ -79,10 +218,6 @@ bool TranscriptJournal::begin(const fs::path &transcript) {
     if (error)
       return errno = error.value(), false;
   }
-  if (!write(transcript, *identity, std::nullopt))
-    return false;
-  transcript_ = transcript;
-  identity_ = *identity;
   return true;
 }
 
@@ -125,7 +260,7 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
   const auto journal = bytes ? PlistValue::parse(*bytes) : std::nullopt;
   const std::string *phase = journal ? journal->stringForKey("phase") : nullptr;
   const std::string *transcript = journal ? journal->stringForKey("transcript") : nullptr;
-  if (!phase || !transcript) {
+  if (!phase || (!transcript && *phase != kBatch)) {
     // The run ended before its journal was written: no archive was touched.
     clear();
     return {};
@@ -133,10 +268,14 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
   for (const fs::path &folder : {parlovaFolder_, parlovaFolder_ / "Images", parlovaFolder_ / "Images" / "topimages"})
     removeLeftoverTemporaries(folder);
 
+  if (*phase == kBatch) {
+    restoreKeptArchives();
+    return {Kind::BatchDue, {}, {}, movedInBatch()};
+  }
   if (*phase != kArchived) {
     restoreArchives();
     clear();
-    return {Kind::RolledBack, *transcript, {}};
+    return {Kind::RolledBack, *transcript, {}, {}};
   }
   const std::string *target = journal->stringForKey("target");
   const std::string *digest = journal->stringForKey("digest");
@@ -158,7 +297,7 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
     clear();
     return {};
   }
-  return {Kind::MoveDue, *transcript, *target};
+  return {Kind::MoveDue, *transcript, *target, {}};
 }
 
 } // namespace parlova

@@ -25,13 +25,23 @@ public:
 
   struct Recovery {
     enum class Kind {
-      Nothing,    // no run died half-way, or it had changed nothing yet
-      RolledBack, // the archives are as they were before `transcript`
-      MoveDue     // `transcript` was archived and goes to `target` next
+      Nothing,         // no run died half-way, or it had changed nothing yet
+      RolledBack,      // the archives are as they were before `transcript`
+      MoveDue,         // `transcript` was archived and goes to `target` next
+      BatchDue         // the archives are as before a catch-up's batch, and
+                       // the transcripts in `moved` are to be added to them
+                       // again, in that order; then clear()
+    };
+    struct BatchMove {
+      std::filesystem::path transcript;
+      std::filesystem::path target; // where it is now
+      bool links = false;           // the stages that were on for it
+      bool images = false;
     };
     Kind kind = Kind::Nothing;
     std::filesystem::path transcript;
     std::filesystem::path target;
+    std::vector<BatchMove> moved;
   };
 
   // Undoes or finishes what a run that died left behind. Only while no
@@ -47,7 +57,18 @@ public:
   // Forgets the transcript: after its move, or once nothing is left to do.
   void clear();
 
+  // A catch-up's batch: the archives are kept as for one transcript, and
+  // every transcript of the batch is noted, with its stages, before any of
+  // them. A batch cut short is finished rather than undone: the archives go
+  // back to what was kept and every transcript that had been moved is added
+  // to them again, so no transcript returns to the walk and the order in
+  // which transcripts are taken stays that of the first walk. clear() once
+  // the batch's archives are written.
+  bool beginBatch();
+  bool noteBatchMove(const Recovery::BatchMove &move);
+
   std::filesystem::path journalFile() const { return folder_ / "journal.plist"; }
+  std::filesystem::path movesFile() const { return folder_ / "moves"; }
 
 private:
   struct Identity {
@@ -55,6 +76,12 @@ private:
     std::string digest;
   };
   static std::optional<Identity> identify(const std::filesystem::path &transcript);
+  bool keepArchives();
+  // Puts the kept archives back and keeps them kept, so that a recovery cut
+  // short can be made again.
+  void restoreKeptArchives();
+  std::vector<Recovery::BatchMove> movedInBatch();
+
   bool write(const std::filesystem::path &transcript, const Identity &identity,
              const std::optional<std::filesystem::path> &target);
   void restoreArchives();

@@ -51,6 +51,25 @@ void sortEveryList(PlistValue::Array &archive, std::string_view listKey, EntryOr
   }
 }
 
+void sortListsOf(std::vector<std::string_view> speakers, PlistValue::Array &archive, std::string_view listKey,
+                 EntryOrdering order) {
+  std::sort(speakers.begin(), speakers.end());
+  speakers.erase(std::unique(speakers.begin(), speakers.end()), speakers.end());
+  for (const std::string_view speaker : speakers) {
+    // As the stages find a person's list: the first entry of that name
+    // whose list is a list.
+    for (PlistValue &entry : archive) {
+      const std::string *name = entry.stringForKey("speaker");
+      PlistValue *list = name && *name == speaker ? entry.objectForKey(listKey) : nullptr;
+      if (auto *items = list ? list->get<PlistValue::Array>() : nullptr) {
+        std::stable_sort(items->begin(), items->end(),
+                         [order](const PlistValue &a, const PlistValue &b) { return order(a, b, nullptr) < 0; });
+        break;
+      }
+    }
+  }
+}
+
 std::string indexList(const IndexEntry &all, const std::vector<IndexEntry> &people, std::optional<size_t> active) {
   const auto item = [](const IndexEntry &entry, bool isActive) {
     return fillFormat(isActive ? kActiveIndexItem : kIndexItem, {entry.href, entry.label, std::to_string(entry.count)});

@@ -30,6 +30,10 @@ bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> by
 // transcript touched; equal dates keep their order.
 using EntryOrdering = std::weak_ordering (*)(const PlistValue &, const PlistValue &, void *);
 void sortEveryList(PlistValue::Array &archive, std::string_view listKey, EntryOrdering order);
+// The same for the lists of the first entry named each of `speakers` (the
+// lists a transcript adds to), each once.
+void sortListsOf(std::vector<std::string_view> speakers, PlistValue::Array &archive, std::string_view listKey,
+                 EntryOrdering order);
 
 // One line of a page's index: the page of everybody, or of one person.
 struct IndexEntry {

@@ -4,11 +4,15 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
 #include "foundation/PropertyListValue.h"
+#include "generator/StatisticsPage.h"
+#include "model/ContentRecords.h"
 
 namespace parlova {
 
@@ -29,6 +33,42 @@ public:
   // rebuilds the statistics page; with no transcript only the chat count and
   // the end date change.
   static void UpdateStatistics(const ICLPChatLog *log);
+
+  // The stages' pieces, for a catch-up that keeps the archives in memory
+  // across many transcripts and writes them when it chooses. `asStored`
+  // (may be empty) is given every entry before it joins an archive, to make
+  // it what it would be once written to the file and read back.
+  // The stage sorts every person's list; sorting only the lists the
+  // transcript added to gives the same archive once every list is sorted.
+  using EntryFilter = std::function<void(PlistValue &)>;
+  enum class Sorting { EveryList, ListsAddedTo };
+  static void MergeLinks(const ICLPChatLog &log, PlistValue::Array &archive, const EntryFilter &asStored,
+                         Sorting sorting);
+  // Stores the attachments in Images/ and, with an archive, records them.
+  static void StoreImages(const ICLPChatLog &log, PlistValue::Array *archive, const EntryFilter &asStored,
+                          Sorting sorting);
+  static void RebuildLinkPages(const PlistValue::Array &archive);
+  // The image pages and Images/topimages.
+  static void RebuildImagePages(const PlistValue::Array &archive);
+
+  // The totals file as the statistics stage finds it: missing, unreadable
+  // (no contents) or read.
+  struct TotalsFile {
+    bool exists = false;
+    std::optional<std::vector<uint8_t>> contents;
+  };
+  struct WordLists {
+    std::optional<WordSet> curses;
+    std::optional<WordSet> netspeak;
+  };
+  static TotalsFile ReadTotalsFile();
+  static WordLists ReadWordLists();
+  // The totals after `log` (or, with no transcript, after a run that only
+  // moves the end date), starting from `file`.
+  static StatisticsTotals AddToTotals(const ICLPChatLog *log, const TotalsFile &file, const WordLists &lists);
+  // The totals file's contents; empty when they could not be serialized.
+  static std::vector<uint8_t> SerializedTotals(const StatisticsTotals &totals);
+  static void RebuildStatisticsPage(const StatisticsTotals &totals);
 
   // The "urls" list of the first speaker entry named exactly `speaker`, or
   // null; the list is the archive's own, so what is added lands there.

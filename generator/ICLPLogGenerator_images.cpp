@@ -73,35 +73,6 @@ int64_t wholePoints(double value) {
   return std::isfinite(value) && std::fabs(value) < 1e12 ? static_cast<int64_t>(value) : 0;
 }
 
-void gatherImages(const ICLPChatLog &log, PlistValue::Array *archive, const fs::path &imageFolder) {
-  // A folder attachment takes the size of the last file attachment before
-  // it in this call, in this message or an earlier one.
-  int64_t lastWidth = 0;
-  int64_t lastHeight = 0;
-  for (const ImageRecord &item : log.GatheredImages()) {
-    if (item.images.empty())
-      continue;
-    PlistValue::Array *list = ICLPLogGenerator::FindImagesArray(item.speaker, archive);
-    if (!list && archive) {
-      archive->emplace_back(PlistValue::Dictionary{{"speaker", item.speaker}, {"filenames", PlistValue::Array{}}});
-      list = archive->back().objectForKey("filenames")->get<PlistValue::Array>();
-    }
-    for (const auto &attachment : item.images) {
-      if (attachment->isRegularFile()) {
-        const auto size = imageSizeOfData(attachment->regularFileContents());
-        lastWidth = size ? wholePoints(size->width) : 0;
-        lastHeight = size ? wholePoints(size->height) : 0;
-      }
-      const std::string name = storedFileName(*attachment, item.speaker, item.time);
-      writeFileWrapperAtomically(*attachment, imageFolder / name);
-      if (list)
-        list->push_back(imageEntry(item.time, name, lastWidth, lastHeight));
-    }
-  }
-  if (archive)
-    sortEveryList(*archive, "filenames", compareImageDictionaries);
-}
-
 struct Picture {
   Date date;
   const std::string *fileName;
@@ -263,6 +234,58 @@ void generateImagePages(const PlistValue::Array &archive, const fs::path &folder
 
 } // namespace
 
+void ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *archive, const EntryFilter &asStored,
+                                   Sorting sorting) {
+  const fs::path imageFolder = parlovaFolder() / "Images";
+  // A folder attachment takes the size of the last file attachment before
+  // it in this call, in this message or an earlier one.
+  int64_t lastWidth = 0;
+  int64_t lastHeight = 0;
+  const std::vector<ImageRecord> gathered = log.GatheredImages();
+  for (const ImageRecord &item : gathered) {
+    if (item.images.empty())
+      continue;
+    PlistValue::Array *list = FindImagesArray(item.speaker, archive);
+    if (!list && archive) {
+      PlistValue entry(PlistValue::Dictionary{{"speaker", item.speaker}, {"filenames", PlistValue::Array{}}});
+      if (asStored)
+        asStored(entry);
+      archive->push_back(std::move(entry));
+      list = archive->back().objectForKey("filenames")->get<PlistValue::Array>();
+    }
+    for (const auto &attachment : item.images) {
+      if (attachment->isRegularFile()) {
+        const auto size = imageSizeOfData(attachment->regularFileContents());
+        lastWidth = size ? wholePoints(size->width) : 0;
+        lastHeight = size ? wholePoints(size->height) : 0;
+      }
+      const std::string name = storedFileName(*attachment, item.speaker, item.time);
+      writeFileWrapperAtomically(*attachment, imageFolder / name);
+      if (!list)
+        continue;
+      PlistValue entry = imageEntry(item.time, name, lastWidth, lastHeight);
+      if (asStored)
+        asStored(entry);
+      list->push_back(std::move(entry));
+    }
+  }
+  if (!archive)
+    return;
+  if (sorting == Sorting::EveryList) {
+    sortEveryList(*archive, "filenames", compareImageDictionaries);
+    return;
+  }
+  std::vector<std::string_view> speakers;
+  for (const ImageRecord &item : gathered)
+    if (!item.images.empty())
+      speakers.push_back(item.speaker);
+  sortListsOf(speakers, *archive, "filenames", compareImageDictionaries);
+}
+
+void ICLPLogGenerator::RebuildImagePages(const PlistValue::Array &archive) {
+  generateImagePages(archive, parlovaFolder());
+}
+
 void ICLPLogGenerator::GenerateImageFiles(const ICLPChatLog *log) {
   const fs::path folder = parlovaFolder();
   const fs::path archivePath = folder / "gatheredImages.plist";
@@ -270,7 +293,7 @@ void ICLPLogGenerator::GenerateImageFiles(const ICLPChatLog *log) {
   PlistValue::Array *entries = archive ? archive->get<PlistValue::Array>() : nullptr;
 
   if (log) {
-    gatherImages(*log, entries, folder / "Images");
+    StoreImages(*log, entries, {}, Sorting::EveryList);
     // A damaged archive is never replaced: what was gathered this time is on
     // disk but not recorded.
     if (archive)

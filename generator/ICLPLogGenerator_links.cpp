@@ -126,24 +126,43 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
   writePage(folder / "Links.html", page);
 }
 
-void mergeLinks(const std::vector<LinkRecord> &gathered, PlistValue::Array &archive) {
+} // namespace
+
+void ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &archive, const EntryFilter &asStored,
+                                  Sorting sorting) {
+  const std::vector<LinkRecord> gathered = log.GatheredURLs();
   for (const LinkRecord &item : gathered) {
     if (item.urls.empty())
       continue;
-    PlistValue::Array *links = ICLPLogGenerator::FindSpeakerArray(item.speaker, &archive);
+    PlistValue::Array *links = FindSpeakerArray(item.speaker, &archive);
     if (!links) {
       PlistValue::Array fresh;
       fresh.reserve(5);
-      archive.emplace_back(PlistValue::Dictionary{{"speaker", item.speaker}, {"urls", std::move(fresh)}});
+      PlistValue entry(PlistValue::Dictionary{{"speaker", item.speaker}, {"urls", std::move(fresh)}});
+      if (asStored)
+        asStored(entry);
+      archive.push_back(std::move(entry));
       links = archive.back().objectForKey("urls")->get<PlistValue::Array>();
     }
-    for (const std::string &url : item.urls)
-      links->emplace_back(PlistValue::Dictionary{{"date", item.time}, {"linkurl", url}});
+    for (const std::string &url : item.urls) {
+      PlistValue link(PlistValue::Dictionary{{"date", item.time}, {"linkurl", url}});
+      if (asStored)
+        asStored(link);
+      links->push_back(std::move(link));
+    }
   }
-  sortEveryList(archive, "urls", compareLinkDictionaries);
+  if (sorting == Sorting::EveryList) {
+    sortEveryList(archive, "urls", compareLinkDictionaries);
+    return;
+  }
+  std::vector<std::string_view> speakers;
+  for (const LinkRecord &item : gathered)
+    if (!item.urls.empty())
+      speakers.push_back(item.speaker);
+  sortListsOf(speakers, archive, "urls", compareLinkDictionaries);
 }
 
-} // namespace
+void ICLPLogGenerator::RebuildLinkPages(const PlistValue::Array &archive) { generateLinkPages(archive, parlovaFolder()); }
 
 void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
   const fs::path folder = parlovaFolder();
@@ -152,7 +171,7 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
 
   if (log) {
     if (archive)
-      mergeLinks(log->GatheredURLs(), *archive->get<PlistValue::Array>());
+      MergeLinks(*log, *archive->get<PlistValue::Array>(), {}, Sorting::EveryList);
     const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
     if (bytes.empty() || !writeArchive(archivePath, bytes)) {
       logFormat("Link file failed to write to path: %@", archivePath.string());

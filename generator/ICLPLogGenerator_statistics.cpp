@@ -29,14 +29,13 @@ std::optional<WordSet> loadWordList(const fs::path &path) {
 
 // The stored counters, read as 32-bit integers the way a number object's
 // intValue reads them; a missing key or an unparseable file reads as 0.
-StatisticsTotals loadTotals(const fs::path &path) {
+StatisticsTotals loadTotals(const ICLPLogGenerator::TotalsFile &file, const fs::path &folder) {
   StatisticsTotals totals;
-  if (!fileExistsAtPath(path)) {
+  if (!file.exists) {
     totals.startDate = Date::now();
     return totals;
   }
-  const auto bytes = readFileContents(path);
-  const auto stored = bytes ? PlistValue::parse(*bytes) : std::nullopt;
+  const auto stored = file.contents ? PlistValue::parse(*file.contents) : std::nullopt;
   const auto counter = [&](std::string_view key) {
     return stored ? static_cast<int32_t>(stored->integerForKey(key).value_or(0)) : 0;
   };
@@ -51,15 +50,13 @@ StatisticsTotals loadTotals(const fs::path &path) {
   totals.otherNetspeak = counter("othernetspeakcount");
   totals.startDate = stored ? stored->dateForKey("startDate") : std::nullopt;
   if (!totals.startDate)
-    totals.startDate = creationDateOfItem(path.parent_path());
+    totals.startDate = creationDateOfItem(folder);
   return totals;
 }
 
-void addTranscript(const ICLPChatLog &log, const fs::path &folder, StatisticsTotals &totals) {
-  const auto curses = loadWordList(folder / "curses.plist");
-  const auto netspeak = loadWordList(folder / "netspeak.plist");
-  const WordSet *curseSet = curses ? &*curses : nullptr;
-  const WordSet *netspeakSet = netspeak ? &*netspeak : nullptr;
+void addTranscript(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, StatisticsTotals &totals) {
+  const WordSet *curseSet = lists.curses ? &*lists.curses : nullptr;
+  const WordSet *netspeakSet = lists.netspeak ? &*lists.netspeak : nullptr;
   totals.userWords = wrappingAdd(totals.userWords, log.CountWordsForUserInSet(nullptr));
   totals.otherWords = wrappingAdd(totals.otherWords, log.CountWordsForOthersInSet(nullptr));
   totals.userCurses = wrappingAdd(totals.userCurses, log.CountWordsForUserInSet(curseSet));
@@ -91,22 +88,47 @@ PlistValue totalsDictionary(const StatisticsTotals &t) {
 
 } // namespace
 
-void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog *log) {
+ICLPLogGenerator::TotalsFile ICLPLogGenerator::ReadTotalsFile() {
+  const fs::path path = parlovaFolder() / "chatgeist.plist";
+  if (!fileExistsAtPath(path))
+    return {};
+  return {true, readFileContents(path)};
+}
+
+ICLPLogGenerator::WordLists ICLPLogGenerator::ReadWordLists() {
   const fs::path folder = parlovaFolder();
-  const fs::path totalsPath = folder / "chatgeist.plist";
-  StatisticsTotals totals = loadTotals(totalsPath);
+  return {loadWordList(folder / "curses.plist"), loadWordList(folder / "netspeak.plist")};
+}
+
+StatisticsTotals ICLPLogGenerator::AddToTotals(const ICLPChatLog *log, const TotalsFile &file,
+                                               const WordLists &lists) {
+  StatisticsTotals totals = loadTotals(file, parlovaFolder());
   if (log)
-    addTranscript(*log, folder, totals);
+    addTranscript(*log, lists, totals);
   // An older transcript processed later moves the end back: the end date
   // always follows the last transcript.
   totals.endDate = log ? log->LastMessageDate() : std::optional<Date>(Date::now());
+  return totals;
+}
 
-  const std::vector<uint8_t> bytes = totalsDictionary(totals).serialized(PlistFormat::XML);
-  if (!bytes.empty())
-    writeArchive(totalsPath, bytes);
+std::vector<uint8_t> ICLPLogGenerator::SerializedTotals(const StatisticsTotals &totals) {
+  return totalsDictionary(totals).serialized(PlistFormat::XML);
+}
 
+void ICLPLogGenerator::RebuildStatisticsPage(const StatisticsTotals &totals) {
+  const fs::path folder = parlovaFolder();
   if (const auto pageTemplate = readTemplate(folder / "statstemplate.html"))
     writePage(folder / "stats.html", renderStatisticsPage(*pageTemplate, totals));
+}
+
+void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog *log) {
+  const TotalsFile file = ReadTotalsFile();
+  // The word lists are read only when there are words to count.
+  const StatisticsTotals totals = AddToTotals(log, file, log ? ReadWordLists() : WordLists{});
+  const std::vector<uint8_t> bytes = SerializedTotals(totals);
+  if (!bytes.empty())
+    writeArchive(parlovaFolder() / "chatgeist.plist", bytes);
+  RebuildStatisticsPage(totals);
 }
 
 } // namespace parlova

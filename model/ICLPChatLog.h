@@ -23,6 +23,9 @@ public:
   // an extension other than exactly "chat" or "ichat", a file name without
   // " on ", or contents that do not decode to a transcript root.
   static std::optional<ICLPChatLog> initWithFilePath(const std::filesystem::path &path);
+  // Why initWithFilePath gave nothing for `path`, in the order loading
+  // finds it out.
+  static std::string reasonNotLoaded(const std::filesystem::path &path);
 
   // A transcript from an archive's bytes, as initWithFilePath: loads it
   // once the file name has passed; nothing when the bytes do not decode to
@@ -97,6 +100,8 @@ public:
 
   // True once the SMTP exchange has ended, well or badly.
   bool mailTransmissionDone = false;
+  // True once the server took the message.
+  bool messageWasSent = false;
   // The session of the send in progress; not owned.
   SmtpSession *smtp = nullptr;
 

@@ -84,7 +84,10 @@ void ICLPChatLog::authenticationFailed() {
   mailTransmissionDone = true;
 }
 
-void ICLPChatLog::messageSent() { mailTransmissionDone = true; }
+void ICLPChatLog::messageSent() {
+  messageWasSent = true;
+  mailTransmissionDone = true;
+}
 
 void ICLPChatLog::messageNotSent() {
   // The reply's bytes are taken as 16-bit characters in host order, a

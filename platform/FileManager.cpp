@@ -137,6 +137,20 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
   return false;
 }
 
+bool appendToFile(const fs::path &path, std::span<const uint8_t> bytes) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0)
+    return false;
+  ssize_t n;
+  do
+    n = write(fd, bytes.data(), bytes.size());
+  while (n < 0 && errno == EINTR);
+  const int reason = errno;
+  close(fd);
+  errno = reason;
+  return n == static_cast<ssize_t>(bytes.size());
+}
+
 bool moveItem(const fs::path &from, const fs::path &to) {
   if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
     return true;

@@ -54,6 +54,10 @@ void removeLeftoverTemporaries(const std::filesystem::path &folder);
 // file or the new one, never a part. On failure errno tells why.
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes);
 
+// Appends `bytes` in one write, making the file when it is missing. False
+// when not all of them were written; errno tells why.
+bool appendToFile(const std::filesystem::path &path, std::span<const uint8_t> bytes);
+
 // Writes a carried file, or the folder with everything in it, to `path`
 // through a temporary beside it, replacing what is there. The contents'
 // names are made safe, so nothing lands outside the new folder.

@@ -7,20 +7,23 @@
 
 namespace parlova {
 
-double pauseSeconds() {
-  constexpr double kDefault = 5;
-  const char *text = std::getenv("PARLOVA_PAUSE_SECONDS");
+std::optional<double> parseSeconds(const char *text) {
   if (!text || !*text)
-    return kDefault;
+    return std::nullopt;
   char *end = nullptr;
   const double value = std::strtod(text, &end);
   if (*end != '\0' || !std::isfinite(value) || value < 0)
-    return kDefault;
+    return std::nullopt;
   return value;
 }
 
-void pauseBetweenEntries() {
-  std::this_thread::sleep_for(std::chrono::duration<double>(pauseSeconds()));
+double pauseSeconds() { return parseSeconds(std::getenv("PARLOVA_PAUSE_SECONDS")).value_or(5); }
+
+void pauseBetweenEntries() { pauseFor(pauseSeconds()); }
+
+void pauseFor(double seconds) {
+  if (seconds > 0)
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
 } // namespace parlova

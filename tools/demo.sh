@@ -42,13 +42,12 @@ defaults="$build/parlova-defaults"
 "$defaults" write com.hollowmere.parlova handleImages -bool YES
 
 echo
-echo "== Running parlova until every transcript is processed =="
-for run in $(seq 20); do
-  before=$(find "$chats" -name '*chat' -type f | wc -l)
-  [ "$before" -eq 0 ] && break
-  echo "-- run $run"
-  "$build/parlova"
-done
+echo "== What a catch-up would do (parlova --dry-run --catch-up) =="
+"$build/parlova" --dry-run --catch-up
+
+echo
+echo "== Carrying every transcript through (parlova --catch-up) =="
+"$build/parlova" --catch-up
 
 pages="$HOME/Library/Parlova"
 echo

@@ -21,21 +21,6 @@ namespace {
 
 enum class Mode { Model, Plain, Html, Archive };
 
-// Why a file did not load, in the order loading finds it out.
-std::string reasonNotLoaded(const std::filesystem::path &path) {
-  const std::string name = path.filename().string();
-  const std::string extension = pathExtension(name);
-  if (extension != "chat" && extension != "ichat")
-    return "not a transcript: the extension must be exactly \"chat\" or \"ichat\"";
-  if (!readFileContents(path))
-    return "cannot read the file";
-  if (name.rfind(" on ") == std::string::npos)
-    return "not a transcript: the file name has no \" on \" before the date";
-  if (extension == "chat")
-    return "the iChat 2 typed stream could not be decoded into a transcript";
-  return "the keyed archive is damaged or its root is not an array";
-}
-
 std::string describeAttribute(const std::string &name, const ObjectRef &value) {
   if (const auto font = objectAs<Font>(value)) {
     char size[32];
@@ -154,7 +139,7 @@ int main(int argc, char **argv) {
   for (const std::string &file : files) {
     const auto log = ICLPChatLog::initWithFilePath(file);
     if (!log) {
-      std::cerr << "parlova-inspect: " << file << ": " << reasonNotLoaded(file) << "\n";
+      std::cerr << "parlova-inspect: " << file << ": " << ICLPChatLog::reasonNotLoaded(file) << "\n";
       status = 1;
       continue;
     }

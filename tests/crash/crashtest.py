@@ -5,10 +5,12 @@ nothing twice.
 Kills the real parlova with SIGKILL at random instants over whole runs,
 restarts it until every transcript is processed, and compares every archive,
 page and folder with those of an uninterrupted run on the same input. Then
-starts two runs at once on one home, over and over, with the same check. Then
-runs it on a full file system, where the machine lets this script mount one.
+the same with catch-ups (`parlova --catch-up`) on a generated backlog,
+against uninterrupted single runs. Then starts two runs at once on one home,
+over and over, with the same check. Then runs single runs and catch-ups on a
+full file system, where the machine lets this script mount one.
 
-Usage: crashtest.py BUILD_DIR [--kills N] [--pairs N] [--seed S]
+Usage: crashtest.py BUILD_DIR [--kills N] [--catch-up-kills N] [--pairs N] [--seed S]
 """
 import argparse
 import os
@@ -40,12 +42,13 @@ class Tool:
         env.update(HOME=str(home), PARLOVA_PAUSE_SECONDS="0", TZ="UTC", PARLOVA_OSASCRIPT="/bin/false")
         return env
 
-    def start(self, home: Path) -> subprocess.Popen:
-        return subprocess.Popen([str(self.build / "parlova")], env=self.env(home),
+    def start(self, home: Path, *args: str) -> subprocess.Popen:
+        return subprocess.Popen([str(self.build / "parlova"), *args], env=self.env(home),
                                 stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 
-    def run(self, home: Path) -> subprocess.CompletedProcess:
-        return subprocess.run([str(self.build / "parlova")], env=self.env(home), capture_output=True, check=False)
+    def run(self, home: Path, *args: str) -> subprocess.CompletedProcess:
+        return subprocess.run([str(self.build / "parlova"), *args], env=self.env(home), capture_output=True,
+                              check=False)
 
     def defaults(self, home: Path, *args: str) -> None:
         subprocess.run([str(self.build / "parlova-defaults"), "write", "com.hollowmere.parlova", *args],
@@ -56,9 +59,12 @@ def transcripts_left(home: Path) -> list:
     return sorted(p for p in (home / CHATS).rglob("*") if p.suffix in (".chat", ".ichat"))
 
 
-def prepare_template(tool: Tool, root: Path) -> Path:
-    home = root / "template"
-    subprocess.run([str(tool.build / "parlova-samples"), str(home / CHATS)], check=True, stdout=subprocess.DEVNULL)
+def prepare_template(tool: Tool, root: Path, backlog: int = 0) -> Path:
+    """The samples, or a generated backlog of that many transcripts."""
+    home = root / ("backlog-template" if backlog else "template")
+    samples = ["--backlog", str(backlog), "11"] if backlog else []
+    subprocess.run([str(tool.build / "parlova-samples"), *samples, str(home / CHATS)], check=True,
+                   stdout=subprocess.DEVNULL)
     library = home / LIBRARY
     (library / "Images").mkdir(parents=True)
     resources = SOURCE / "resources"
@@ -104,8 +110,8 @@ def differences(expected: dict, actual: dict) -> list:
     return lines
 
 
-def uninterrupted(tool: Tool, template: Path, root: Path):
-    home = root / "reference"
+def uninterrupted(tool: Tool, template: Path, root: Path, name: str = "reference"):
+    home = root / name
     shutil.copytree(template, home, symlinks=True)
     longest = 0.0
     for _ in range(MOST_RUNS):
@@ -120,6 +126,38 @@ def uninterrupted(tool: Tool, template: Path, root: Path):
     return snapshot(home), longest
 
 
+def catch_up_time(tool: Tool, template: Path, root: Path) -> float:
+    home = root / "catch-up-timing"
+    shutil.copytree(template, home, symlinks=True)
+    began = time.monotonic()
+    tool.run(home, "--catch-up", *CATCH_UP)
+    spent = time.monotonic() - began
+    shutil.rmtree(home)
+    return spent
+
+
+# Small batches, so that kills land before, during and after commits.
+CATCH_UP = ("--quiet", "--commit-every", "7")
+
+
+def placed_once(template: Path, home: Path) -> list:
+    """Every transcript of the backlog is in exactly one of the two folders,
+    and every archive reads as a property list."""
+    problems = []
+    expected = len(transcripts_left(template))
+    archived = [p for p in (home / ARCHIVED).glob("*") if p.suffix in (".chat", ".ichat")] \
+        if (home / ARCHIVED).exists() else []
+    if len(transcripts_left(home)) + len(archived) != expected:
+        problems.append(f"{len(transcripts_left(home))} waiting and {len(archived)} archived of {expected}")
+    for name in ARCHIVES:
+        if (home / LIBRARY / name).exists():
+            try:
+                plistlib.loads((home / LIBRARY / name).read_bytes())
+            except plistlib.InvalidFileException:
+                problems.append(f"{name} does not read")
+    return problems
+
+
 class Tally:
     def __init__(self, name: str):
         self.name, self.kills, self.pairs, self.runs, self.passed, self.failed = name, 0, 0, 0, 0, 0
@@ -132,12 +170,15 @@ def trial(tool, template, reference, root, number, step, tally) -> None:
     home = root / f"trial-{number}"
     shutil.copytree(template, home, symlinks=True)
     for _ in range(MOST_RUNS):
+        if transcripts_left(home):
+            step(home, tally)
+            continue
+        # The run after the last one puts right what a kill after the last
+        # move left (a catch-up's batch goes back into the folder); with
+        # nothing to do it changes nothing.
+        tool.run(home)
         if not transcripts_left(home):
             break
-        step(home, tally)
-    # The run after the last one puts right what a kill after the last move
-    # left; with nothing to do it changes nothing.
-    tool.run(home)
     problems = differences(reference, snapshot(home)) if not transcripts_left(home) else ["never finished"]
     if problems:
         tally.failed += 1
@@ -172,6 +213,29 @@ def killed_run(tool: Tool, longest: float, rng: random.Random):
         if process.returncode not in (0, -signal.SIGKILL):
             print(err.decode(errors="replace"), file=sys.stderr)
             sys.exit(f"parlova ended with {process.returncode}")
+    return step
+
+
+def killed_catch_up(tool: Tool, template: Path, longest: float, rng: random.Random):
+    streak = 0
+
+    def step(home: Path, tally: Tally) -> None:
+        nonlocal streak
+        process = tool.start(home, "--catch-up", *CATCH_UP)
+        tally.runs += 1
+        if streak < 10:
+            time.sleep(rng.uniform(0, longest * 1.2))
+            if process.poll() is None:
+                process.send_signal(signal.SIGKILL)
+                tally.kills += 1
+        _, err = process.communicate()
+        streak = streak + 1 if process.returncode == -signal.SIGKILL else 0
+        if process.returncode not in (0, -signal.SIGKILL):
+            print(err.decode(errors="replace"), file=sys.stderr)
+            sys.exit(f"parlova --catch-up ended with {process.returncode}")
+        problems = placed_once(template, home)
+        if problems:
+            sys.exit(f"after a killed catch-up in {home}: " + "; ".join(problems))
     return step
 
 
@@ -273,10 +337,65 @@ def full_disk(tool: Tool, reference_home: Path, root: Path):
     return problems
 
 
+def full_disk_catch_up(tool: Tool, backlog_template: Path, backlog_reference: dict, root: Path):
+    """A catch-up on a full file system stops with a clear line, changes no
+    archive and loses no transcript; with room again the next catch-up ends
+    where uninterrupted single runs end."""
+    home = root / "full-disk-catch-up"
+    library = home / LIBRARY
+    if not can_mount(library):
+        print("full disk, catch-up: skipped (needs root)")
+        return None
+    problems = []
+    try:
+        for leave, case in ((0, "catch-up, no room at all"), (8192, "catch-up, room for the journal only")):
+            shutil.rmtree(home, ignore_errors=True)
+            shutil.copytree(backlog_template, home, symlinks=True)
+            shutil.move(str(library), str(root / "library-aside"))
+            library.mkdir(parents=True)
+            subprocess.run(["mount", "-t", "tmpfs", "-o", "size=2m", "tmpfs", str(library)], check=True)
+            try:
+                shutil.copytree(root / "library-aside", library, dirs_exist_ok=True, symlinks=True)
+                before = {name: (library / name).read_bytes() for name in ARCHIVES if (library / name).exists()}
+                waiting = len(transcripts_left(home))
+                fill(library, leave)
+                result = tool.run(home, "--catch-up", "--quiet")
+                log = result.stderr.decode(errors="replace")
+                summary = [line.split("] ", 1)[-1] for line in log.splitlines() if "Catch-up stopped" in line]
+                print(f"full disk, {case}: " + "; ".join(summary))
+                if result.returncode != 0:
+                    problems.append(f"{case}: parlova ended with {result.returncode}")
+                if not summary or "No space left on device" not in log:
+                    problems.append(f"{case}: no line says the batch stopped and why:\n{log[-2000:]}")
+                for name, bytes_before in before.items():
+                    if (library / name).read_bytes() != bytes_before:
+                        problems.append(f"{case}: {name} changed though the batch stopped")
+                if leave == 0 and len(transcripts_left(home)) != waiting:
+                    problems.append(f"{case}: a transcript left its place though nothing could be recorded")
+                problems += [f"{case}: {p}" for p in placed_once(backlog_template, home)]
+                (library / "filler").unlink()
+                tool.run(home, "--catch-up", "--quiet")
+                tool.run(home)
+                if transcripts_left(home):
+                    problems.append(f"{case}: transcripts still waiting once there was room again")
+                problems += [f"{case}: {p}" for p in differences(backlog_reference, snapshot(home))]
+            except (OSError, plistlib.InvalidFileException) as error:
+                problems.append(f"{case}: {error}")
+            finally:
+                subprocess.run(["umount", str(library)], check=False)
+                shutil.rmtree(root / "library-aside", ignore_errors=True)
+    finally:
+        shutil.rmtree(home, ignore_errors=True)
+    for line in problems:
+        print("full disk: " + line, file=sys.stderr)
+    return problems
+
+
 def main() -> int:
     parser = argparse.ArgumentParser()
     parser.add_argument("build", type=Path)
     parser.add_argument("--kills", type=int, default=200)
+    parser.add_argument("--catch-up-kills", type=int, default=200)
     parser.add_argument("--pairs", type=int, default=60)
     parser.add_argument("--seed", type=int, default=int(time.time()))
     args = parser.parse_args()
@@ -297,6 +416,17 @@ def main() -> int:
             trial(tool, template, reference, root, number, killed_run(tool, longest, rng), killed)
         print(killed.report())
 
+        backlog = prepare_template(tool, root, backlog=40)
+        backlog_reference, _ = uninterrupted(tool, backlog, root, "backlog-reference")
+        catch_up_longest = catch_up_time(tool, backlog, root)
+        print(f"catch-up: {len(transcripts_left(backlog))} transcripts, {catch_up_longest * 1000:.0f} ms")
+        caught = Tally("killed catch-up")
+        while caught.kills < args.catch_up_kills:
+            number += 1
+            trial(tool, backlog, backlog_reference, root, number,
+                  killed_catch_up(tool, backlog, catch_up_longest, rng), caught)
+        print(caught.report())
+
         paired = Tally("concurrent")
         while paired.pairs < args.pairs:
             number += 1
@@ -304,6 +434,7 @@ def main() -> int:
         print(f"concurrent: pairs {paired.pairs}, runs {paired.runs}, mismatches {paired.failed}")
 
         disk = full_disk(tool, root / "reference", root)
+        disk_catch_up = full_disk_catch_up(tool, backlog, backlog_reference, root)
 
         failed_dirs = [p for p in root.iterdir() if p.name.startswith("failed-")]
         if failed_dirs:
@@ -312,8 +443,9 @@ def main() -> int:
                 shutil.move(str(failed), keep / failed.name)
             print(f"failed trials kept in {keep}", file=sys.stderr)
 
-    passed = killed.passed + paired.passed + (disk is not None and not disk)
-    failed = killed.failed + paired.failed + bool(disk)
+    passed = killed.passed + caught.passed + paired.passed + (disk is not None and not disk) + \
+        (disk_catch_up is not None and not disk_catch_up)
+    failed = killed.failed + caught.failed + paired.failed + bool(disk) + bool(disk_catch_up)
     print(f"{passed} passed, {failed} failed")
     return 0 if failed == 0 else 1
 

@@ -227,29 +227,6 @@ TEST(RunDriver, OnlyDebugModeTwoLogsEachEntry) {
   }
 }
 
-// A process whose command name is exactly "iChat", for as long as it lives.
-class FakeIChat {
-public:
-  explicit FakeIChat(const fs::path &folder) {
-    const fs::path program = folder / "iChat";
-    fs::copy_file("/bin/sleep", program);
-    char *argv[] = {const_cast<char *>(program.c_str()), const_cast<char *>("60"), nullptr};
-    if (posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, environ) != 0)
-      pid_ = -1;
-  }
-  ~FakeIChat() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  FakeIChat(const FakeIChat &) = delete;
-  FakeIChat &operator=(const FakeIChat &) = delete;
-
-private:
-  pid_t pid_ = -1;
-};
-
 // An osascript stand-in that keeps every script it is given and answers
 // with a fixed text.
 fs::path fakeOsascript(const ScratchHome &home, const std::string &answer) {

@@ -10,8 +10,11 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+extern char **environ;
 
 namespace parlova::testing {
 
@@ -150,6 +153,31 @@ std::vector<std::string> SmtpServer::messages() const {
     texts.push_back(std::move(text));
   }
   return texts;
+}
+
+FakeIChat::FakeIChat(const fs::path &folder) {
+  const fs::path program = folder / "iChat";
+  fs::copy_file("/bin/sleep", program, fs::copy_options::overwrite_existing);
+  char *argv[] = {const_cast<char *>(program.c_str()), const_cast<char *>("60"), nullptr};
+  pid_t pid = -1;
+  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, environ) == 0)
+    pid_ = pid;
+}
+
+FakeIChat::~FakeIChat() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+void installShippedFiles(const ScratchHome &home) {
+  const fs::path folder = home.path() / "Library" / "Parlova";
+  fs::create_directories(folder / "Images");
+  for (const auto &shipped : fs::directory_iterator(fs::path(PARLOVA_SOURCE_DIR) / "resources"))
+    fs::copy_file(shipped.path(),
+                  (shipped.path().filename() == "pdf.png" ? folder / "Images" : folder) / shipped.path().filename(),
+                  fs::copy_options::overwrite_existing);
 }
 
 fixtures::TranscriptSpec simpleChat(const std::string &buddy) {

@@ -86,6 +86,22 @@ private:
   std::string port_;
 };
 
+// A process whose command name is exactly "iChat", for as long as it lives.
+class FakeIChat {
+public:
+  explicit FakeIChat(const std::filesystem::path &folder);
+  ~FakeIChat();
+  FakeIChat(const FakeIChat &) = delete;
+  FakeIChat &operator=(const FakeIChat &) = delete;
+
+private:
+  int pid_ = -1;
+};
+
+// Copies the shipped templates, word lists and icon where an install puts
+// them.
+void installShippedFiles(const ScratchHome &home);
+
 // A short two-party transcript between the user and `buddy`.
 fixtures::TranscriptSpec simpleChat(const std::string &buddy = "alice1979");
 

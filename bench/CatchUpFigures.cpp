@@ -1,0 +1,171 @@
+// The catch-up of a decade: 10,000 generated transcripts carried through by
+// one `parlova --catch-up`, judged against the floor (decoding every
+// transcript once, writing every final archive and page once), against
+// 1,000 single runs on the first 1,000 of them, by its peak memory, and by
+// how its cost per transcript grows.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <spawn.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "bench/JudgedFigures.h"
+#include "generator/GatheredArchive.h"
+#include "generator/ICLPLogGenerator.h"
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+#include "tests/fixtures/Backlog.h"
+
+namespace parlova::bench {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct ChildRun {
+  double seconds = 0;
+  double peakMiB = 0;
+};
+
+ChildRun runIn(const fs::path &home, const std::vector<std::string> &command) {
+  std::vector<std::string> words = command;
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  std::vector<std::string> variables = {"HOME=" + home.string(), "PATH=/usr/bin:/bin", "TZ=UTC",
+                                        "PARLOVA_PAUSE_SECONDS=0", "PARLOVA_OSASCRIPT=/bin/false"};
+  std::vector<char *> envp;
+  for (auto &variable : variables)
+    envp.push_back(variable.data());
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  ChildRun result;
+  const auto start = Clock::now();
+  pid_t pid = 0;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) == 0) {
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    result.peakMiB = static_cast<double>(usage.ru_maxrss) / 1024.0;
+  }
+  result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  posix_spawn_file_actions_destroy(&actions);
+  return result;
+}
+
+// A home with the shipped files, links and pictures on, mail off, and the
+// given transcripts of the backlog (linked, not copied).
+fs::path makeHome(const fs::path &root, const std::string &name, const fs::path &backlog,
+                  const std::vector<fs::path> &transcripts, const fs::path &binaryDir) {
+  const fs::path home = root / name;
+  const fs::path library = home / "Library" / "Parlova";
+  fs::create_directories(library / "Images");
+  for (const auto &shipped : fs::directory_iterator(fs::path(PARLOVA_SOURCE_DIR) / "resources"))
+    fs::copy_file(shipped.path(),
+                  (shipped.path().filename() == "pdf.png" ? library / "Images" : library) / shipped.path().filename());
+  for (const fs::path &transcript : transcripts) {
+    const fs::path target = home / "Documents" / "iChats" / transcript;
+    fs::create_directories(target.parent_path());
+    fs::create_hard_link(backlog / transcript, target);
+  }
+  for (const char *key : {"handleURLs", "handleImages"})
+    runIn(home, {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova", key, "-bool", "YES"});
+  return home;
+}
+
+size_t transcriptsWaiting(const fs::path &home) {
+  size_t count = 0;
+  for (const auto &entry : fs::recursive_directory_iterator(home / "Documents" / "iChats"))
+    count += entry.path().extension() == ".chat" || entry.path().extension() == ".ichat";
+  return count;
+}
+
+// Decoding every transcript once, in this process.
+double decodeAll(const fs::path &backlog, const std::vector<fs::path> &transcripts) {
+  const auto start = Clock::now();
+  size_t loaded = 0;
+  for (const fs::path &transcript : transcripts)
+    loaded += ICLPChatLog::initWithFilePath(backlog / transcript).has_value();
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  if (loaded != transcripts.size())
+    std::printf("(only %zu of %zu transcripts loaded)\n", loaded, transcripts.size());
+  return seconds;
+}
+
+// Writing every final archive and page once: what a catch-up cannot avoid.
+double writeFinalArchivesAndPages(const fs::path &home) {
+  const char *saved = std::getenv("HOME");
+  const std::string savedHome = saved ? saved : "";
+  setenv("HOME", home.c_str(), 1);
+  const fs::path library = ICLPLogGenerator::parlovaFolder();
+  const auto start = Clock::now();
+  for (const char *name : {"gatheredURLs.plist", "gatheredImages.plist", "chatgeist.plist"}) {
+    const auto bytes = readFileContents(library / name);
+    const auto archive = bytes ? PlistValue::parse(*bytes) : std::nullopt;
+    if (archive)
+      writeArchive(library / name, archive->serialized(PlistFormat::XML));
+  }
+  ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  ICLPLogGenerator::RebuildStatisticsPage(
+      ICLPLogGenerator::AddToTotals(nullptr, ICLPLogGenerator::ReadTotalsFile(), {}));
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  setenv("HOME", savedHome.c_str(), 1);
+  return seconds;
+}
+
+void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
+          const char *goal) {
+  std::printf("%-44s %9.2f %-5s %-34s ratio %6.2f  (goal %s)\n", what, figure, unit, against.c_str(), ratio, goal);
+}
+
+} // namespace
+
+void printCatchUp(const fs::path &binaryDir) {
+  constexpr size_t kDecade = 10000;
+  constexpr size_t kThousand = 1000;
+  const fs::path root = fs::temp_directory_path() / ("parlova-catch-up-" + std::to_string(getpid()));
+  const fs::path backlog = root / "backlog";
+  const std::vector<fs::path> transcripts = fixtures::writeBacklog(backlog, {.transcripts = kDecade});
+  const std::vector<fs::path> first(transcripts.begin(), transcripts.begin() + kThousand);
+  const std::string parlova = (binaryDir / "parlova").string();
+
+  const fs::path decadeHome = makeHome(root, "decade", backlog, transcripts, binaryDir);
+  const ChildRun decade = runIn(decadeHome, {parlova, "--catch-up", "--quiet"});
+  const fs::path thousandHome = makeHome(root, "thousand", backlog, first, binaryDir);
+  const ChildRun thousand = runIn(thousandHome, {parlova, "--catch-up", "--quiet"});
+  const double floor = decodeAll(backlog, transcripts) + writeFinalArchivesAndPages(decadeHome);
+
+  const fs::path singlesHome = makeHome(root, "singles", backlog, first, binaryDir);
+  double singles = 0;
+  for (size_t run = 0; run < kThousand + 10 && transcriptsWaiting(singlesHome) > 0; ++run)
+    singles += runIn(singlesHome, {parlova}).seconds;
+  if (transcriptsWaiting(decadeHome) + transcriptsWaiting(thousandHome) + transcriptsWaiting(singlesHome) > 0)
+    std::printf("(some transcripts were not processed: the figures below mean little)\n");
+
+  line("catch-up: 10,000 transcripts", decade.seconds, "s", "floor: decode all, write once", decade.seconds / floor,
+       "<= 3");
+  line("catch-up: first 1,000 transcripts", thousand.seconds, "s", "1,000 single runs: times faster",
+       singles / thousand.seconds, ">= 50");
+  line("catch-up: peak memory, 10,000", decade.peakMiB, "MiB", "300 MiB", decade.peakMiB / 300, "<= 1");
+  line("catch-up: time per transcript", decade.seconds / kDecade * 1000, "ms", "per transcript at 1,000",
+       (decade.seconds / kDecade) / (thousand.seconds / kThousand), "<= 1.5");
+  std::printf("%-44s %9.2f %-5s (1,000 single runs: %.1f s)\n", "catch-up: the floor for 10,000", floor, "s",
+              singles);
+  fs::remove_all(root);
+}
+
+} // namespace parlova::bench

@@ -1,0 +1,105 @@
+#include "generator/ArchiveBatch.h"
+
+#include "generator/GatheredArchive.h"
+#include "model/ICLPChatLog.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path linkArchivePath() { return ICLPLogGenerator::parlovaFolder() / "gatheredURLs.plist"; }
+fs::path imageArchivePath() { return ICLPLogGenerator::parlovaFolder() / "gatheredImages.plist"; }
+
+} // namespace
+
+ArchiveBatch::ArchiveBatch() { reload(); }
+
+void ArchiveBatch::reload() {
+  links_ = loadGatheredArchive(linkArchivePath());
+  images_ = loadGatheredArchive(imageArchivePath());
+  totals_ = ICLPLogGenerator::ReadTotalsFile();
+  lastTotals_.reset();
+  // Word lists are read again too: what a later run would read.
+  wordLists_.reset();
+  // An archive from disk may hold lists out of order (edited by hand): the
+  // first transcript sorts them all, as a single run would.
+  linksSorted_ = imagesSorted_ = false;
+  linksChanged_ = imagesChanged_ = statisticsChanged_ = false;
+  linkPagesDue_ = imagePagesDue_ = false;
+  mustCommit_ = false;
+}
+
+void ArchiveBatch::asStored(PlistValue &entry) {
+  auto stored = PlistValue::parse(entry.serialized(PlistFormat::XML));
+  if (stored)
+    entry = std::move(*stored);
+  else
+    mustCommit_ = true;
+}
+
+void ArchiveBatch::addLinks(const ICLPChatLog &log) {
+  if (!links_) {
+    // A damaged archive is never replaced; each transcript says so again.
+    logFormat("Link file failed to write to path: %@", linkArchivePath().string());
+    ICLPChatLog::reportErrorAndLog(1, "permissions");
+    return;
+  }
+  using Sorting = ICLPLogGenerator::Sorting;
+  ICLPLogGenerator::MergeLinks(log, *links_->get<PlistValue::Array>(),
+                               [this](PlistValue &entry) { asStored(entry); },
+                               linksSorted_ ? Sorting::ListsAddedTo : Sorting::EveryList);
+  linksSorted_ = true;
+  linksChanged_ = true;
+  linkPagesDue_ = true;
+}
+
+void ArchiveBatch::addImages(const ICLPChatLog &log) {
+  using Sorting = ICLPLogGenerator::Sorting;
+  PlistValue::Array *entries = images_ ? images_->get<PlistValue::Array>() : nullptr;
+  ICLPLogGenerator::StoreImages(log, entries, [this](PlistValue &entry) { asStored(entry); },
+                                imagesSorted_ ? Sorting::ListsAddedTo : Sorting::EveryList);
+  imagesSorted_ = true;
+  imagesChanged_ = imagesChanged_ || entries != nullptr;
+  imagePagesDue_ = true;
+}
+
+void ArchiveBatch::addStatistics(const ICLPChatLog &log) {
+  if (!wordLists_)
+    wordLists_ = ICLPLogGenerator::ReadWordLists();
+  const StatisticsTotals totals = ICLPLogGenerator::AddToTotals(&log, totals_, *wordLists_);
+  std::vector<uint8_t> bytes = ICLPLogGenerator::SerializedTotals(totals);
+  // A totals file that cannot be made is not written, and the next
+  // transcript starts from the one before.
+  if (!bytes.empty())
+    totals_ = {true, std::move(bytes)};
+  lastTotals_ = totals;
+  statisticsChanged_ = true;
+}
+
+bool ArchiveBatch::commit() {
+  if (linksChanged_ && !writeArchive(linkArchivePath(), links_->serialized(PlistFormat::XML)))
+    return false;
+  if (imagesChanged_ && !writeArchive(imageArchivePath(), images_->serialized(PlistFormat::XML)))
+    return false;
+  if (statisticsChanged_ && totals_.contents &&
+      !writeArchive(ICLPLogGenerator::parlovaFolder() / "chatgeist.plist", *totals_.contents))
+    return false;
+  static const PlistValue::Array kNothing;
+  if (linkPagesDue_)
+    ICLPLogGenerator::RebuildLinkPages(*links_->get<PlistValue::Array>());
+  if (imagePagesDue_)
+    ICLPLogGenerator::RebuildImagePages(images_ ? *images_->get<PlistValue::Array>() : kNothing);
+  if (lastTotals_)
+    ICLPLogGenerator::RebuildStatisticsPage(*lastTotals_);
+  linksChanged_ = imagesChanged_ = statisticsChanged_ = false;
+  linkPagesDue_ = imagePagesDue_ = false;
+  lastTotals_.reset();
+  if (mustCommit_)
+    reload();
+  return true;
+}
+
+} // namespace parlova

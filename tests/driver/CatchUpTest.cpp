@@ -1,0 +1,210 @@
+// A backlog in one run: the same end as single runs however it is stopped,
+// a command line that runs nothing by mistake, and a dry run that changes
+// nothing.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "tests/fixtures/Backlog.h"
+#include "tests/support/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Every file of a home by path, with its bytes; the lock file is the one
+// thing a run leaves that says nothing.
+std::map<std::string, std::string> everyFile(const ScratchHome &home) {
+  std::map<std::string, std::string> files;
+  for (const std::string &name : filesBelow(home.path()))
+    if (!name.ends_with(".parlova.lock"))
+      files[name] = readText(home.path() / name);
+  return files;
+}
+
+// A home with the backlog, the shipped files, links and pictures on, and
+// totals that already have a start date (otherwise the time of the first
+// run would be in them).
+void prepare(const ScratchHome &home, size_t transcripts) {
+  fixtures::writeBacklog(home.chats(), {.transcripts = transcripts, .seed = 5, .people = 40, .longestChat = 300});
+  installShippedFiles(home);
+  writeText(home.path() / "Library/Parlova/chatgeist.plist",
+            R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+            R"(<key>chatcount</key><integer>0</integer><key>startDate</key><date>2003-07-01T12:00:00Z</date>)"
+            R"(</dict></plist>)");
+  home.setSetting("handleURLs", "-bool", "YES");
+  home.setSetting("handleImages", "-bool", "YES");
+}
+
+void expectSameHomes(const ScratchHome &expected, const ScratchHome &actual, const std::string &what) {
+  const auto want = everyFile(expected);
+  const auto got = everyFile(actual);
+  for (const auto &[name, bytes] : want) {
+    const auto it = got.find(name);
+    if (it == got.end())
+      ADD_FAILURE() << what << ": missing " << name;
+    else if (it->second != bytes)
+      ADD_FAILURE() << what << ": differs " << name;
+  }
+  for (const auto &[name, bytes] : got)
+    EXPECT_TRUE(want.count(name)) << what << ": extra " << name;
+}
+
+// parlova --catch-up ARGS in `home`, stopped with `signal` after `after`.
+ToolResult stoppedCatchUp(const ScratchHome &home, const std::vector<std::string> &arguments, int signal,
+                          std::chrono::milliseconds after) {
+  int errPipe[2];
+  EXPECT_EQ(pipe(errPipe), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(errPipe[1], STDERR_FILENO);
+    close(errPipe[0]);
+    setenv("HOME", home.path().c_str(), 1);
+    setenv("PARLOVA_PAUSE_SECONDS", "0", 1);
+    std::vector<std::string> words = {PARLOVA_BINARY_DIR "/parlova", "--catch-up"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char *> argv;
+    for (auto &word : words)
+      argv.push_back(word.data());
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(errPipe[1]);
+  std::this_thread::sleep_for(after);
+  kill(pid, signal);
+  ToolResult result;
+  char buffer[4096];
+  for (ssize_t n; (n = read(errPipe[0], buffer, sizeof buffer)) > 0;)
+    result.err.append(buffer, static_cast<size_t>(n));
+  close(errPipe[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+TEST(CatchUp, EndsWhereSingleRunsEndWhetherWholeInBatchesOrStoppedAndResumed) {
+  constexpr size_t kTranscripts = 220;
+  ScratchHome singles;
+  prepare(singles, kTranscripts);
+  for (size_t run = 0; run < kTranscripts + 5 && !filesBelow(singles.chats()).empty(); ++run)
+    ASSERT_EQ(singles.run("parlova").exitCode, 0);
+  ASSERT_EQ(filesBelow(singles.chats()), std::vector<std::string>{"notes.txt"});
+  ASSERT_EQ(filesBelow(singles.archive()).size(), kTranscripts);
+
+  ScratchHome whole;
+  prepare(whole, kTranscripts);
+  const auto result = whole.run("parlova", {"--catch-up", "--commit-every", "37"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.err.find("] Catch-up finished: 220 processed, 0 left open, 0 did not load, 0 mailed, "),
+            std::string::npos)
+      << result.err.substr(result.err.size() > 400 ? result.err.size() - 400 : 0);
+  EXPECT_EQ(countOccurrences(result.err, "] preparing to move "), kTranscripts);
+  expectSameHomes(singles, whole, "one catch-up");
+
+  ScratchHome resumed;
+  prepare(resumed, kTranscripts);
+  const auto stopped = stoppedCatchUp(resumed, {"--pause", "0.01", "--commit-every", "16"}, SIGTERM,
+                                      std::chrono::milliseconds(1200));
+  EXPECT_EQ(stopped.exitCode, 0);
+  EXPECT_NE(stopped.err.find("] Catch-up stopped (asked to stop): "), std::string::npos) << stopped.err;
+  const size_t moved = filesBelow(resumed.archive()).size();
+  EXPECT_GT(moved, 0u);
+  EXPECT_LT(moved, kTranscripts) << "stopped too late to show anything";
+  EXPECT_EQ(resumed.run("parlova", {"--catch-up"}).exitCode, 0);
+  expectSameHomes(singles, resumed, "stopped and resumed");
+}
+
+TEST(CatchUp, AStandingErrorStopsTheBatchBeforeAnythingIsArchived) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+  home.addTranscript("Bob on 2005-03-02 at 11.00.ichat", simpleChat("bob"));
+  home.setSetting("errorStatus", "-int", "2");
+  const auto result = home.run("parlova", {"--catch-up"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(countOccurrences(result.err, "] an error has occurred while emailing?\n"), 1u);
+  EXPECT_NE(result.err.find("] Catch-up stopped (an email error stands (errorStatus)): 0 processed"),
+            std::string::npos)
+      << result.err;
+  EXPECT_EQ(filesBelow(home.chats()).size(), 2u);
+  EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/chatgeist.plist"));
+}
+
+TEST(CatchUp, HelpVersionAndBadArgumentsRunNothing) {
+  ScratchHome home;
+  home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+
+  const auto help = home.run("parlova", {"--help"});
+  EXPECT_EQ(help.exitCode, 0);
+  EXPECT_EQ(help.err, "");
+  const std::string manPage = readText(fs::path(PARLOVA_SOURCE_DIR) / "man" / "parlova.1");
+  for (const std::string option : {"--catch-up", "--dry-run", "--quiet", "--pause", "--commit-every", "--help",
+                                   "--version"}) {
+    EXPECT_NE(help.out.find(option), std::string::npos) << option;
+    EXPECT_NE(manPage.find(std::regex_replace(option, std::regex("-"), "\\-")), std::string::npos) << option;
+  }
+  EXPECT_NE(help.out.find("com.hollowmere.parlova.plist"), std::string::npos);
+
+  const auto version = home.run("parlova", {"--version"});
+  EXPECT_EQ(version.exitCode, 0);
+  EXPECT_TRUE(std::regex_match(version.out, std::regex("parlova [0-9]+\\.[0-9]+.*\n"))) << version.out;
+
+  for (const std::vector<std::string> &bad :
+       {std::vector<std::string>{"--catchup"}, {"stray"}, {"--pause", "soon"}, {"--quiet=yes"}, {"--commit-every"}}) {
+    const auto result = home.run("parlova", bad);
+    EXPECT_EQ(result.exitCode, 2) << bad.front();
+    EXPECT_EQ(result.out, "");
+    EXPECT_TRUE(std::regex_match(result.err, std::regex("parlova: [^\n]* \\(try --help\\)\n"))) << result.err;
+  }
+  EXPECT_EQ(filesBelow(home.path()),
+            (std::vector<std::string>{"Documents/iChats/Alice on 2005-03-01 at 10.15.ichat"}))
+      << "nothing ran: no settings, no archives, no lock";
+}
+
+TEST(CatchUp, DryRunSaysWhatItWouldDoAndWhyAndChangesNothing) {
+  ScratchHome home;
+  home.addTranscript("alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+  home.addTranscript("carol on 2005-03-03 at 09.00.ichat", simpleChat("carol"));
+  writeText(home.chats() / "Broken on 2005-01-01.ichat", "bplist00 but not really");
+  home.setSetting("sendEmails", "-bool", "YES");
+  const fs::path osascript = home.path() / "osascript";
+  // iChat has a window open with carol only.
+  writeText(osascript, "#!/bin/sh\nif grep -q 'Chat with carol\"' ; then echo yes; else echo no; fi\n");
+  fs::permissions(osascript, fs::perms::owner_all);
+  FakeIChat iChat(home.path());
+  const auto before = everyFile(home);
+
+  const auto all = home.run("parlova", {"--dry-run", "--catch-up"}, {{"PARLOVA_OSASCRIPT", osascript.string()}});
+  EXPECT_EQ(all.exitCode, 0) << all.err;
+  std::vector<std::string> lines;
+  std::istringstream out(all.out);
+  for (std::string line; std::getline(out, line);)
+    lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "1 to process, 2 to leave",
+                       "leave    Broken on 2005-01-01.ichat: does not load: the keyed archive is damaged or its root "
+                       "is not an array",
+                       "leave    carol on 2005-03-03 at 09.00.ichat: the chat is still open",
+                       "process  alice on 2005-03-01 at 10.15.ichat",
+                   }));
+
+  const auto one = home.run("parlova", {"--dry-run"}, {{"PARLOVA_OSASCRIPT", osascript.string()}});
+  EXPECT_EQ(one.exitCode, 0);
+  EXPECT_EQ(countOccurrences(one.out, "process  "), 1u) << "a run processes one transcript";
+  EXPECT_EQ(everyFile(home), before) << "a dry run changes nothing";
+  EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/.parlova.lock"));
+}
+
+} // namespace
+} // namespace parlova::testing
