@@ -163,7 +163,7 @@ int catchUp(const RunOptions &options) {
       progress.show(seen, entry);
     progress.clear();
 
-    judgeEntry(entry);
+    judgeEntry(entry, std::chrono::seconds(1));
     if (verbose)
       logFormat("Processing %@", entry);
     auto log = ICLPChatLog::initWithFilePath(path);
@@ -206,18 +206,12 @@ int catchUp(const RunOptions &options) {
       stopped = "the journal could not be written";
       break;
     }
-    if (preparation.handleURLs) {
-      batch.archives().addLinks(*log);
-      for (const LinkRecord &item : log->GatheredURLs())
-        tally.pending.links += item.urls.size();
-    }
-    if (preparation.handleImages) {
-      batch.archives().addImages(*log);
-      for (const ImageRecord &item : log->GatheredImages())
-        tally.pending.pictures += item.images.size();
-    }
+    if (preparation.handleURLs)
+      tally.pending.links += batch.archives().addLinks(*log);
+    if (preparation.handleImages)
+      tally.pending.pictures += batch.archives().addImages(*log);
     batch.archives().addStatistics(*log);
-    MoveToArchiveFolder(path, target);
+    MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero);
     ++tally.pending.transcripts;
 
     if (batch.due(options)) {

@@ -79,7 +79,7 @@ std::string usageText() {
          "  -q, --quiet         no progress line during a catch-up\n"
          "  --pause SECONDS     pause after every entry (a run's own pause is 5 seconds)\n"
          "  --commit-every N    a catch-up writes its archives and pages after every N\n"
-         "                      transcripts (default 1000) and at least once a minute\n"
+         "                      transcripts (default 10000) and at least once a minute\n"
          "  -h, --help          this text\n"
          "  --version           the version\n"
          "\n"

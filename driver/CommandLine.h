@@ -22,7 +22,7 @@ struct RunOptions {
   // A catch-up commits after this many transcripts (or kCommitSeconds).
   size_t commitEvery = kCommitEvery;
 
-  static constexpr size_t kCommitEvery = 1000;
+  static constexpr size_t kCommitEvery = 10000;
   static constexpr double kCommitSeconds = 60;
 };
 

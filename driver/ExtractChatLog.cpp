@@ -43,7 +43,7 @@ fs::path ArchiveTargetFor(const fs::path &transcript) { return archiveTarget(arc
 
 // The end of every processed transcript: the move, and a clean slate for
 // the email failure count.
-void MoveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
+void MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
   std::error_code error;
   fs::create_directories(target.parent_path(), error);
   logFormat("preparing to move %@ to %@", transcript.string(), target.string());
@@ -52,6 +52,14 @@ void MoveToArchiveFolder(const fs::path &transcript, const fs::path &target) {
 
   Preferences &settings = appSettings();
   if (settings.intValue("errorStatus") == 0) {
+    if (reset == FailureCountReset::WhenNotZero) {
+      const auto count = settings.copyAppValue("emailFails");
+      uint64_t stored = 1;
+      if (count && plist_get_node_type(count->node()) == PLIST_UINT)
+        plist_get_uint_val(count->node(), &stored);
+      if (stored == 0)
+        return;
+    }
     settings.setAppValue("emailFails", PreferenceValue::integer(0));
     settings.appSynchronize();
   }

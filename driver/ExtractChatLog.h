@@ -33,8 +33,11 @@ ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log);
 // or with " #2", " #2 #3", ... when that is taken.
 std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
 // The move into the archive folder that ends a transcript's processing,
-// and the email failure count set back.
-void MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target);
+// and the email failure count set back. A catch-up leaves a count that
+// stands at 0 already as it is, which writes the same settings file.
+enum class FailureCountReset { Always, WhenNotZero };
+void MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
+                         FailureCountReset reset = FailureCountReset::Always);
 
 // Puts right what a run that ended half-way through a transcript, or a
 // catch-up half-way through a batch, left: its archives back as they were,

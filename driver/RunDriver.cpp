@@ -98,12 +98,17 @@ std::optional<RunLockAttempt> startRun() {
   return lock;
 }
 
-void judgeEntry(const std::string &entry) {
+void judgeEntry(const std::string &entry, std::chrono::milliseconds reuseFor) {
   Preferences &settings = appSettings();
   settings.appSynchronize();
   [[maybe_unused]] const auto emailAddress = settings.stringValue("emailAddress");
 
-  iChatRunning = isIChatRunning();
+  static std::optional<std::chrono::steady_clock::time_point> lookedAt;
+  const auto now = std::chrono::steady_clock::now();
+  if (!lookedAt || now - *lookedAt > reuseFor) {
+    iChatRunning = isIChatRunning();
+    lookedAt = now;
+  }
   isLikelyComplete = iChatRunning ? isConversationOver(entry) : true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -21,7 +22,9 @@ std::optional<RunLockAttempt> startRun();
 // What every run does for each entry of the walk before loading it: the
 // settings read afresh, iChat asked whether it runs and, if so, whether the
 // entry's chat window is still open. Sets iChatRunning and
-// isLikelyComplete.
-void judgeEntry(const std::string &entry);
+// isLikelyComplete. A catch-up, which judges thousands of entries a minute,
+// may take whether iChat runs from a look at the processes up to
+// `reuseFor` old.
+void judgeEntry(const std::string &entry, std::chrono::milliseconds reuseFor = {});
 
 } // namespace parlova

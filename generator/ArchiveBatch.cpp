@@ -2,6 +2,7 @@
 
 #include "generator/GatheredArchive.h"
 #include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -40,30 +41,32 @@ void ArchiveBatch::asStored(PlistValue &entry) {
     mustCommit_ = true;
 }
 
-void ArchiveBatch::addLinks(const ICLPChatLog &log) {
+size_t ArchiveBatch::addLinks(const ICLPChatLog &log) {
   if (!links_) {
     // A damaged archive is never replaced; each transcript says so again.
     logFormat("Link file failed to write to path: %@", linkArchivePath().string());
     ICLPChatLog::reportErrorAndLog(1, "permissions");
-    return;
+    return 0;
   }
   using Sorting = ICLPLogGenerator::Sorting;
-  ICLPLogGenerator::MergeLinks(log, *links_->get<PlistValue::Array>(),
+  const size_t count = ICLPLogGenerator::MergeLinks(log, *links_->get<PlistValue::Array>(),
                                [this](PlistValue &entry) { asStored(entry); },
                                linksSorted_ ? Sorting::ListsAddedTo : Sorting::EveryList);
   linksSorted_ = true;
   linksChanged_ = true;
   linkPagesDue_ = true;
+  return count;
 }
 
-void ArchiveBatch::addImages(const ICLPChatLog &log) {
+size_t ArchiveBatch::addImages(const ICLPChatLog &log) {
   using Sorting = ICLPLogGenerator::Sorting;
   PlistValue::Array *entries = images_ ? images_->get<PlistValue::Array>() : nullptr;
-  ICLPLogGenerator::StoreImages(log, entries, [this](PlistValue &entry) { asStored(entry); },
-                                imagesSorted_ ? Sorting::ListsAddedTo : Sorting::EveryList);
+  const size_t count = ICLPLogGenerator::StoreImages(log, entries, [this](PlistValue &entry) { asStored(entry); },
+                                imagesSorted_ ? Sorting::ListsAddedTo : Sorting::EveryList, Durability::ByNextSync);
   imagesSorted_ = true;
   imagesChanged_ = imagesChanged_ || entries != nullptr;
   imagePagesDue_ = true;
+  return count;
 }
 
 void ArchiveBatch::addStatistics(const ICLPChatLog &log) {
@@ -80,6 +83,9 @@ void ArchiveBatch::addStatistics(const ICLPChatLog &log) {
 }
 
 bool ArchiveBatch::commit() {
+  // The stored pictures reach the disk before the archives that name them.
+  if (imagePagesDue_)
+    syncFileSystemOf(ICLPLogGenerator::parlovaFolder());
   if (linksChanged_ && !writeArchive(linkArchivePath(), links_->serialized(PlistFormat::XML)))
     return false;
   if (imagesChanged_ && !writeArchive(imageArchivePath(), images_->serialized(PlistFormat::XML)))

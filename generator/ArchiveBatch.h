@@ -26,9 +26,10 @@ public:
   ArchiveBatch();
 
   // The stages, as GenerateLinkFiles, GenerateImageFiles and
-  // UpdateStatistics; the pages wait for commit().
-  void addLinks(const ICLPChatLog &log);
-  void addImages(const ICLPChatLog &log);
+  // UpdateStatistics; the pages wait for commit(). The first two answer how
+  // many links or files the transcript had.
+  size_t addLinks(const ICLPChatLog &log);
+  size_t addImages(const ICLPChatLog &log);
   void addStatistics(const ICLPChatLog &log);
 
   // An entry came out of the property-list format other than it went in:

@@ -51,23 +51,32 @@ void sortEveryList(PlistValue::Array &archive, std::string_view listKey, EntryOr
   }
 }
 
-void sortListsOf(std::vector<std::string_view> speakers, PlistValue::Array &archive, std::string_view listKey,
-                 EntryOrdering order) {
-  std::sort(speakers.begin(), speakers.end());
-  speakers.erase(std::unique(speakers.begin(), speakers.end()), speakers.end());
-  for (const std::string_view speaker : speakers) {
-    // As the stages find a person's list: the first entry of that name
-    // whose list is a list.
-    for (PlistValue &entry : archive) {
-      const std::string *name = entry.stringForKey("speaker");
-      PlistValue *list = name && *name == speaker ? entry.objectForKey(listKey) : nullptr;
-      if (auto *items = list ? list->get<PlistValue::Array>() : nullptr) {
-        std::stable_sort(items->begin(), items->end(),
-                         [order](const PlistValue &a, const PlistValue &b) { return order(a, b, nullptr) < 0; });
-        break;
-      }
-    }
+PlistValue::Array *ListsAddedTo::listOf(size_t entry) const {
+  PlistValue *list = archive_[entry].objectForKey(listKey_);
+  return list ? list->get<PlistValue::Array>() : nullptr;
+}
+
+void ListsAddedTo::note(PlistValue::Array *list) {
+  for (size_t entry = 0; entry < archive_.size(); ++entry) {
+    if (listOf(entry) != list)
+      continue;
+    for (const auto &[known, size] : lists_)
+      if (known == entry)
+        return;
+    lists_.emplace_back(entry, list->size());
+    return;
   }
+}
+
+void ListsAddedTo::sort(EntryOrdering order) {
+  const auto before = [order](const PlistValue &a, const PlistValue &b) { return order(a, b, nullptr) < 0; };
+  for (const auto &[entry, size] : lists_) {
+    PlistValue::Array *list = listOf(entry);
+    const auto added = list->begin() + static_cast<std::ptrdiff_t>(size);
+    std::stable_sort(added, list->end(), before);
+    std::inplace_merge(list->begin(), added, list->end(), before);
+  }
+  lists_.clear();
 }
 
 std::string indexList(const IndexEntry &all, const std::vector<IndexEntry> &people, std::optional<size_t> active) {

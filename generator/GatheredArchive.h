@@ -30,10 +30,26 @@ bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> by
 // transcript touched; equal dates keep their order.
 using EntryOrdering = std::weak_ordering (*)(const PlistValue &, const PlistValue &, void *);
 void sortEveryList(PlistValue::Array &archive, std::string_view listKey, EntryOrdering order);
-// The same for the lists of the first entry named each of `speakers` (the
-// lists a transcript adds to), each once.
-void sortListsOf(std::vector<std::string_view> speakers, PlistValue::Array &archive, std::string_view listKey,
-                 EntryOrdering order);
+// The lists a transcript adds to, by the size each had before: afterwards
+// only those are put in order, each by sorting what was added and merging
+// it in, which gives what sorting the whole list gives as long as the list
+// was in order before.
+class ListsAddedTo {
+public:
+  ListsAddedTo(PlistValue::Array &archive, std::string_view listKey) : archive_(archive), listKey_(listKey) {}
+  // Before the first addition to `list`.
+  void note(PlistValue::Array *list);
+  void sort(EntryOrdering order);
+
+private:
+  PlistValue::Array *listOf(size_t entry) const;
+
+  PlistValue::Array &archive_;
+  std::string_view listKey_;
+  // Entries by their place in the archive, which new people do not change;
+  // the lists themselves move when the archive grows.
+  std::vector<std::pair<size_t, size_t>> lists_;
+};
 
 // One line of a page's index: the page of everybody, or of one person.
 struct IndexEntry {

@@ -13,6 +13,7 @@
 #include "foundation/PropertyListValue.h"
 #include "generator/StatisticsPage.h"
 #include "model/ContentRecords.h"
+#include "platform/FileManager.h"
 
 namespace parlova {
 
@@ -42,11 +43,13 @@ public:
   // transcript added to gives the same archive once every list is sorted.
   using EntryFilter = std::function<void(PlistValue &)>;
   enum class Sorting { EveryList, ListsAddedTo };
-  static void MergeLinks(const ICLPChatLog &log, PlistValue::Array &archive, const EntryFilter &asStored,
-                         Sorting sorting);
+  // Both answer how many links or files the transcript had.
+  static size_t MergeLinks(const ICLPChatLog &log, PlistValue::Array &archive, const EntryFilter &asStored,
+                           Sorting sorting);
   // Stores the attachments in Images/ and, with an archive, records them.
-  static void StoreImages(const ICLPChatLog &log, PlistValue::Array *archive, const EntryFilter &asStored,
-                          Sorting sorting);
+  // A batch flushes what it stored once, before it writes the archives.
+  static size_t StoreImages(const ICLPChatLog &log, PlistValue::Array *archive, const EntryFilter &asStored,
+                            Sorting sorting, Durability durability = Durability::Now);
   static void RebuildLinkPages(const PlistValue::Array &archive);
   // The image pages and Images/topimages.
   static void RebuildImagePages(const PlistValue::Array &archive);

@@ -234,15 +234,18 @@ void generateImagePages(const PlistValue::Array &archive, const fs::path &folder
 
 } // namespace
 
-void ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *archive, const EntryFilter &asStored,
-                                   Sorting sorting) {
+size_t ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *archive,
+                                     const EntryFilter &asStored, Sorting sorting, Durability durability) {
+  size_t count = 0;
   const fs::path imageFolder = parlovaFolder() / "Images";
   // A folder attachment takes the size of the last file attachment before
   // it in this call, in this message or an earlier one.
   int64_t lastWidth = 0;
   int64_t lastHeight = 0;
-  const std::vector<ImageRecord> gathered = log.GatheredImages();
-  for (const ImageRecord &item : gathered) {
+  std::optional<ListsAddedTo> added;
+  if (archive)
+    added.emplace(*archive, "filenames");
+  for (const ImageRecord &item : log.GatheredImages()) {
     if (item.images.empty())
       continue;
     PlistValue::Array *list = FindImagesArray(item.speaker, archive);
@@ -253,6 +256,9 @@ void ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *ar
       archive->push_back(std::move(entry));
       list = archive->back().objectForKey("filenames")->get<PlistValue::Array>();
     }
+    if (list && sorting == Sorting::ListsAddedTo)
+      added->note(list);
+    count += item.images.size();
     for (const auto &attachment : item.images) {
       if (attachment->isRegularFile()) {
         const auto size = imageSizeOfData(attachment->regularFileContents());
@@ -260,7 +266,7 @@ void ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *ar
         lastHeight = size ? wholePoints(size->height) : 0;
       }
       const std::string name = storedFileName(*attachment, item.speaker, item.time);
-      writeFileWrapperAtomically(*attachment, imageFolder / name);
+      writeFileWrapperAtomically(*attachment, imageFolder / name, durability);
       if (!list)
         continue;
       PlistValue entry = imageEntry(item.time, name, lastWidth, lastHeight);
@@ -270,16 +276,12 @@ void ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *ar
     }
   }
   if (!archive)
-    return;
-  if (sorting == Sorting::EveryList) {
+    return count;
+  if (sorting == Sorting::EveryList)
     sortEveryList(*archive, "filenames", compareImageDictionaries);
-    return;
-  }
-  std::vector<std::string_view> speakers;
-  for (const ImageRecord &item : gathered)
-    if (!item.images.empty())
-      speakers.push_back(item.speaker);
-  sortListsOf(speakers, *archive, "filenames", compareImageDictionaries);
+  else
+    added->sort(compareImageDictionaries);
+  return count;
 }
 
 void ICLPLogGenerator::RebuildImagePages(const PlistValue::Array &archive) {

@@ -128,10 +128,11 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
 
 } // namespace
 
-void ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &archive, const EntryFilter &asStored,
-                                  Sorting sorting) {
-  const std::vector<LinkRecord> gathered = log.GatheredURLs();
-  for (const LinkRecord &item : gathered) {
+size_t ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &archive, const EntryFilter &asStored,
+                                    Sorting sorting) {
+  ListsAddedTo added(archive, "urls");
+  size_t count = 0;
+  for (const LinkRecord &item : log.GatheredURLs()) {
     if (item.urls.empty())
       continue;
     PlistValue::Array *links = FindSpeakerArray(item.speaker, &archive);
@@ -144,6 +145,9 @@ void ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &arc
       archive.push_back(std::move(entry));
       links = archive.back().objectForKey("urls")->get<PlistValue::Array>();
     }
+    if (sorting == Sorting::ListsAddedTo)
+      added.note(links);
+    count += item.urls.size();
     for (const std::string &url : item.urls) {
       PlistValue link(PlistValue::Dictionary{{"date", item.time}, {"linkurl", url}});
       if (asStored)
@@ -151,15 +155,11 @@ void ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &arc
       links->push_back(std::move(link));
     }
   }
-  if (sorting == Sorting::EveryList) {
+  if (sorting == Sorting::EveryList)
     sortEveryList(archive, "urls", compareLinkDictionaries);
-    return;
-  }
-  std::vector<std::string_view> speakers;
-  for (const LinkRecord &item : gathered)
-    if (!item.urls.empty())
-      speakers.push_back(item.speaker);
-  sortListsOf(speakers, archive, "urls", compareLinkDictionaries);
+  else
+    added.sort(compareLinkDictionaries);
+  return count;
 }
 
 void ICLPLogGenerator::RebuildLinkPages(const PlistValue::Array &archive) { generateLinkPages(archive, parlovaFolder()); }

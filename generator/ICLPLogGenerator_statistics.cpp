@@ -57,12 +57,13 @@ StatisticsTotals loadTotals(const ICLPLogGenerator::TotalsFile &file, const fs::
 void addTranscript(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, StatisticsTotals &totals) {
   const WordSet *curseSet = lists.curses ? &*lists.curses : nullptr;
   const WordSet *netspeakSet = lists.netspeak ? &*lists.netspeak : nullptr;
-  totals.userWords = wrappingAdd(totals.userWords, log.CountWordsForUserInSet(nullptr));
-  totals.otherWords = wrappingAdd(totals.otherWords, log.CountWordsForOthersInSet(nullptr));
-  totals.userCurses = wrappingAdd(totals.userCurses, log.CountWordsForUserInSet(curseSet));
-  totals.otherCurses = wrappingAdd(totals.otherCurses, log.CountWordsForOthersInSet(curseSet));
-  totals.userNetspeak = wrappingAdd(totals.userNetspeak, log.CountWordsForUserInSet(netspeakSet));
-  totals.otherNetspeak = wrappingAdd(totals.otherNetspeak, log.CountWordsForOthersInSet(netspeakSet));
+  const auto words = log.CountWordsInSets(curseSet, netspeakSet);
+  totals.userWords = wrappingAdd(totals.userWords, words.user.all);
+  totals.otherWords = wrappingAdd(totals.otherWords, words.others.all);
+  totals.userCurses = wrappingAdd(totals.userCurses, words.user.inFirst);
+  totals.otherCurses = wrappingAdd(totals.otherCurses, words.others.inFirst);
+  totals.userNetspeak = wrappingAdd(totals.userNetspeak, words.user.inSecond);
+  totals.otherNetspeak = wrappingAdd(totals.otherNetspeak, words.others.inSecond);
   for (const ImageRecord &item : log.GatheredImages())
     totals.images = wrappingAdd(totals.images, static_cast<int64_t>(item.images.size()));
   for (const LinkRecord &item : log.GatheredURLs())

@@ -23,6 +23,14 @@ inline int32_t wrappingAdd(int32_t total, int64_t more) {
 // Words compare exactly: case, accents and punctuation all count.
 using WordSet = std::unordered_set<std::string>;
 
+// The words of one side of a chat: all of them, and those in each of two
+// lists (a missing list counts every word).
+struct WordCounts {
+  int32_t all = 0;
+  int32_t inFirst = 0;
+  int32_t inSecond = 0;
+};
+
 struct LinkRecord {
   std::string speaker; // the display name
   Date time;

@@ -64,6 +64,13 @@ public:
   // participants count as the user. A null set counts every word.
   int32_t CountWordsForUserInSet(const WordSet *words) const;
   int32_t CountWordsForOthersInSet(const WordSet *words) const;
+  // Both sides' counts against two lists at once, as the statistics take
+  // them: each side's words, and those in `first` and in `second`.
+  struct SidesWordCounts {
+    WordCounts user;
+    WordCounts others;
+  };
+  SidesWordCounts CountWordsInSets(const WordSet *first, const WordSet *second) const;
 
   // Records an email or archive error in the settings for the settings
   // pane; at a standing failure count of exactly 3 also makes it the

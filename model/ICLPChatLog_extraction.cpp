@@ -39,6 +39,17 @@ int32_t ICLPChatLog::countWordsOfSide(const WordSet *words, bool otherParty) con
   return total;
 }
 
+ICLPChatLog::SidesWordCounts ICLPChatLog::CountWordsInSets(const WordSet *first, const WordSet *second) const {
+  SidesWordCounts counts;
+  for (const auto &message : messages()) {
+    if (!message->speaker())
+      continue;
+    const auto name = message->Speaker();
+    message->addWordCounts(first, second, name && *name == primaryOtherParty_ ? counts.others : counts.user);
+  }
+  return counts;
+}
+
 int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const { return countWordsOfSide(words, false); }
 
 int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const { return countWordsOfSide(words, true); }

@@ -52,6 +52,9 @@ public:
   // The words between single blanks (a line break alone does not part two
   // words); with a set, only the words it holds exactly. Null counts all.
   int32_t wordCountInSet(const WordSet *words) const;
+  // The three counts of wordCountInSet (no set, `first`, `second`) in one
+  // pass over the words, added to `counts`.
+  void addWordCounts(const WordSet *first, const WordSet *second, WordCounts &counts) const;
 
   // The account name as stored; nothing when there is no speaker.
   std::optional<std::string> rawSpeaker() const;

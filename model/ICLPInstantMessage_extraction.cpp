@@ -87,4 +87,30 @@ int32_t ICLPInstantMessage::wordCountInSet(const WordSet *words) const {
   return count;
 }
 
+void ICLPInstantMessage::addWordCounts(const WordSet *first, const WordSet *second, WordCounts &counts) const {
+  if (!speaker_ || !string_)
+    return;
+  const std::u16string &text = string_->string();
+  size_t position = 0;
+  for (;;) {
+    while (position < text.size() && isSkippedBetweenWords(text[position]))
+      ++position;
+    if (position >= text.size())
+      break;
+    size_t end = text.find(u' ', position);
+    if (end == std::u16string::npos)
+      end = text.size();
+    counts.all = wrappingAdd(counts.all, 1);
+    if (first || second) {
+      const std::string word = utf16ToUtf8(std::u16string_view(text).substr(position, end - position));
+      counts.inFirst = wrappingAdd(counts.inFirst, !first || first->contains(word) ? 1 : 0);
+      counts.inSecond = wrappingAdd(counts.inSecond, !second || second->contains(word) ? 1 : 0);
+    } else {
+      counts.inFirst = wrappingAdd(counts.inFirst, 1);
+      counts.inSecond = wrappingAdd(counts.inSecond, 1);
+    }
+    position = end;
+  }
+}
+
 } // namespace parlova

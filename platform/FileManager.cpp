@@ -96,7 +96,9 @@ constexpr std::string_view kTemporaryPrefix = ".parlova-tmp-";
 }
 
 fs::path temporaryPathBeside(const fs::path &path) {
-  std::random_device random;
+  // Seeded once per process: asking the system for randomness on every
+  // write costs more than the write of a small file.
+  static std::mt19937 random{std::random_device{}()};
   return path.parent_path() / (std::string(kTemporaryPrefix) + std::to_string(random()));
 }
 
@@ -110,7 +112,7 @@ void removeLeftoverTemporaries(const fs::path &folder) {
     fs::remove_all(leftover, error);
 }
 
-bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
+bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability) {
   const fs::path temporary = temporaryPathBeside(path);
   const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0)
@@ -125,7 +127,7 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
     written += static_cast<size_t>(n);
   }
   // A short write leaves errno as it was (ENOSPC from the failing write).
-  const bool complete = written == bytes.size() && fsync(fd) == 0;
+  const bool complete = written == bytes.size() && (durability == Durability::ByNextSync || fsync(fd) == 0);
   int reason = errno;
   close(fd);
   if (complete && std::rename(temporary.c_str(), path.c_str()) == 0)
@@ -135,6 +137,15 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes) {
   unlink(temporary.c_str());
   errno = reason; // for the caller's message
   return false;
+}
+
+bool syncFileSystemOf(const fs::path &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return false;
+  const bool synced = syncfs(fd) == 0;
+  close(fd);
+  return synced;
 }
 
 bool appendToFile(const fs::path &path, std::span<const uint8_t> bytes) {
@@ -177,7 +188,8 @@ bool moveItem(const fs::path &from, const fs::path &to) {
 
 namespace {
 
-bool writeFolderContents(const FileWrapper &folder, const std::filesystem::path &path, int depth) {
+bool writeFolderContents(const FileWrapper &folder, const std::filesystem::path &path, int depth,
+                         Durability durability) {
   std::error_code error;
   if (!std::filesystem::create_directory(path, error) || depth > 64)
     return false;
@@ -186,21 +198,22 @@ bool writeFolderContents(const FileWrapper &folder, const std::filesystem::path 
     if (!child)
       continue;
     const auto target = path / safeFileStem(child->preferredFilename().value_or(""), "");
-    complete &= child->isDirectory() ? writeFolderContents(*child, target, depth + 1)
-                                     : writeFileAtomically(target, child->regularFileContents());
+    complete &= child->isDirectory() ? writeFolderContents(*child, target, depth + 1, durability)
+                                     : writeFileAtomically(target, child->regularFileContents(), durability);
   }
   return complete;
 }
 
 } // namespace
 
-bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path) {
+bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path,
+                                Durability durability) {
   namespace fs = std::filesystem;
   if (wrapper.isRegularFile())
-    return writeFileAtomically(path, wrapper.regularFileContents());
+    return writeFileAtomically(path, wrapper.regularFileContents(), durability);
   const fs::path temporary = temporaryPathBeside(path);
   std::error_code error;
-  if (!writeFolderContents(wrapper, temporary, 0)) {
+  if (!writeFolderContents(wrapper, temporary, 0, durability)) {
     fs::remove_all(temporary, error);
     return false;
   }

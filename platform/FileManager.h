@@ -50,9 +50,17 @@ std::filesystem::path temporaryPathBeside(const std::filesystem::path &path);
 // process died half-way. Only for when no other run can be writing there.
 void removeLeftoverTemporaries(const std::filesystem::path &folder);
 
+// How soon a write must be on the disk itself: before the call returns, or
+// by the caller's next syncFileSystemOf (many files, one flush).
+enum class Durability { Now, ByNextSync };
+
 // Writes beside the target and renames over it, so that readers see the old
 // file or the new one, never a part. On failure errno tells why.
-bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes);
+bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes,
+                         Durability durability = Durability::Now);
+
+// Flushes everything written on the file system that holds `path`.
+bool syncFileSystemOf(const std::filesystem::path &path);
 
 // Appends `bytes` in one write, making the file when it is missing. False
 // when not all of them were written; errno tells why.
@@ -61,7 +69,8 @@ bool appendToFile(const std::filesystem::path &path, std::span<const uint8_t> by
 // Writes a carried file, or the folder with everything in it, to `path`
 // through a temporary beside it, replacing what is there. The contents'
 // names are made safe, so nothing lands outside the new folder.
-bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path);
+bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path,
+                                Durability durability = Durability::Now);
 
 // Moves a file or folder; fails rather than replace anything at `to`.
 bool moveItem(const std::filesystem::path &from, const std::filesystem::path &to);
