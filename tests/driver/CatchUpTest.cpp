@@ -125,19 +125,27 @@ TEST(CatchUp, EndsWhereSingleRunsEndWhetherWholeInBatchesOrStoppedAndResumed) {
   expectSameHomes(singles, resumed, "stopped and resumed");
 }
 
-TEST(CatchUp, AStandingErrorStopsTheBatchBeforeAnythingIsArchived) {
-  ScratchHome home;
-  home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
-  home.addTranscript("Bob on 2005-03-02 at 11.00.ichat", simpleChat("bob"));
-  home.setSetting("errorStatus", "-int", "2");
-  const auto result = home.run("parlova", {"--catch-up"});
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_EQ(countOccurrences(result.err, "] an error has occurred while emailing?\n"), 1u);
-  EXPECT_NE(result.err.find("] Catch-up stopped (an email error stands (errorStatus)): 0 processed"),
-            std::string::npos)
-      << result.err;
-  EXPECT_EQ(filesBelow(home.chats()).size(), 2u);
-  EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/chatgeist.plist"));
+TEST(CatchUp, AStandingErrorOrUndeliverableMailStopsTheBatchBeforeAnythingIsArchived) {
+  for (const bool standingError : {true, false}) {
+    ScratchHome home;
+    home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
+    home.addTranscript("Bob on 2005-03-02 at 11.00.ichat", simpleChat("bob"));
+    if (standingError)
+      home.setSetting("errorStatus", "-int", "2");
+    else
+      home.setSetting("sendEmails", "-bool", "YES"); // and no server to send to
+    const auto result = home.run("parlova", {"--catch-up"});
+    EXPECT_EQ(result.exitCode, 0);
+    const std::string why = standingError ? "] an error has occurred while emailing?\n"
+                                          : "] Unable to connect to mail server.\n";
+    EXPECT_EQ(countOccurrences(result.err, why), 1u) << result.err;
+    EXPECT_NE(result.err.find(standingError ? "] Catch-up stopped (an email error stands (errorStatus)): 0 processed"
+                                            : "] Catch-up stopped (the mail could not be delivered): 0 processed"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(filesBelow(home.chats()).size(), 2u);
+    EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/chatgeist.plist"));
+  }
 }
 
 TEST(CatchUp, HelpVersionAndBadArgumentsRunNothing) {
