@@ -110,6 +110,7 @@ TEST(CatchUp, EndsWhereSingleRunsEndWhetherWholeInBatchesOrStoppedAndResumed) {
             std::string::npos)
       << result.err.substr(result.err.size() > 400 ? result.err.size() - 400 : 0);
   EXPECT_EQ(countOccurrences(result.err, "] preparing to move "), kTranscripts);
+  EXPECT_EQ(result.err.find('\r'), std::string::npos) << "no progress line off a terminal";
   expectSameHomes(singles, whole, "one catch-up");
 
   ScratchHome resumed;
@@ -146,6 +147,35 @@ TEST(CatchUp, AStandingErrorOrUndeliverableMailStopsTheBatchBeforeAnythingIsArch
     EXPECT_EQ(filesBelow(home.chats()).size(), 2u);
     EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/chatgeist.plist"));
   }
+}
+
+// parlova --catch-up ARGS on a terminal (through script(1)): what it shows.
+std::string onATerminal(const ScratchHome &home, const std::string &arguments) {
+  const std::string command = "HOME='" + home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 script -qec \"'" +
+                              PARLOVA_BINARY_DIR + "/parlova' --catch-up " + arguments + "\" /dev/null";
+  std::string screen;
+  if (FILE *pipe = popen(command.c_str(), "r")) {
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+      screen.append(buffer, n);
+    pclose(pipe);
+  }
+  return screen;
+}
+
+TEST(CatchUp, ShowsItsProgressOnATerminalOnlyAndUnlessQuiet) {
+  ScratchHome home;
+  fixtures::writeBacklog(home.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
+  const std::string shown = onATerminal(home, "--pause 0.02");
+  EXPECT_TRUE(std::regex_search(shown, std::regex("\r\x1b\\[K11/12  [0-9.]+/s  [0-9]+:[0-9][0-9] left  [^\r\n]+chat")))
+      << shown;
+  EXPECT_NE(shown.find("] Catch-up finished: 12 processed"), std::string::npos);
+
+  ScratchHome quiet;
+  fixtures::writeBacklog(quiet.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
+  const std::string quietly = onATerminal(quiet, "--quiet");
+  EXPECT_EQ(quietly.find("\x1b[K"), std::string::npos) << quietly;
+  EXPECT_NE(quietly.find("] Catch-up finished: 12 processed"), std::string::npos) << quietly;
 }
 
 TEST(CatchUp, HelpVersionAndBadArgumentsRunNothing) {
