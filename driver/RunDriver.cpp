@@ -91,9 +91,14 @@ std::optional<RunLockAttempt> startRun() {
     logLine("Another run of parlova is under way; this one ends.");
     return std::nullopt;
   }
-  if (lock.outcome == RunLock::Outcome::Unavailable)
-    logFormat("Could not lock %@: %@", lockFile.string(), lock.error);
-  else if (!FinishInterruptedArchiving())
+  if (lock.outcome == RunLock::Outcome::Unavailable) {
+    // Without the lock two runs could mail, gather and count the same
+    // transcript: better no run at all until it is put right.
+    logFormat("Could not lock %@: %@ (%@); this run ends and changes nothing until the lock can be taken.",
+              lockFile.string(), lock.error, describeItem(lockFile));
+    return std::nullopt;
+  }
+  if (!FinishInterruptedArchiving())
     return std::nullopt;
   return lock;
 }

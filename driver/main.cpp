@@ -1,9 +1,11 @@
 #include <cstdio>
+#include <filesystem>
 #include <span>
 #include <variant>
 
 #include "driver/CommandLine.h"
 #include "driver/RunDriver.h"
+#include "platform/Home.h"
 
 int main(int argc, char **argv) {
   const auto parsed = parlova::parseCommandLine(std::span<const char *const>(argv + 1, argc - 1));
@@ -19,6 +21,13 @@ int main(int argc, char **argv) {
   if (options.version) {
     std::fputs(parlova::versionText().c_str(), stdout);
     return 0;
+  }
+  // Every path derives from the home folder: a missing one would be made
+  // afresh, with archives nobody finds.
+  const auto home = parlova::homeDirectory();
+  if (std::error_code error; !std::filesystem::is_directory(home, error)) {
+    std::fprintf(stderr, "parlova: the home folder %s does not exist; nothing is done\n", home.c_str());
+    return 1;
   }
   return parlova::runParlova(options);
 }

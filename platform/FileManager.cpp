@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <pwd.h>
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -93,6 +94,22 @@ std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
 
 namespace {
 constexpr std::string_view kTemporaryPrefix = ".parlova-tmp-";
+}
+
+std::string describeItem(const fs::path &path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0)
+    return "nothing there";
+  const char *kind = S_ISDIR(status.st_mode)   ? "a folder"
+                     : S_ISLNK(status.st_mode) ? "a symbolic link"
+                     : S_ISREG(status.st_mode) ? "a file"
+                                               : "something other than a file";
+  std::string owner = "uid " + std::to_string(status.st_uid);
+  if (const passwd *entry = getpwuid(status.st_uid); entry && entry->pw_name)
+    owner = entry->pw_name;
+  char mode[8];
+  std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+  return std::string(kind) + " owned by " + owner + ", mode " + mode;
 }
 
 fs::path temporaryPathBeside(const fs::path &path) {

@@ -34,6 +34,11 @@ std::string deletingPathExtension(const std::string &fileName);
 
 bool fileExistsAtPath(const std::filesystem::path &path);
 
+// What is at `path`, for a message to the person who must put it right:
+// "nothing there", "a folder owned by root, mode 0755", "a file owned by
+// alice, mode 0600".
+std::string describeItem(const std::filesystem::path &path);
+
 // When a file or folder was made, not following a link at the path: its
 // birth time where the file system keeps one, else the oldest of its change,
 // modification and access times. Nothing when it cannot be looked at.

@@ -115,7 +115,10 @@ int main(int argc, char **argv) {
       mode = Mode::Archive;
     else if (arg == "--help" || arg == "-h")
       return usage();
-    else
+    else if (arg.size() > 1 && arg.front() == '-') {
+      std::cerr << "parlova-inspect: unknown option '" << arg << "'\n";
+      return usage();
+    } else
       files.push_back(arg);
   }
   if (files.empty())

@@ -124,6 +124,34 @@ TEST(RunDriver, ARunThatFindsAnotherUnderWayEndsAtOnce) {
   EXPECT_FALSE(fs::exists(transcript)) << result.err;
 }
 
+TEST(RunDriver, ALockThatCannotBeTakenEndsTheRunBeforeAnythingIsTouched) {
+  ScratchHome home;
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
+  fs::create_directories(lockFile);
+  fs::permissions(lockFile, fs::perms(0755));
+  for (const std::vector<std::string> &arguments : {std::vector<std::string>{}, {"--catch-up"}}) {
+    const auto result = home.run("parlova", arguments);
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(std::regex_search(result.err, std::regex("\\] Could not lock " + lockFile.string() +
+                                                         ": Is a directory \\(a folder owned by [^,]+, mode 0755\\); "
+                                                         "this run ends and changes nothing until the lock can be "
+                                                         "taken.\n$")))
+        << result.err;
+    EXPECT_TRUE(fs::exists(transcript));
+    EXPECT_EQ(filesBelow(home.path() / "Library"), std::vector<std::string>{}) << "nothing written";
+  }
+}
+
+TEST(RunDriver, AHomeThatDoesNotExistIsRefused) {
+  ScratchHome home;
+  const fs::path missing = home.path() / "gone";
+  const auto result = home.run("parlova", {}, {{"HOME", missing.string()}});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.err, "parlova: the home folder " + missing.string() + " does not exist; nothing is done\n");
+  EXPECT_FALSE(fs::exists(missing));
+}
+
 TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
   ScratchHome home;
   home.setSetting("handleURLs", "-bool", "YES");
