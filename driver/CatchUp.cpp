@@ -176,7 +176,21 @@ int catchUp(const RunOptions &options) {
     }
 
     using Outcome = ChatLogPreparation::Outcome;
-    const ChatLogPreparation preparation = PrepareChatLog(path.string(), &*log);
+    const auto beforeMail = [&] {
+      if (const auto why = WhyArchivingCannotFinish(path)) {
+        ReportArchivingCannotFinish(*why);
+        stopped = "cannot move transcripts: " + *why;
+        return false;
+      }
+      if (!batch.open()) {
+        stopped = "the journal could not be written";
+        return false;
+      }
+      return true;
+    };
+    const ChatLogPreparation preparation = PrepareChatLog(path.string(), &*log, beforeMail);
+    if (preparation.outcome == Outcome::CannotFinish)
+      break;
     if (preparation.outcome == Outcome::LeftOpen) {
       // A single run would end here and the next one stop at the same
       // chat; a catch-up leaves it for later and goes on.
@@ -195,10 +209,6 @@ int catchUp(const RunOptions &options) {
     }
     tally.mailed += preparation.mailed ? 1 : 0;
 
-    if (!batch.open()) {
-      stopped = "the journal could not be written";
-      break;
-    }
     // Noted before anything of it reaches the archives: a batch cut short
     // is finished from these notes.
     const fs::path target = ArchiveTargetFor(path);
@@ -211,8 +221,23 @@ int catchUp(const RunOptions &options) {
     if (preparation.handleImages)
       tally.pending.pictures += batch.archives().addImages(*log);
     batch.archives().addStatistics(*log);
-    MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero);
+    const bool moved = MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero);
     ++tally.pending.transcripts;
+    if (!moved) {
+      // Archived but not moved: once the batch is written, the journal
+      // keeps this one transcript for later runs to move, and only move.
+      const std::string reason = std::strerror(errno);
+      if (batch.commit()) {
+        tally.commit();
+        TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
+        if (!journal.begin(path) || !journal.markMoveFailed(target))
+          journal.clear();
+      } else {
+        tally.pending = {};
+      }
+      stopped = "could not move " + entry + ": " + reason;
+      break;
+    }
 
     if (batch.due(options)) {
       if (!batch.commit()) {

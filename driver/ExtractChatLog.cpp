@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <unistd.h>
 
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
@@ -43,12 +44,17 @@ fs::path ArchiveTargetFor(const fs::path &transcript) { return archiveTarget(arc
 
 // The end of every processed transcript: the move, and a clean slate for
 // the email failure count.
-void MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
+bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
   std::error_code error;
   fs::create_directories(target.parent_path(), error);
   logFormat("preparing to move %@ to %@", transcript.string(), target.string());
-  if (!moveItem(transcript, target))
+  const bool moved = moveItem(transcript, target);
+  if (!moved) {
+    const std::string reason = std::strerror(errno);
     logLine("FAILED");
+    logFormat("Could not move %@ to %@: %@; later runs try the move again, and only the move.", transcript.string(),
+              target.string(), reason);
+  }
 
   Preferences &settings = appSettings();
   if (settings.intValue("errorStatus") == 0) {
@@ -58,11 +64,39 @@ void MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, Fai
       if (count && plist_get_node_type(count->node()) == PLIST_UINT)
         plist_get_uint_val(count->node(), &stored);
       if (stored == 0)
-        return;
+        return moved;
     }
     settings.setAppValue("emailFails", PreferenceValue::integer(0));
     settings.appSynchronize();
   }
+  return moved;
+}
+
+std::optional<std::string> WhyArchivingCannotFinish(const fs::path &transcript) {
+  const fs::path folder = archiveFolder();
+  std::error_code error;
+  fs::create_directories(folder, error);
+  const auto status = fs::symlink_status(folder, error);
+  if (fs::is_symlink(status) && !fs::exists(fs::status(folder, error)))
+    return "it is a link to " + fs::read_symlink(folder, error).string() + ", which is not there";
+  if (!fs::is_directory(fs::status(folder, error)))
+    return fileExistsAtPath(folder) ? "it is not a folder" : "it cannot be made: " + error.message();
+  if (access(folder.c_str(), W_OK | X_OK) != 0)
+    return std::strerror(errno);
+  const std::string name = ArchiveTargetFor(transcript).filename().string();
+  const long longest = pathconf(folder.c_str(), _PC_NAME_MAX);
+  if (longest > 0 && name.size() > static_cast<size_t>(longest))
+    return "the name it would get there (" + std::to_string(name.size()) + " bytes) is longer than the file system "
+           "allows (" + std::to_string(longest) + ")";
+  return std::nullopt;
+}
+
+void ReportArchivingCannotFinish(const std::string &why) {
+  const std::string text = "cannot move transcripts into " + archiveFolder().string() + ": " + why;
+  logFormat("Nothing was sent or archived: %@. The next run tries again.", text);
+  Preferences &settings = appSettings();
+  settings.setAppValue("reportThis", PreferenceValue::string(text));
+  settings.appSynchronize();
 }
 
 namespace {
@@ -127,7 +161,8 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
 
 } // namespace
 
-ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log) {
+ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log,
+                                  const std::function<bool()> &beforeMail) {
   using Outcome = ChatLogPreparation::Outcome;
   Preferences &settings = appSettings();
   ChatLogPreparation preparation;
@@ -158,6 +193,12 @@ ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log) {
     return preparation;
   }
 
+  // Nothing is sent for a transcript whose archiving could not be finished.
+  if (beforeMail && !beforeMail()) {
+    preparation.outcome = Outcome::CannotFinish;
+    return preparation;
+  }
+
   logFormat("preparing email send %@", path);
 
   if (sendEmails && sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort)) {
@@ -177,18 +218,36 @@ ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log) {
 }
 
 void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
-  const ChatLogPreparation preparation = PrepareChatLog(path, log);
-  if (preparation.outcome == ChatLogPreparation::Outcome::ErrorStands)
-    std::exit(0);
-  if (preparation.outcome != ChatLogPreparation::Outcome::Ready)
-    return;
-
-  // Whatever ends this run from here on, the next one finds the archives
-  // either without this transcript or complete with it.
+  // Kept from before the mail, so that a run that cannot write it sends
+  // nothing; whatever ends this run from then on, the next one finds the
+  // archives either without this transcript or complete with it.
   TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
-  if (!journal.begin(path)) {
-    logFormat("Could not write %@: %@", journal.journalFile().string(), std::strerror(errno));
+  const auto beforeMail = [&] {
+    if (const auto why = WhyArchivingCannotFinish(path)) {
+      ReportArchivingCannotFinish(*why);
+      return false;
+    }
+    if (!journal.begin(path)) {
+      logFormat("Could not write %@: %@", journal.journalFile().string(), std::strerror(errno));
+      return false;
+    }
+    return true;
+  };
+  const ChatLogPreparation preparation = PrepareChatLog(path, log, beforeMail);
+  switch (preparation.outcome) {
+  case ChatLogPreparation::Outcome::NotLoaded:
+  case ChatLogPreparation::Outcome::LeftOpen:
     return;
+  case ChatLogPreparation::Outcome::MailFailed:
+    journal.clear();
+    return;
+  case ChatLogPreparation::Outcome::ErrorStands:
+    journal.clear();
+    std::exit(0);
+  case ChatLogPreparation::Outcome::CannotFinish:
+    std::exit(0);
+  case ChatLogPreparation::Outcome::Ready:
+    break;
   }
 
   if (preparation.handleURLs)
@@ -204,8 +263,8 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
     logFormat("Could not write %@: %@", journal.journalFile().string(), std::strerror(errno));
     journal.clear();
   }
-  MoveToArchiveFolder(path, target);
-  journal.clear();
+  if (MoveToArchiveFolder(path, target) || !journal.markMoveFailed(target))
+    journal.clear();
   std::exit(0);
 }
 
@@ -243,12 +302,17 @@ bool FinishInterruptedArchiving() {
               recovery.transcript.string());
     return true;
   case TranscriptJournal::Recovery::Kind::MoveDue: {
-    logFormat("A run ended before moving %@; moving it now.", recovery.transcript.string());
+    if (recovery.moveFailedBefore)
+      logFormat("Moving %@ again: it is archived, only its move failed.", recovery.transcript.string());
+    else
+      logFormat("A run ended before moving %@; moving it now.", recovery.transcript.string());
     // The target chosen then may have been taken since.
     const fs::path target = fileExistsAtPath(recovery.target)
                                 ? archiveTarget(recovery.target.parent_path(), recovery.transcript)
                                 : recovery.target;
-    MoveToArchiveFolder(recovery.transcript, target);
+    // Until it is moved, no other transcript is begun: the journal keeps one.
+    if (!MoveToArchiveFolder(recovery.transcript, target))
+      return false;
     journal.clear();
     return true;
   }

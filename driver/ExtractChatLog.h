@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "model/ICLPChatLog.h"
@@ -20,6 +22,7 @@ struct ChatLogPreparation {
     LeftOpen,    // the chat is not over: stays for a later run
     MailFailed,  // the email could not be handed to a server: stays
     ErrorStands, // errorStatus is set: nothing is archived
+    CannotFinish, // its archiving could not be finished: nothing was sent
     Ready        // archive it
   };
   Outcome outcome = Outcome::NotLoaded;
@@ -27,7 +30,18 @@ struct ChatLogPreparation {
   bool handleImages = false;
   bool mailed = false; // the server took the email
 };
-ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log);
+// `beforeMail` runs once the chat is judged over and before anything is
+// sent; when it answers false nothing is sent (CannotFinish).
+ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log,
+                                  const std::function<bool()> &beforeMail);
+
+// Why a transcript could not be carried to its end: the archive folder
+// cannot be made, is no writable folder (a file, a link to nothing, a
+// read-only file system), or the name it would get there is too long.
+// Checked before anything is sent or archived; nothing when all is well.
+std::optional<std::string> WhyArchivingCannotFinish(const std::filesystem::path &transcript);
+// Says so in the log and in reportThis.
+void ReportArchivingCannotFinish(const std::string &why);
 
 // Where a transcript goes in ~/Documents/iChats (Parlovaed): its own name,
 // or with " #2", " #2 #3", ... when that is taken.
@@ -36,7 +50,8 @@ std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
 // and the email failure count set back. A catch-up leaves a count that
 // stands at 0 already as it is, which writes the same settings file.
 enum class FailureCountReset { Always, WhenNotZero };
-void MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
+// False when the move failed ("FAILED" and the reason are logged).
+bool MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
                          FailureCountReset reset = FailureCountReset::Always);
 
 // Puts right what a run that ended half-way through a transcript, or a

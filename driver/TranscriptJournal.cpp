@@ -41,7 +41,7 @@ std::optional<TranscriptJournal::Identity> TranscriptJournal::identify(const fs:
 }
 
 bool TranscriptJournal::write(const fs::path &transcript, const Identity &identity,
-                              const std::optional<fs::path> &target) {
+                              const std::optional<fs::path> &target, bool moveFailed) {
   PlistValue::Dictionary existed;
   for (const auto &[name, there] : existedBefore_)
     existed.emplace_back(name, there);
@@ -52,6 +52,8 @@ bool TranscriptJournal::write(const fs::path &transcript, const Identity &identi
                                     {"archives", std::move(existed)}};
   if (target)
     entries.emplace_back("target", target->string());
+  if (moveFailed)
+    entries.emplace_back("moveFailed", true);
   return writeFileAtomically(journalFile(), PlistValue(std::move(entries)).serialized(PlistFormat::XML));
 }
 
@@ -225,6 +227,10 @@ bool TranscriptJournal::markArchived(const fs::path &target) {
   return transcript_ && write(*transcript_, identity_, target);
 }
 
+bool TranscriptJournal::markMoveFailed(const fs::path &target) {
+  return transcript_ && write(*transcript_, identity_, target, true);
+}
+
 void TranscriptJournal::clear() {
   std::error_code error;
   // The journal file goes first: without it what is left means nothing.
@@ -270,12 +276,12 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
 
   if (*phase == kBatch) {
     restoreKeptArchives();
-    return {Kind::BatchDue, {}, {}, movedInBatch()};
+    return {Kind::BatchDue, {}, {}, movedInBatch(), false};
   }
   if (*phase != kArchived) {
     restoreArchives();
     clear();
-    return {Kind::RolledBack, *transcript, {}, {}};
+    return {Kind::RolledBack, *transcript, {}, {}, false};
   }
   const std::string *target = journal->stringForKey("target");
   const std::string *digest = journal->stringForKey("digest");
@@ -297,7 +303,8 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
     clear();
     return {};
   }
-  return {Kind::MoveDue, *transcript, *target, {}};
+  const PlistValue *failed = journal->objectForKey("moveFailed");
+  return {Kind::MoveDue, *transcript, *target, {}, failed && failed->get<bool>() && *failed->get<bool>()};
 }
 
 } // namespace parlova

@@ -42,6 +42,7 @@ public:
     std::filesystem::path transcript;
     std::filesystem::path target;
     std::vector<BatchMove> moved;
+    bool moveFailedBefore = false; // MoveDue: a run tried and failed
   };
 
   // Undoes or finishes what a run that died left behind. Only while no
@@ -54,6 +55,9 @@ public:
   bool begin(const std::filesystem::path &transcript);
   // Every stage is done; the transcript goes to `target` next.
   bool markArchived(const std::filesystem::path &target);
+  // The move to `target` failed: later runs retry the move and nothing
+  // else, until it succeeds.
+  bool markMoveFailed(const std::filesystem::path &target);
   // Forgets the transcript: after its move, or once nothing is left to do.
   void clear();
 
@@ -83,7 +87,7 @@ private:
   std::vector<Recovery::BatchMove> movedInBatch();
 
   bool write(const std::filesystem::path &transcript, const Identity &identity,
-             const std::optional<std::filesystem::path> &target);
+             const std::optional<std::filesystem::path> &target, bool moveFailed = false);
   void restoreArchives();
 
   std::filesystem::path parlovaFolder_;

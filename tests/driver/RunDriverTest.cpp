@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <regex>
 #include <spawn.h>
 #include <fcntl.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include "driver/TranscriptJournal.h"
+#include "foundation/PropertyListValue.h"
 #include "platform/FileManager.h"
 #include "tests/support/ToolTestSupport.h"
 
@@ -95,14 +97,92 @@ TEST(RunDriver, ArchiveNamesPileUpTheirSuffixes) {
   EXPECT_EQ(readText(home.archive() / (name + ".ichat")), "earlier") << "an earlier archive is never replaced";
 }
 
-TEST(RunDriver, FailedMoveLeavesTheTranscriptAndEndsNormally) {
-  ScratchHome home;
-  writeText(home.archive(), "a file where the archive folder should be");
-  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
-  const auto result = home.run("parlova");
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_NE(result.err.find("] FAILED\n"), std::string::npos) << result.err;
-  EXPECT_TRUE(fs::exists(transcript));
+// Mail on, to a server that takes everything: what went out is counted.
+class Faults : public ::testing::Test {
+protected:
+  void SetUp() override {
+    home_.setSetting("sendEmails", "-bool", "YES");
+    home_.setSetting("emailServer", "-string", "127.0.0.1");
+    home_.setSetting("emailPort", "-int", server_.port());
+    home_.setSetting("emailAddress", "-string", "me@example.org");
+    home_.setSetting("emailOutgoing", "-string", "parlova@example.org");
+  }
+  int64_t chats() const {
+    const auto bytes = readFileContents(home_.path() / "Library/Parlova/chatgeist.plist");
+    const auto totals = bytes ? PlistValue::parse(*bytes) : std::nullopt;
+    return totals ? totals->integerForKey("chatcount").value_or(0) : 0;
+  }
+  ScratchHome home_;
+  SmtpServer server_{home_.path() / "smtp", "accept"};
+};
+
+TEST_F(Faults, ArchivingThatCannotFinishIsNotBegunAndNothingIsSent) {
+  // 255 bytes, the most a name may have: " #2" pushes the second copy over.
+  const std::string longName = std::string(226, 'a') + " on 2005-03-01 at 10.15.ichat";
+  const struct {
+    const char *fault;
+    std::function<void()> make;
+    std::string reason;
+  } cases[] = {
+      {"a file", [&] { writeText(home_.archive(), "not a folder"); }, "it is not a folder"},
+      {"a dangling link", [&] { fs::create_directory_symlink(home_.path() / "unmounted", home_.archive()); },
+       "it is a link to " + (home_.path() / "unmounted").string() + ", which is not there"},
+      {"a name too long", [&] { writeText(home_.archive() / longName, "an earlier copy"); },
+       "the name it would get there (258 bytes) is longer than the file system allows (255)"},
+  };
+  for (const auto &fault : cases) {
+    fs::remove_all(home_.archive());
+    fs::remove_all(home_.chats());
+    fault.make();
+    const auto transcript = home_.addTranscript(longName, simpleChat());
+    for (const std::vector<std::string> &arguments : {std::vector<std::string>{}, {}, {"--catch-up"}}) {
+      const auto result = home_.run("parlova", arguments);
+      EXPECT_EQ(result.exitCode, 0);
+      EXPECT_NE(result.err.find("] Nothing was sent or archived: cannot move transcripts into " +
+                                home_.archive().string() + ": " + fault.reason + ". The next run tries again.\n"),
+                std::string::npos)
+          << fault.fault << ": " << result.err;
+      EXPECT_EQ(result.err.find("preparing email send"), std::string::npos) << fault.fault;
+    }
+    EXPECT_TRUE(fs::exists(transcript)) << fault.fault;
+    EXPECT_EQ(server_.messages().size(), 0u) << fault.fault;
+    EXPECT_EQ(chats(), 0) << fault.fault;
+    EXPECT_EQ(home_.readSetting("reportThis"), "cannot move transcripts into " + home_.archive().string() + ": " +
+                                                   fault.reason)
+        << fault.fault;
+  }
+}
+
+TEST_F(Faults, AMoveThatFailsIsRetriedAsAMoveAndNeverMailedOrCountedAgain) {
+  const auto transcript = home_.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  // The archive folder on a file system of its own, full: the move is a
+  // copy across file systems, and the copy fails.
+  fs::create_directories(home_.archive());
+  const std::string folder = "'" + home_.archive().string() + "'";
+  if (std::system(("mount -t tmpfs -o size=16k tmpfs " + folder + " 2>/dev/null").c_str()) != 0)
+    GTEST_SKIP() << "needs root to mount a small file system";
+  std::system(("head -c 1M /dev/zero > " + folder + "/filler 2>/dev/null").c_str());
+  const auto first = home_.run("parlova");
+  const auto second = home_.run("parlova");
+  const auto third = home_.run("parlova", {"--catch-up"});
+  fs::remove(home_.archive() / "filler");
+  const auto last = home_.run("parlova");
+  const auto archived = filesBelow(home_.archive());
+  std::system(("umount " + folder).c_str());
+
+  EXPECT_NE(first.err.find("] FAILED\n"), std::string::npos) << first.err;
+  EXPECT_NE(first.err.find("] Could not move " + transcript.string() + " to "), std::string::npos) << first.err;
+  for (const auto &retry : {second, third}) {
+    EXPECT_NE(retry.err.find("] Moving " + transcript.string() + " again: it is archived, only its move failed.\n"),
+              std::string::npos)
+        << retry.err;
+    EXPECT_NE(retry.err.find("] FAILED\n"), std::string::npos);
+    EXPECT_EQ(retry.err.find("extracting"), std::string::npos) << retry.err;
+  }
+  EXPECT_FALSE(fs::exists(transcript)) << last.err;
+  EXPECT_EQ(archived, std::vector<std::string>{"Alice on 2005-03-01.ichat"});
+  EXPECT_EQ(server_.messages().size(), 1u);
+  EXPECT_EQ(chats(), 1);
 }
 
 TEST(RunDriver, ARunThatFindsAnotherUnderWayEndsAtOnce) {
