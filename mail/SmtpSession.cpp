@@ -1,5 +1,6 @@
 #include "mail/SmtpSession.h"
 
+#include "foundation/Unicode.h"
 #include "platform/LoadableModule.h"
 
 namespace parlova {
@@ -10,7 +11,13 @@ std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const 
   if (const auto *why = std::get_if<std::string>(&found))
     return *why;
   const auto openSession = reinterpret_cast<OpenSmtpSessionFunction>(std::get<void *>(found));
-  return std::unique_ptr<SmtpSession>(openSession(&server, &message));
+  // The header texts come from file names and settings that anyone may have
+  // typed: the mail framework drops a header that is not UTF-8, so bytes
+  // that are not become U+FFFD here, once, for every caller.
+  MailMessage headers = message;
+  for (std::string *text : {&headers.subject, &headers.from, &headers.to})
+    *text = utf16ToUtf8(utf8ToUtf16(*text));
+  return std::unique_ptr<SmtpSession>(openSession(&server, &headers));
 }
 
 } // namespace parlova

@@ -55,6 +55,20 @@ TEST_F(Email, TheServerReceivesBothRenderingsInOrder) {
   EXPECT_TRUE(archived());
 }
 
+TEST_F(Email, ASubjectFromANameThatIsNotUtf8KeepsWhatIsAndMarksTheRest) {
+  SmtpServer server(home_.path() / "smtp", "accept");
+  configure(server.port());
+  home_.addTranscript("Al\xE9x on 2006-01-01.ichat", simpleChat("alex"));
+  const auto result = home_.run("parlova");
+  ASSERT_EQ(server.messages().size(), 1u) << result.err;
+  const std::string mail = server.messages().front();
+  const auto subject = mail.find("Subject: ");
+  ASSERT_NE(subject, std::string::npos) << mail;
+  const std::string line = mail.substr(subject, mail.find('\n', subject) - subject);
+  // Encoded by the mail framework: "[IM] Al\uFFFDx" in UTF-8 quoted-printable or base64.
+  EXPECT_TRUE(line.find("=EF=BF=BD") != std::string::npos || line.find("?B?") != std::string::npos) << line;
+}
+
 TEST_F(Email, LoginIsUsedWhenAskedAndARejectedOneIsReported) {
   for (const auto &[password, delivered] : std::vector<std::pair<std::string, bool>>{{"secret", true}, {"wrong", false}}) {
     SmtpServer server(home_.path() / ("smtp-" + password), "auth");
