@@ -129,6 +129,77 @@ void removeLeftoverTemporaries(const fs::path &folder) {
     fs::remove_all(leftover, error);
 }
 
+namespace {
+
+// A rename is on the disk once the folder that holds the name is.
+void syncFolderOf(const fs::path &path) {
+  const int fd = open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0)
+    return;
+  fsync(fd);
+  close(fd);
+}
+
+// A regular file's copy for a move across file systems: with the
+// original's mode and times (as mv keeps them), and on the disk before the
+// original may go.
+bool copyFileForMove(const fs::path &from, const fs::path &to) {
+  const int in = open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0)
+    return false;
+  struct stat status {};
+  const int out = fstat(in, &status) == 0
+                      ? open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, status.st_mode & 07777)
+                      : -1;
+  bool complete = out >= 0;
+  char buffer[1 << 16];
+  while (complete) {
+    const ssize_t n = read(in, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0) {
+      complete = n == 0;
+      break;
+    }
+    for (ssize_t written = 0; complete && written < n;) {
+      const ssize_t w = write(out, buffer + written, static_cast<size_t>(n - written));
+      if (w < 0 && errno == EINTR)
+        continue;
+      complete = w > 0;
+      written += w > 0 ? w : 0;
+    }
+  }
+  const timespec times[2] = {status.st_atim, status.st_mtim};
+  complete = complete && futimens(out, times) == 0 && fsync(out) == 0;
+  const int reason = errno;
+  close(in);
+  if (out >= 0)
+    close(out);
+  errno = reason;
+  return complete;
+}
+
+// Puts `temporary` in place as `to` without replacing anything there, on
+// file systems that refuse the no-replace flag or hard links too: the name
+// is taken first with O_EXCL, then the temporary renamed over what is ours.
+bool renameWithoutReplacing(const fs::path &temporary, const fs::path &to) {
+  if (renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+    return true;
+  if (errno != EINVAL)
+    return false;
+  if (link(temporary.c_str(), to.c_str()) == 0)
+    return unlink(temporary.c_str()) == 0;
+  if (errno == EEXIST)
+    return false;
+  const int placeholder = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (placeholder < 0)
+    return false;
+  close(placeholder);
+  return std::rename(temporary.c_str(), to.c_str()) == 0;
+}
+
+} // namespace
+
 bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability) {
   const fs::path temporary = temporaryPathBeside(path);
   const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
@@ -147,8 +218,11 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, D
   const bool complete = written == bytes.size() && (durability == Durability::ByNextSync || fsync(fd) == 0);
   int reason = errno;
   close(fd);
-  if (complete && std::rename(temporary.c_str(), path.c_str()) == 0)
+  if (complete && std::rename(temporary.c_str(), path.c_str()) == 0) {
+    if (durability == Durability::Now)
+      syncFolderOf(path);
     return true;
+  }
   if (complete)
     reason = errno;
   unlink(temporary.c_str());
@@ -180,26 +254,45 @@ bool appendToFile(const fs::path &path, std::span<const uint8_t> bytes) {
 }
 
 bool moveItem(const fs::path &from, const fs::path &to) {
-  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    syncFolderOf(to);
+    if (from.parent_path() != to.parent_path())
+      syncFolderOf(from);
     return true;
+  }
   if (errno == EINVAL && !fileExistsAtPath(to)) {
     // File systems without the no-replace flag: a hard link fails on an
     // existing target just as well.
-    if (link(from.c_str(), to.c_str()) == 0)
-      return unlink(from.c_str()) == 0;
+    if (link(from.c_str(), to.c_str()) == 0) {
+      syncFolderOf(to);
+      const bool removed = unlink(from.c_str()) == 0;
+      syncFolderOf(from);
+      return removed;
+    }
   }
-  if (errno != EXDEV || fileExistsAtPath(to))
+  if (errno != EXDEV && errno != EPERM && errno != EINVAL)
     return false;
-  // Across file systems: copy beside the target and rename it into place,
-  // so the target is never a part; remove the original only then.
+  if (fileExistsAtPath(to))
+    return errno = EEXIST, false;
+  // Across file systems: copy beside the target and put it in place, so the
+  // target is never a part; remove the original only once the copy is on
+  // the disk.
   const fs::path temporary = temporaryPathBeside(to);
   std::error_code error;
-  fs::copy(from, temporary, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
-  if (error || renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+  const bool copied = fs::is_regular_file(fs::symlink_status(from, error))
+                          ? copyFileForMove(from, temporary)
+                          : (fs::copy(from, temporary, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
+                                      error),
+                             !error);
+  if (!copied || !renameWithoutReplacing(temporary, to)) {
+    const int reason = errno;
     fs::remove_all(temporary, error);
+    errno = reason;
     return false;
   }
+  syncFolderOf(to);
   fs::remove_all(from, error);
+  syncFolderOf(from);
   return !error;
 }
 

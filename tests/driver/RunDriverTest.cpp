@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <regex>
+#include <sstream>
 #include <spawn.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -155,6 +156,7 @@ TEST_F(Faults, ArchivingThatCannotFinishIsNotBegunAndNothingIsSent) {
 
 TEST_F(Faults, AMoveThatFailsIsRetriedAsAMoveAndNeverMailedOrCountedAgain) {
   const auto transcript = home_.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  fs::last_write_time(transcript, fs::last_write_time(transcript) - std::chrono::hours(24 * 365));
   // The archive folder on a file system of its own, full: the move is a
   // copy across file systems, and the copy fails.
   fs::create_directories(home_.archive());
@@ -166,9 +168,13 @@ TEST_F(Faults, AMoveThatFailsIsRetriedAsAMoveAndNeverMailedOrCountedAgain) {
   const auto second = home_.run("parlova");
   const auto third = home_.run("parlova", {"--catch-up"});
   fs::remove(home_.archive() / "filler");
+  const auto written = fs::last_write_time(transcript);
   const auto last = home_.run("parlova");
   const auto archived = filesBelow(home_.archive());
+  std::error_code error;
+  const auto moved = fs::last_write_time(home_.archive() / "Alice on 2005-03-01.ichat", error);
   std::system(("umount " + folder).c_str());
+  EXPECT_EQ(moved, written) << "a copy across file systems keeps the time, as mv does";
 
   EXPECT_NE(first.err.find("] FAILED\n"), std::string::npos) << first.err;
   EXPECT_NE(first.err.find("] Could not move " + transcript.string() + " to "), std::string::npos) << first.err;
@@ -183,6 +189,47 @@ TEST_F(Faults, AMoveThatFailsIsRetriedAsAMoveAndNeverMailedOrCountedAgain) {
   EXPECT_EQ(archived, std::vector<std::string>{"Alice on 2005-03-01.ichat"});
   EXPECT_EQ(server_.messages().size(), 1u);
   EXPECT_EQ(chats(), 1);
+}
+
+// Traced with strace: every rename that commits a state follows an fsync
+// of the file it puts in place (where it wrote one) and precedes an fsync
+// of the folder that holds the new name.
+TEST(RunDriver, EveryCommittingRenameIsOnTheDiskWithItsFolder) {
+  ScratchHome home;
+  installShippedFiles(home);
+  home.setSetting("handleURLs", "-bool", "YES");
+  home.setSetting("handleImages", "-bool", "YES");
+  home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const fs::path trace = home.path() / "trace";
+  const std::string command = "HOME='" + home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 strace -f -y -qq -o '" +
+                              trace.string() + "' -e trace=fsync,rename,renameat2 '" PARLOVA_BINARY_DIR
+                              "/parlova' 2>/dev/null";
+  if (std::system(command.c_str()) != 0 || !fs::exists(trace))
+    GTEST_SKIP() << "strace is not available";
+  std::vector<std::string> calls;
+  std::istringstream lines(readText(trace));
+  for (std::string line; std::getline(lines, line);)
+    if (line.find("= 0") != std::string::npos)
+      calls.push_back(line);
+  const std::regex renamed(R"re((rename|renameat2)\((?:AT_FDCWD(?:<[^>]*>)?, )?"([^"]+)", (?:AT_FDCWD(?:<[^>]*>)?, )?"([^"]+)")re");
+  size_t checked = 0;
+  for (size_t i = 0; i < calls.size(); ++i) {
+    std::smatch match;
+    if (!std::regex_search(calls[i], match, renamed))
+      continue;
+    const fs::path from = match[2].str(), to = match[3].str();
+    if (from.filename().string().starts_with(".parlova-tmp-")) {
+      EXPECT_TRUE(i > 0 && calls[i - 1].find("fsync(") != std::string::npos &&
+                  calls[i - 1].find("<" + from.string() + ">") != std::string::npos)
+          << calls[i] << "\nafter\n" << (i > 0 ? calls[i - 1] : "");
+    }
+    EXPECT_TRUE(i + 1 < calls.size() && calls[i + 1].find("fsync(") != std::string::npos &&
+                calls[i + 1].find("<" + to.parent_path().string() + ">") != std::string::npos)
+        << calls[i] << "\nbefore\n" << (i + 1 < calls.size() ? calls[i + 1] : "");
+    ++checked;
+  }
+  EXPECT_GE(checked, 6u) << "settings, journal, archives, pages and the move";
+  EXPECT_TRUE(fs::exists(home.archive() / "Alice on 2005-03-01.ichat"));
 }
 
 TEST(RunDriver, ARunThatFindsAnotherUnderWayEndsAtOnce) {
