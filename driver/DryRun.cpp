@@ -28,6 +28,10 @@ bool namedLikeTranscript(const fs::path &path) {
 } // namespace
 
 int dryRun(const RunOptions &options) {
+  if (!settingsAreUsable()) {
+    say("stop: the settings file is damaged; a run would end before anything else");
+    return 0;
+  }
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
   if (fs::exists(ICLPLogGenerator::parlovaFolder() / ".journal" / "journal.plist"))
     say("note: a run was interrupted; the next run first puts its archives right");

@@ -126,6 +126,17 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
     return true;
   }
   Preferences &settings = appSettings();
+  // A port beyond 16 bits would wrap to another port: refused, never sent.
+  if (const auto stored = settings.copyAppValue("emailPort")) {
+    const auto number = plistInteger(stored->node());
+    const int64_t value = number ? *number : stored->intValue();
+    if (value < 0 || value > 65535) {
+      const std::string reason = "emailPort " + std::to_string(value) + " is no port number (0 to 65535)";
+      logFormat("Unable to connect to mail server: %@.", reason);
+      ICLPChatLog::reportErrorAndLog(2, reason);
+      return true;
+    }
+  }
   const std::string security = settings.stringValue("emailSecurity").value_or("none");
   const auto mode = mailSecurityNamed(security);
   if (!mode) {

@@ -83,7 +83,23 @@ int runOnce(const RunOptions &options) {
 
 } // namespace
 
+bool settingsAreUsable() {
+  // Read as if every feature were off, damaged settings would archive
+  // transcripts without their mail: better no run until they are right.
+  const auto damage = appSettings().damage();
+  if (damage)
+    logFormat("The settings file %@ is damaged: %@. This run ends and touches nothing; put the file right, or "
+              "delete it to start afresh (parlova-defaults delete %@).",
+              appSettings().file().string(), *damage, std::string(kSettingsDomain));
+  return !damage;
+}
+
 std::optional<RunLockAttempt> startRun() {
+  if (!settingsAreUsable())
+    return std::nullopt;
+  // Copies of the settings (password included) that a writer killed
+  // half-way left behind.
+  removeOrphanedTemporaries(appSettings().file().parent_path());
   // One run at a time: two would mail, gather and count the same transcript.
   const fs::path lockFile = ICLPLogGenerator::parlovaFolder() / ".parlova.lock";
   auto lock = RunLock::tryAcquire(lockFile);

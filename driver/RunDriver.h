@@ -19,6 +19,10 @@ int runParlova(const RunOptions &options = {});
 // logged); the run then ends. Keep what it returns for the whole run.
 std::optional<RunLockAttempt> startRun();
 
+// False, with a log line, when the settings file is there but damaged: no
+// run may go on then.
+bool settingsAreUsable();
+
 // What every run does for each entry of the walk before loading it: the
 // settings read afresh, iChat asked whether it runs and, if so, whether the
 // entry's chat window is still open. Sets iChatRunning and

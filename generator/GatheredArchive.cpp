@@ -21,7 +21,7 @@ constexpr std::string_view kActiveIndexItem =
 bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> bytes) {
   std::error_code ignored;
   std::filesystem::create_directories(path.parent_path(), ignored);
-  if (writeFileAtomically(path, bytes))
+  if (writeFileAtomically(path, bytes, Durability::Now, Visibility::Private))
     return true;
   logFormat("Could not write %@: %@", path.string(), std::strerror(errno));
   return false;

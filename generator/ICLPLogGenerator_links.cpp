@@ -186,7 +186,7 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
       ICLPChatLog::reportErrorAndLog(4, "corrupt cache");
       return;
     }
-    writeFileAtomically(archivePath, again);
+    writeFileAtomically(archivePath, again, Durability::Now, Visibility::Private);
   }
 
   static const PlistValue::Array kNoLinks;

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <pwd.h>
 #include <random>
@@ -116,7 +118,10 @@ fs::path temporaryPathBeside(const fs::path &path) {
   // Seeded once per process: asking the system for randomness on every
   // write costs more than the write of a small file.
   static std::mt19937 random{std::random_device{}()};
-  return path.parent_path() / (std::string(kTemporaryPrefix) + std::to_string(random()));
+  // The writer's process id first, so that what a dead writer left can be
+  // told from what a live one is writing.
+  return path.parent_path() /
+         (std::string(kTemporaryPrefix) + std::to_string(getpid()) + "-" + std::to_string(random()));
 }
 
 void removeLeftoverTemporaries(const fs::path &folder) {
@@ -200,9 +205,25 @@ bool renameWithoutReplacing(const fs::path &temporary, const fs::path &to) {
 
 } // namespace
 
-bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability) {
+void removeOrphanedTemporaries(const fs::path &folder) {
+  std::error_code error;
+  for (auto it = fs::directory_iterator(folder, error); !error && it != fs::directory_iterator(); it.increment(error)) {
+    const std::string name = it->path().filename().string();
+    if (!name.starts_with(kTemporaryPrefix))
+      continue;
+    const long pid = std::strtol(name.c_str() + kTemporaryPrefix.size(), nullptr, 10);
+    if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      std::error_code ignored;
+      fs::remove_all(it->path(), ignored);
+    }
+  }
+}
+
+bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability,
+                         Visibility visibility) {
   const fs::path temporary = temporaryPathBeside(path);
-  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                      visibility == Visibility::Private ? 0600 : 0644);
   if (fd < 0)
     return false;
   size_t written = 0;

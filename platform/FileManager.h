@@ -54,6 +54,9 @@ std::filesystem::path temporaryPathBeside(const std::filesystem::path &path);
 // Removes what writes through temporaryPathBeside left in `folder` when the
 // process died half-way. Only for when no other run can be writing there.
 void removeLeftoverTemporaries(const std::filesystem::path &folder);
+// The same, for a folder other programs write to as well: only what a
+// process that no longer runs left.
+void removeOrphanedTemporaries(const std::filesystem::path &folder);
 
 // How soon a write must be on the disk itself: before the call returns, or
 // by the caller's next syncFileSystemOf (many files, one flush).
@@ -61,8 +64,11 @@ enum class Durability { Now, ByNextSync };
 
 // Writes beside the target and renames over it, so that readers see the old
 // file or the new one, never a part. On failure errno tells why.
+// `privately`: readable by the owner only (settings with a password,
+// archives of private conversations), the temporary included.
+enum class Visibility { Shared, Private };
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes,
-                         Durability durability = Durability::Now);
+                         Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
 
 // Flushes everything written on the file system that holds `path`.
 bool syncFileSystemOf(const std::filesystem::path &path);

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <cstdio>
 
 #include "platform/FileManager.h"
@@ -98,6 +99,24 @@ fs::path Preferences::fileForDomain(std::string_view domain) {
   return homeDirectory() / "Library" / "Preferences" / (std::string(domain) + ".plist");
 }
 
+std::optional<std::string> Preferences::damage() const {
+  std::error_code error;
+  if (!fs::exists(fs::symlink_status(file_, error)))
+    return std::nullopt;
+  if (fs::is_directory(file_, error))
+    return "it is a folder, not a file";
+  errno = 0;
+  const auto bytes = readFileContents(file_);
+  if (!bytes)
+    return std::string("it cannot be read: ") + (errno ? std::strerror(errno) : "unknown error");
+  PlistPtr parsed = parsePropertyList(*bytes);
+  if (!parsed)
+    return "it is not a property list (damaged or cut short)";
+  if (plist_get_node_type(parsed.get()) != PLIST_DICT)
+    return "it holds no dictionary of settings";
+  return std::nullopt;
+}
+
 PlistPtr Preferences::readFromDisk(bool &unreadable) const {
   unreadable = false;
   if (const auto bytes = readFileContents(file_)) {
@@ -105,6 +124,10 @@ PlistPtr Preferences::readFromDisk(bool &unreadable) const {
     if (parsed && plist_get_node_type(parsed.get()) == PLIST_DICT)
       return parsed;
     unreadable = true;
+  } else {
+    // There but not readable (permission, I/O error): never written over.
+    std::error_code error;
+    unreadable = fs::exists(fs::symlink_status(file_, error));
   }
   return PlistPtr(plist_new_dict());
 }
@@ -161,14 +184,17 @@ bool Preferences::appSynchronize() {
   std::error_code error;
   fs::create_directories(file_.parent_path(), error);
   if (unreadable) {
-    // Keep the damaged file for the user rather than silently replace it.
-    const fs::path aside = file_.string() + ".unreadable";
-    fs::rename(file_, aside, error);
+    // Keep the damaged file for the user rather than silently replace it,
+    // and never in place of one kept before.
+    fs::path aside = file_.string() + ".unreadable";
+    for (int number = 2; !moveItem(file_, aside) && errno == EEXIST; ++number)
+      aside = file_.string() + ".unreadable-" + std::to_string(number);
     logFormat("The settings file %@ could not be read; it was kept as %@ and new settings were started.",
               file_.string(), aside.string());
   }
   const auto bytes = serializePropertyList(current.get(), PlistFormat::Binary);
-  const bool written = !bytes.empty() && writeFileAtomically(file_, bytes);
+  const bool written =
+      !bytes.empty() && writeFileAtomically(file_, bytes, Durability::Now, Visibility::Private);
   if (!written)
     logFormat("The settings file %@ could not be written.", file_.string());
   pending_.clear();

@@ -71,6 +71,11 @@ public:
   // Every stored key and value, for printing a whole domain.
   PlistPtr copyAllValues();
 
+  // Why the file is there but cannot be used: it cannot be read (the
+  // system's reason), or it is no property list, or not a dictionary.
+  // Nothing when it is fine or not there at all.
+  std::optional<std::string> damage() const;
+
 private:
   PlistPtr readFromDisk(bool &unreadable) const;
   void loadIfNeeded();

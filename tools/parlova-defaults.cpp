@@ -2,6 +2,7 @@
 //   parlova-defaults read [DOMAIN [KEY]]
 //   parlova-defaults write DOMAIN KEY [-string|-int|-integer|-float|-bool|-boolean] VALUE
 //   parlova-defaults delete DOMAIN [KEY]
+#include <cerrno>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -73,13 +74,28 @@ int usage() {
   return 2;
 }
 
+// What Parlova's own numbers may hold: a port is a port, a count is not
+// negative.
+std::optional<std::string> outOfRange(const std::string &key, const PreferenceValue &value) {
+  const auto number = plistInteger(value.node());
+  if (!number)
+    return std::nullopt;
+  if (key == "emailPort" && (*number < 0 || *number > 65535))
+    return "emailPort must be a port number from 0 to 65535";
+  if ((key == "emailFails" || key == "subjectNumber" || key == "errorStatus") && *number < 0)
+    return key + " cannot be negative";
+  return std::nullopt;
+}
+
 std::optional<PreferenceValue> parseValue(const std::string &type, const std::string &text) {
   if (type == "-string")
     return PreferenceValue::string(text);
   if (type == "-int" || type == "-integer") {
     char *end = nullptr;
+    errno = 0;
     const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0')
+    // Beyond 64 bits is refused, never stored as the nearest it can be.
+    if (text.empty() || *end != '\0' || errno == ERANGE)
       return std::nullopt;
     return PreferenceValue::integer(value);
   }
@@ -116,6 +132,11 @@ int main(int argc, char **argv) {
   if (verb == "read") {
     if (args.size() > 3)
       return usage();
+    if (const auto damage = preferences.damage()) {
+      std::cerr << "parlova-defaults: the settings file " << preferences.file().string() << " is damaged: " << *damage
+                << "\n";
+      return 1;
+    }
     if (args.size() == 3) {
       const auto value = preferences.copyAppValue(args[2]);
       if (!value) {
@@ -141,6 +162,10 @@ int main(int argc, char **argv) {
       const auto value = parseValue(args[3], args[4]);
       if (!value) {
         std::cerr << "parlova-defaults: cannot read '" << args[4] << "' as " << args[3] << "\n";
+        return 1;
+      }
+      if (const auto why = domain == kDefaultDomain ? outOfRange(args[2], *value) : std::nullopt) {
+        std::cerr << "parlova-defaults: " << *why << "\n";
         return 1;
       }
       preferences.setAppValue(args[2], *value);
