@@ -20,6 +20,7 @@
 @public
   parlova::SmtpSessionDelegate *delegate;
   NSTimeInterval lastActivity;
+  NSTimeInterval startedAt;
   NSTimeInterval timeout;
   BOOL finished;
 }
@@ -61,7 +62,10 @@
   lastActivity = [NSDate timeIntervalSinceReferenceDate];
 }
 - (void)watch:(NSTimer *)timer {
-  if ([NSDate timeIntervalSinceReferenceDate] - lastActivity > timeout)
+  // Silence, or the whole exchange taking longer than the same time: a
+  // server that trickles a byte now and then must not hold the run.
+  const NSTimeInterval now = [NSDate timeIntervalSinceReferenceDate];
+  if (now - lastActivity > timeout || now - startedAt > timeout)
     [self connectionTimedOut:nil];
 }
 @end
@@ -176,6 +180,7 @@ PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailM
   objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
   objects_->delegate->timeout = smtpTimeoutSeconds();
   objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
+  objects_->delegate->startedAt = objects_->delegate->lastActivity;
 }
 
 PantomimeSmtpSession::~PantomimeSmtpSession() {
@@ -224,6 +229,7 @@ int PantomimeSmtpSession::connect() {
     const int status = [objects_->smtp connect];
     if (status == 0) {
       objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
+  objects_->delegate->startedAt = objects_->delegate->lastActivity;
       [objects_->timers addObject:[NSTimer scheduledTimerWithTimeInterval:0.5
                                                                   target:objects_->delegate
                                                                 selector:@selector(watch:)

@@ -3,7 +3,9 @@
 #include "platform/FileDescriptor.h"
 
 #include <arpa/inet.h>
+#include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -76,14 +78,27 @@ bool sendAll(int fd, std::string_view bytes) {
   return true;
 }
 
+using Clock = std::chrono::steady_clock;
+
+// What is left of the exchange's time, for poll(); 0 once it has run out.
+int millisecondsLeft(Clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left > 0 ? static_cast<int>(std::min<long long>(left, 1 << 30)) : 0;
+}
+
 // One whole reply, every line of it without its line end; nothing when the
-// connection ends, times out or sends something else.
-std::optional<std::vector<std::string>> readReply(int fd, std::string &pending) {
+// connection ends, the deadline passes, or the reply grows past
+// kLongestReply in all (a server may not feed continuation lines for ever).
+std::optional<std::vector<std::string>> readReply(int fd, std::string &pending, Clock::time_point deadline) {
   std::vector<std::string> lines;
+  size_t replied = 0;
   while (true) {
     const auto end = pending.find('\n');
     if (end == std::string::npos) {
-      if (pending.size() > kLongestReply)
+      if (replied + pending.size() > kLongestReply)
+        return std::nullopt;
+      pollfd readable{fd, POLLIN, 0};
+      if (poll(&readable, 1, millisecondsLeft(deadline)) <= 0)
         return std::nullopt;
       char chunk[4096];
       const ssize_t got = recv(fd, chunk, sizeof chunk, 0);
@@ -94,6 +109,9 @@ std::optional<std::vector<std::string>> readReply(int fd, std::string &pending) 
     }
     std::string line = pending.substr(0, end);
     pending.erase(0, end + 1);
+    replied += end + 1;
+    if (replied > kLongestReply)
+      return std::nullopt;
     if (!line.empty() && line.back() == '\r')
       line.pop_back();
     lines.push_back(line);
@@ -181,21 +199,21 @@ std::variant<Secured, std::string> handshake(int fd, const TlsOptions &options) 
 
 // Greeting, EHLO, STARTTLS; nothing of the user's is sent before the
 // upgrade. An empty answer means the server agreed to start TLS.
-std::string negotiateStartTls(int fd) {
+std::string negotiateStartTls(int fd, Clock::time_point deadline) {
   std::string pending;
-  const auto greeting = readReply(fd, pending);
+  const auto greeting = readReply(fd, pending, deadline);
   if (!greeting || !replyCodeIs(*greeting, "220"))
     return "the server did not greet as a mail server does";
   if (!sendAll(fd, "EHLO " + std::string(kClientName) + "\r\n"))
     return "the server closed the connection";
-  const auto extensions = readReply(fd, pending);
+  const auto extensions = readReply(fd, pending, deadline);
   if (!extensions || !replyCodeIs(*extensions, "250"))
     return "the server did not answer EHLO";
   if (!offers(*extensions, "STARTTLS"))
     return "server does not offer STARTTLS";
   if (!sendAll(fd, "STARTTLS\r\n"))
     return "the server closed the connection";
-  const auto ready = readReply(fd, pending);
+  const auto ready = readReply(fd, pending, deadline);
   if (!ready || !replyCodeIs(*ready, "220"))
     return "server refused STARTTLS";
   if (!pending.empty())
@@ -259,7 +277,13 @@ struct TlsTunnel::State {
               return;
             continue;
           }
-          if (SSL_get_error(ssl, got) != SSL_ERROR_WANT_READ || !waitUnlessWanted(ssl, got, true))
+          const int error = SSL_get_error(ssl, got);
+          // The server's end is gone, closed properly or dropped without a
+          // TLS close: nothing more will come, and waiting on the socket
+          // again would only spin.
+          if (error == SSL_ERROR_ZERO_RETURN || error == SSL_ERROR_SYSCALL || error == SSL_ERROR_SSL)
+            return;
+          if (error != SSL_ERROR_WANT_READ || !waitUnlessWanted(ssl, got, true))
             break;
         }
         if (SSL_get_shutdown(ssl) & SSL_RECEIVED_SHUTDOWN)
@@ -312,8 +336,12 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
   if (!state->server)
     return Failure{true, "could not connect"};
   if (options.security == MailSecurity::StartTls) {
-    if (const std::string refused = negotiateStartTls(state->server.get()); !refused.empty())
+    const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
+    if (std::string refused = negotiateStartTls(state->server.get(), deadline); !refused.empty()) {
+      if (Clock::now() >= deadline)
+        refused = "the server did not answer within " + std::to_string(options.timeoutSeconds) + " seconds";
       return Failure{false, refused};
+    }
     state->greeting = "220 " + options.host + " ESMTP\r\n";
   }
   auto secured = handshake(state->server.get(), options);

@@ -2,7 +2,9 @@
 // server receives, and what each way of failing logs, reports and leaves.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "foundation/Unicode.h"
@@ -252,6 +254,42 @@ TEST_F(SecuredEmail, AServerWithoutStartTlsNeverSeesTheLogin) {
   EXPECT_EQ(received.find("secret"), std::string::npos);
   EXPECT_EQ(received.find("MAIL FROM"), std::string::npos);
   EXPECT_TRUE(archived()) << "handled as a refused message";
+}
+
+TEST_F(SecuredEmail, ServersThatFloodTrickleOrDropEndTheExchangeInTime) {
+  const struct {
+    const char *mode;
+    const char *reason; // empty: any refusal, what matters is how soon
+  } cases[] = {{"flood", "the server did not greet as a mail server does"},
+               {"trickle", "the server did not answer within 3 seconds"},
+               {"drop", ""}};
+  for (const auto &server : cases) {
+    SmtpServer misbehaving(home_.path() / server.mode, server.mode, serving("localhost"));
+    secure(misbehaving.port(), "starttls");
+    addChat();
+    const auto started = std::chrono::steady_clock::now();
+    rusage before{};
+    getrusage(RUSAGE_CHILDREN, &before);
+    const auto result = home_.run("parlova", {}, {{"PARLOVA_SMTP_TIMEOUT_SECONDS", "3"}});
+    rusage after{};
+    getrusage(RUSAGE_CHILDREN, &after);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const auto cpu = [](const rusage &usage) {
+      return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+             static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    };
+    EXPECT_EQ(result.exitCode, 0) << server.mode;
+    EXPECT_LT(seconds, 6.0) << server.mode << ": one deadline for the whole exchange\n" << result.err;
+    // A dropped connection ends the relay at once: no spinning on a dead socket.
+    EXPECT_LT(cpu(after) - cpu(before), 1.5) << server.mode;
+    if (*server.reason) {
+      EXPECT_NE(result.err.find(std::string("] Could not secure the connection to the mail server: ") + server.reason),
+                std::string::npos)
+          << server.mode << "\n" << result.err;
+    }
+    fs::remove_all(home_.archive());
+    fs::remove_all(home_.chats());
+  }
 }
 
 TEST_F(SecuredEmail, CertificatesForAnotherHostOrFromAStrangerAreRefused) {

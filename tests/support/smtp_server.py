@@ -8,7 +8,10 @@ required; user "parlova" with password "secret" is accepted), refuse (DATA
 is answered with --reply), silent (connections are accepted and never
 answered), starttls (as auth, but STARTTLS is required first), tls (as auth,
 over TLS from the first byte), no-starttls (offers AUTH LOGIN but not
-STARTTLS, and keeps every byte it receives in DIR/received). The secured
+STARTTLS, and keeps every byte it receives in DIR/received), and three
+that misbehave: flood (a greeting of endless "220-" lines), trickle (a
+greeting one byte a second, never finished) and drop (STARTTLS and the
+handshake, then the connection dropped without a TLS close). The secured
 modes take --cert and --key (PEM). The chosen port is written to FILE once
 the server listens.
 """
@@ -90,6 +93,43 @@ def run_recording(port_file, folder):
                         connection.sendall(b"250 OK\r\n")
 
 
+def run_misbehaving(port_file, mode, cert, key):
+    import ssl
+    import time
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(8)
+    write_port(port_file, listener.getsockname()[1])
+    while True:
+        connection, _ = listener.accept()
+        try:
+            if mode == "flood":
+                while True:
+                    connection.sendall(b"220-flood " + b"x" * 1000 + b"\r\n")
+            elif mode == "trickle":
+                for byte in b"220 slowly.example ESMTP\r\n":
+                    connection.sendall(bytes([byte]))
+                    time.sleep(1)
+            else:
+                connection.sendall(b"220 drop.example ESMTP\r\n")
+                reader = connection.makefile("rb")
+                reader.readline()
+                connection.sendall(b"250-drop.example\r\n250 STARTTLS\r\n")
+                reader.readline()
+                connection.sendall(b"220 go ahead\r\n")
+                context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+                context.load_cert_chain(cert, key)
+                secured = context.wrap_socket(connection, server_side=True)
+                secured.sendall(b"220 drop.example ESMTP\r\n")
+                secured.recv(4096)
+                # Gone without a TLS close, as a dropped line or a crash does.
+                connection = secured.detach() if hasattr(secured, "detach") else connection
+        except (OSError, ValueError):
+            pass
+        finally:
+            connection.close()
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--mode", default="accept")
@@ -104,6 +144,9 @@ def main():
         return
     if args.mode == "no-starttls":
         run_recording(args.port_file, args.dir)
+        return
+    if args.mode in ("flood", "trickle", "drop"):
+        run_misbehaving(args.port_file, args.mode, args.cert, args.key)
         return
 
     from aiosmtpd.controller import Controller
