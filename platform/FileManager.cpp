@@ -275,6 +275,21 @@ bool appendToFile(const fs::path &path, std::span<const uint8_t> bytes) {
 }
 
 bool moveItem(const fs::path &from, const fs::path &to) {
+  // A link whose target is given relative to its folder would point
+  // nowhere from another folder: it moves as a link to the same file.
+  std::error_code linkError;
+  if (fs::is_symlink(fs::symlink_status(from, linkError))) {
+    const fs::path target = fs::read_symlink(from, linkError);
+    if (!linkError && target.is_relative()) {
+      fs::create_symlink((fs::absolute(from.parent_path(), linkError) / target).lexically_normal(), to, linkError);
+      if (linkError)
+        return errno = linkError.value(), false;
+      syncFolderOf(to);
+      const bool removed = unlink(from.c_str()) == 0;
+      syncFolderOf(from);
+      return removed;
+    }
+  }
   if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
     syncFolderOf(to);
     if (from.parent_path() != to.parent_path())

@@ -270,6 +270,48 @@ TEST(RunDriver, ALockThatCannotBeTakenEndsTheRunBeforeAnythingIsTouched) {
   }
 }
 
+// After a "sudo parlova" the lock is root's: the user's own runs cannot open
+// it, and must not go on without it.
+TEST(RunDriver, ALockOfAnotherUserEndsTheRun) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "needs root to run the tool as another user";
+  ScratchHome home;
+  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
+  writeText(lockFile, "");
+  fs::permissions(lockFile, fs::perms(0644));
+  std::system(("chown -R nobody:nogroup '" + home.path().string() + "' && chown root:root '" + lockFile.string() +
+               "' && chmod 755 '" + home.path().string() + "'")
+                  .c_str());
+  const fs::path log = fs::temp_directory_path() / ("parlova-nobody-" + std::to_string(getpid()));
+  const int status = std::system(("setpriv --reuid=nobody --regid=nogroup --clear-groups env HOME='" +
+                                  home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 '" PARLOVA_BINARY_DIR
+                                  "/parlova' 2> '" + log.string() + "'")
+                                     .c_str());
+  const std::string err = readText(log);
+  fs::remove(log);
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(err.find("] Could not lock " + lockFile.string() +
+                     ": Permission denied (a file owned by root, mode 0644); this run ends"),
+            std::string::npos)
+      << err;
+  EXPECT_TRUE(fs::exists(transcript));
+  EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/chatgeist.plist"));
+}
+
+TEST(RunDriver, ATranscriptReachedThroughARelativeLinkStillResolvesOnceMoved) {
+  ScratchHome home;
+  const fs::path kept = home.path() / "Elsewhere" / "Alice on 2005-03-01.ichat";
+  fixtures::writeFile(kept, fixtures::keyedTranscript(simpleChat()));
+  fs::create_directories(home.chats());
+  fs::create_symlink("../../Elsewhere/Alice on 2005-03-01.ichat", home.chats() / "Alice on 2005-03-01.ichat");
+  home.run("parlova");
+  const fs::path moved = home.archive() / "Alice on 2005-03-01.ichat";
+  EXPECT_TRUE(fs::is_symlink(fs::symlink_status(moved)));
+  EXPECT_TRUE(fs::exists(moved)) << "resolves: " << fs::read_symlink(moved);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(home.chats() / "Alice on 2005-03-01.ichat")));
+}
+
 TEST(RunDriver, AHomeThatDoesNotExistIsRefused) {
   ScratchHome home;
   const fs::path missing = home.path() / "gone";
