@@ -161,7 +161,6 @@ int catchUp(const RunOptions &options) {
     const bool candidate = namedLikeTranscript(path);
     if (candidate)
       progress.show(seen, entry);
-    progress.clear();
 
     judgeEntry(entry, std::chrono::seconds(1));
     if (verbose)

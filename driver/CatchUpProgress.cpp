@@ -4,6 +4,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "platform/Log.h"
+
 namespace parlova {
 
 namespace {
@@ -34,8 +36,7 @@ std::string CatchUpProgress::clockText(double seconds) {
 void CatchUpProgress::clear() {
   if (!drawn_)
     return;
-  std::fputs("\r\033[K", stderr);
-  std::fflush(stderr);
+  setStatusLine("");
   drawn_ = false;
 }
 
@@ -56,8 +57,8 @@ void CatchUpProgress::show(size_t done, const std::string &current) {
       --cut;
     line.resize(cut);
   }
-  std::fputs(("\r\033[K" + line).c_str(), stderr);
-  std::fflush(stderr);
+  // Kept below the log lines the transcript writes.
+  setStatusLine(line);
   drawn_ = true;
 }
 

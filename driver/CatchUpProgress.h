@@ -17,7 +17,7 @@ public:
   CatchUpProgress(const CatchUpProgress &) = delete;
   CatchUpProgress &operator=(const CatchUpProgress &) = delete;
 
-  // Before work that may log: the log lines then stand above the line.
+  // Log lines written meanwhile stand above the line; clear() takes it away.
   void clear();
   void show(size_t done, const std::string &current);
 

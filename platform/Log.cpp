@@ -7,6 +7,25 @@
 
 namespace parlova {
 
+namespace {
+
+std::string &statusLine() {
+  static std::string line;
+  return line;
+}
+
+} // namespace
+
+void setStatusLine(std::string text) {
+  std::string out = statusLine().empty() ? "" : "\r\033[K";
+  statusLine() = std::move(text);
+  out += statusLine();
+  if (!out.empty()) {
+    std::fwrite(out.data(), 1, out.size(), stderr);
+    std::fflush(stderr);
+  }
+}
+
 void logLine(std::string_view text) {
   using namespace std::chrono;
   const auto now = system_clock::now();
@@ -18,12 +37,15 @@ void logLine(std::string_view text) {
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
   std::string line;
   line.reserve(text.size() + 64);
+  if (!statusLine().empty())
+    line += "\r\033[K";
   char prefix[96];
   std::snprintf(prefix, sizeof prefix, "%s.%03d parlova[%d] ", stamp, static_cast<int>(millis),
                 static_cast<int>(getpid()));
   line += prefix;
   line += text;
   line += '\n';
+  line += statusLine();
   // One write per line, so that lines from one run never interleave.
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);

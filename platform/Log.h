@@ -10,6 +10,11 @@ namespace parlova {
 
 void logLine(std::string_view text);
 
+// A line of status kept below the log on a terminal (a catch-up's
+// progress): each log line is written above it and it is drawn again after.
+// Empty: none. The caller decides whether stderr is a terminal.
+void setStatusLine(std::string text);
+
 // Fills each "%@" of `format` with the next argument, so that the program's
 // messages can be written in the code exactly as they read.
 std::string formatText(std::string_view format, const std::vector<std::string> &arguments);

@@ -170,6 +170,9 @@ TEST(CatchUp, ShowsItsProgressOnATerminalOnlyAndUnlessQuiet) {
   EXPECT_TRUE(std::regex_search(shown, std::regex("\r\x1b\\[K11/12  [0-9.]+/s  [0-9]+:[0-9][0-9] left  [^\r\n]+chat")))
       << shown;
   EXPECT_NE(shown.find("] Catch-up finished: 12 processed"), std::string::npos);
+  EXPECT_FALSE(std::regex_search(shown, std::regex("left  [^\n\x1b]*parlova\\[")))
+      << "a log line is written over the progress line, never after it";
+  EXPECT_TRUE(std::regex_search(shown, std::regex("\n[0-9]+/12  "))) << "and the line is drawn again below it";
 
   ScratchHome quiet;
   fixtures::writeBacklog(quiet.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
