@@ -225,7 +225,8 @@ int catchUp(const RunOptions &options) {
     if (!moved) {
       // Archived but not moved: once the batch is written, the journal
       // keeps this one transcript for later runs to move, and only move.
-      const std::string reason = std::strerror(errno);
+      // (The move's own line says why; writing the settings since may have
+      // changed errno.)
       if (batch.commit()) {
         tally.commit();
         TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
@@ -234,7 +235,7 @@ int catchUp(const RunOptions &options) {
       } else {
         tally.pending = {};
       }
-      stopped = "could not move " + entry + ": " + reason;
+      stopped = "could not move " + entry + ", as the line above says";
       break;
     }
 
