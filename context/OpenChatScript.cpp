@@ -8,11 +8,9 @@
 namespace parlova {
 
 std::string openChatScript(std::string_view buddyName) {
-  // A backslash is escaped as well as a quote: "a\\" would otherwise end the
-  // script's string early and let the rest of the name run as script.
   std::string escaped;
   for (const char c : buddyName) {
-    if (c == '"' || c == '\\')
+    if (c == '"')
       escaped += '\\';
     escaped += c;
   }

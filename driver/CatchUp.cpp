@@ -53,11 +53,6 @@ struct Tally {
   }
 };
 
-bool namedLikeTranscript(const fs::path &path) {
-  const std::string extension = pathExtension(path.filename().string());
-  return extension == "chat" || extension == "ichat";
-}
-
 std::string thousands(size_t number) {
   std::string digits = std::to_string(number);
   for (size_t at = digits.size(); at > 3; at -= 3)
@@ -96,7 +91,7 @@ public:
   }
 
   bool due(const RunOptions &options) const {
-    return open_ && (size_ >= options.commitEvery || archives_.mustCommit() ||
+    return open_ && (size_ >= options.commitEvery ||
                      Clock::now() - opened_ >= std::chrono::duration<double>(RunOptions::kCommitSeconds));
   }
 
@@ -140,12 +135,10 @@ int catchUp(const RunOptions &options) {
   size_t candidates = 0;
   for (DirectoryEnumerator walk(chatFolder); const auto entry = walk.nextObject();) {
     entries.push_back(*entry);
-    candidates += namedLikeTranscript(*entry) ? 1 : 0;
+    candidates += ICLPChatLog::hasTranscriptExtension(*entry) ? 1 : 0;
   }
 
-  Preferences &settings = appSettings();
-  const auto debugMode = settings.copyAppValue("debugMode");
-  verbose = debugMode && debugMode->intValue() == 2;
+  readDebugMode();
 
   Tally tally;
   Batch batch;
@@ -158,7 +151,7 @@ int catchUp(const RunOptions &options) {
       break;
     }
     const fs::path path = chatFolder / entry;
-    const bool candidate = namedLikeTranscript(path);
+    const bool candidate = ICLPChatLog::hasTranscriptExtension(path);
     if (candidate)
       progress.show(seen, entry);
 

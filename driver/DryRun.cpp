@@ -7,6 +7,7 @@
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "driver/RunDriver.h"
+#include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -20,11 +21,6 @@ namespace {
 
 void say(const std::string &line) { std::fputs((line + "\n").c_str(), stdout); }
 
-bool namedLikeTranscript(const fs::path &path) {
-  const std::string extension = pathExtension(path.filename().string());
-  return extension == "chat" || extension == "ichat";
-}
-
 } // namespace
 
 int dryRun(const RunOptions &options) {
@@ -33,12 +29,11 @@ int dryRun(const RunOptions &options) {
     return 0;
   }
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
-  if (fs::exists(ICLPLogGenerator::parlovaFolder() / ".journal" / "journal.plist"))
+  if (fs::exists(TranscriptJournal(ICLPLogGenerator::parlovaFolder()).journalFile()))
     say("note: a run was interrupted; the next run first puts its archives right");
 
   Preferences &settings = appSettings();
-  const auto debugMode = settings.copyAppValue("debugMode");
-  verbose = debugMode && debugMode->intValue() == 2;
+  readDebugMode();
 
   size_t toProcess = 0;
   size_t toLeave = 0;
@@ -48,7 +43,7 @@ int dryRun(const RunOptions &options) {
     const fs::path path = chatFolder / *entry;
     const auto log = ICLPChatLog::initWithFilePath(path);
     if (!log) {
-      if (namedLikeTranscript(path) && !fs::is_directory(path)) {
+      if (ICLPChatLog::hasTranscriptExtension(path) && !fs::is_directory(path)) {
         say("leave    " + *entry + ": does not load: " + ICLPChatLog::reasonNotLoaded(path));
         ++toLeave;
       }

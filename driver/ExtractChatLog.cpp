@@ -59,11 +59,9 @@ bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, Fai
   Preferences &settings = appSettings();
   if (settings.intValue("errorStatus") == 0) {
     if (reset == FailureCountReset::WhenNotZero) {
+      // Only an integer 0: anything else is written as the integer it must be.
       const auto count = settings.copyAppValue("emailFails");
-      uint64_t stored = 1;
-      if (count && plist_get_node_type(count->node()) == PLIST_UINT)
-        plist_get_uint_val(count->node(), &stored);
-      if (stored == 0)
+      if (count && plistInteger(count->node()) == 0)
         return moved;
     }
     settings.setAppValue("emailFails", PreferenceValue::integer(0));

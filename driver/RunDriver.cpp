@@ -56,9 +56,7 @@ int runOnce(const RunOptions &options) {
   shouldQuit = true;
   DirectoryEnumerator entries(chatFolder);
 
-  Preferences &settings = appSettings();
-  const auto debugMode = settings.copyAppValue("debugMode");
-  verbose = debugMode && debugMode->intValue() == 2;
+  readDebugMode();
 
   while (const auto entry = entries.nextObject()) {
     judgeEntry(*entry);
@@ -82,6 +80,11 @@ int runOnce(const RunOptions &options) {
 }
 
 } // namespace
+
+void readDebugMode() {
+  const auto debugMode = appSettings().copyAppValue("debugMode");
+  verbose = debugMode && debugMode->intValue() == 2;
+}
 
 bool settingsAreUsable() {
   // Read as if every feature were off, damaged settings would archive

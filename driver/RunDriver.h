@@ -19,6 +19,9 @@ int runParlova(const RunOptions &options = {});
 // logged); the run then ends. Keep what it returns for the whole run.
 std::optional<RunLockAttempt> startRun();
 
+// Sets verbose from the setting debugMode, once at the start of a run.
+void readDebugMode();
+
 // False, with a log line, when the settings file is there but damaged: no
 // run may go on then.
 bool settingsAreUsable();

@@ -40,16 +40,20 @@ std::optional<TranscriptJournal::Identity> TranscriptJournal::identify(const fs:
   return Identity{bytes->size(), digestOf(*bytes)};
 }
 
-bool TranscriptJournal::write(const fs::path &transcript, const Identity &identity,
-                              const std::optional<fs::path> &target, bool moveFailed) {
+PlistValue TranscriptJournal::existedBefore() const {
   PlistValue::Dictionary existed;
   for (const auto &[name, there] : existedBefore_)
     existed.emplace_back(name, there);
+  return existed;
+}
+
+bool TranscriptJournal::write(const fs::path &transcript, const Identity &identity,
+                              const std::optional<fs::path> &target, bool moveFailed) {
   PlistValue::Dictionary entries = {{"phase", std::string(target ? kArchived : kArchiving)},
                                     {"transcript", transcript.string()},
                                     {"size", static_cast<int64_t>(identity.size)},
                                     {"digest", identity.digest},
-                                    {"archives", std::move(existed)}};
+                                    {"archives", existedBefore()}};
   if (target)
     entries.emplace_back("target", target->string());
   if (moveFailed)
@@ -124,10 +128,7 @@ bool TranscriptJournal::begin(const fs::path &transcript) {
 bool TranscriptJournal::beginBatch() {
   if (!keepArchives())
     return false;
-  PlistValue::Dictionary existed;
-  for (const auto &[name, there] : existedBefore_)
-    existed.emplace_back(name, there);
-  PlistValue::Dictionary entries = {{"phase", std::string(kBatch)}, {"archives", std::move(existed)}};
+  PlistValue::Dictionary entries = {{"phase", std::string(kBatch)}, {"archives", existedBefore()}};
   if (!writeFileAtomically(movesFile(), {}))
     return false;
   return writeFileAtomically(journalFile(), PlistValue(std::move(entries)).serialized(PlistFormat::XML));
@@ -193,6 +194,8 @@ void TranscriptJournal::restoreKeptArchives() {
       if (!error)
         fs::rename(temporary, archive, error);
     } else if (existed && existed->integerForKey(name) == 0) {
+      // It did not exist before; a restore cut short leaves what it put
+      // back kept, so doing it again does no harm.
       fs::remove(archive, error);
     }
   }
@@ -239,23 +242,6 @@ void TranscriptJournal::clear() {
   transcript_.reset();
 }
 
-void TranscriptJournal::restoreArchives() {
-  const auto bytes = readFileContents(journalFile());
-  const auto journal = bytes ? PlistValue::parse(*bytes) : std::nullopt;
-  const PlistValue *existed = journal ? journal->objectForKey("archives") : nullptr;
-  for (const std::string_view name : ICLPLogGenerator::archiveFileNames()) {
-    const fs::path kept = folder_ / name;
-    const fs::path archive = parlovaFolder_ / name;
-    std::error_code error;
-    if (fileExistsAtPath(kept)) {
-      fs::rename(kept, archive, error);
-    } else if (existed && existed->integerForKey(name) == 0) {
-      // It did not exist before; a restore cut short has already put back
-      // those that did, and their kept links are gone.
-      fs::remove(archive, error);
-    }
-  }
-}
 
 TranscriptJournal::Recovery TranscriptJournal::recover() {
   using Kind = Recovery::Kind;
@@ -279,7 +265,7 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
     return {Kind::BatchDue, {}, {}, movedInBatch(), false};
   }
   if (*phase != kArchived) {
-    restoreArchives();
+    restoreKeptArchives();
     clear();
     return {Kind::RolledBack, *transcript, {}, {}, false};
   }

@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/PropertyListValue.h"
+
 namespace parlova {
 
 class TranscriptJournal {
@@ -81,14 +83,14 @@ private:
   };
   static std::optional<Identity> identify(const std::filesystem::path &transcript);
   bool keepArchives();
-  // Puts the kept archives back and keeps them kept, so that a recovery cut
-  // short can be made again.
+  // Puts the kept archives back and keeps them kept (the journal's clear()
+  // lets them go), so that a recovery cut short can be made again.
   void restoreKeptArchives();
   std::vector<Recovery::BatchMove> movedInBatch();
 
   bool write(const std::filesystem::path &transcript, const Identity &identity,
              const std::optional<std::filesystem::path> &target, bool moveFailed = false);
-  void restoreArchives();
+  PlistValue existedBefore() const;
 
   std::filesystem::path parlovaFolder_;
   std::filesystem::path folder_;

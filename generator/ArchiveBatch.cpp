@@ -16,29 +16,17 @@ fs::path imageArchivePath() { return ICLPLogGenerator::parlovaFolder() / "gather
 
 } // namespace
 
-ArchiveBatch::ArchiveBatch() { reload(); }
+// An archive from disk may hold lists out of order (edited by hand): the
+// first transcript sorts them all, as a single run would.
+ArchiveBatch::ArchiveBatch()
+    : links_(loadGatheredArchive(linkArchivePath())), images_(loadGatheredArchive(imageArchivePath())),
+      totals_(ICLPLogGenerator::ReadTotalsFile()) {}
 
-void ArchiveBatch::reload() {
-  links_ = loadGatheredArchive(linkArchivePath());
-  images_ = loadGatheredArchive(imageArchivePath());
-  totals_ = ICLPLogGenerator::ReadTotalsFile();
-  lastTotals_.reset();
-  // Word lists are read again too: what a later run would read.
-  wordLists_.reset();
-  // An archive from disk may hold lists out of order (edited by hand): the
-  // first transcript sorts them all, as a single run would.
-  linksSorted_ = imagesSorted_ = false;
-  linksChanged_ = imagesChanged_ = statisticsChanged_ = false;
-  linkPagesDue_ = imagePagesDue_ = false;
-  mustCommit_ = false;
-}
-
+// libplist reads back whatever it writes, so an entry that would not parse
+// again cannot arise; it would be kept as it is.
 void ArchiveBatch::asStored(PlistValue &entry) {
-  auto stored = PlistValue::parse(entry.serialized(PlistFormat::XML));
-  if (stored)
+  if (auto stored = PlistValue::parse(entry.serialized(PlistFormat::XML)))
     entry = std::move(*stored);
-  else
-    mustCommit_ = true;
 }
 
 size_t ArchiveBatch::addLinks(const ICLPChatLog &log) {
@@ -103,8 +91,6 @@ bool ArchiveBatch::commit() {
   linksChanged_ = imagesChanged_ = statisticsChanged_ = false;
   linkPagesDue_ = imagePagesDue_ = false;
   lastTotals_.reset();
-  if (mustCommit_)
-    reload();
   return true;
 }
 

@@ -32,18 +32,10 @@ public:
   size_t addImages(const ICLPChatLog &log);
   void addStatistics(const ICLPChatLog &log);
 
-  // An entry came out of the property-list format other than it went in:
-  // only the file itself can say what the next transcript would find, so
-  // the batch must be committed and read again before the next one.
-  bool mustCommit() const { return mustCommit_; }
-  bool hasChanges() const { return linksChanged_ || imagesChanged_ || statisticsChanged_; }
-
   // Writes every archive changed since the last commit, then the pages of
   // every stage that ran. False when an archive could not be written (that
   // is logged); the pages are then left alone.
   bool commit();
-  // Forgets what is in memory and reads the archives again.
-  void reload();
 
 private:
   void asStored(PlistValue &entry);
@@ -60,7 +52,6 @@ private:
   bool statisticsChanged_ = false;
   bool linkPagesDue_ = false;
   bool imagePagesDue_ = false;
-  bool mustCommit_ = false;
 };
 
 } // namespace parlova

@@ -180,7 +180,6 @@ PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailM
   objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
   objects_->delegate->timeout = smtpTimeoutSeconds();
   objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
-  objects_->delegate->startedAt = objects_->delegate->lastActivity;
 }
 
 PantomimeSmtpSession::~PantomimeSmtpSession() {
@@ -229,7 +228,7 @@ int PantomimeSmtpSession::connect() {
     const int status = [objects_->smtp connect];
     if (status == 0) {
       objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
-  objects_->delegate->startedAt = objects_->delegate->lastActivity;
+      objects_->delegate->startedAt = objects_->delegate->lastActivity;
       [objects_->timers addObject:[NSTimer scheduledTimerWithTimeInterval:0.5
                                                                   target:objects_->delegate
                                                                 selector:@selector(watch:)

@@ -110,8 +110,6 @@ std::optional<std::vector<std::string>> readReply(int fd, std::string &pending, 
     std::string line = pending.substr(0, end);
     pending.erase(0, end + 1);
     replied += end + 1;
-    if (replied > kLongestReply)
-      return std::nullopt;
     if (!line.empty() && line.back() == '\r')
       line.pop_back();
     lines.push_back(line);

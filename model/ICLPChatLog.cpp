@@ -28,16 +28,20 @@ template <class Archive> void substituteProgramClasses(Archive &archive) {
 
 } // namespace
 
+bool ICLPChatLog::hasTranscriptExtension(const std::filesystem::path &path) {
+  const std::string extension = pathExtension(path.filename().string());
+  return extension == "chat" || extension == "ichat";
+}
+
 std::string ICLPChatLog::reasonNotLoaded(const std::filesystem::path &path) {
   const std::string name = path.filename().string();
-  const std::string extension = pathExtension(name);
-  if (extension != "chat" && extension != "ichat")
+  if (!hasTranscriptExtension(path))
     return "not a transcript: the extension must be exactly \"chat\" or \"ichat\"";
   if (!readFileContents(path))
     return "cannot read the file";
   if (name.rfind(" on ") == std::string::npos)
     return "not a transcript: the file name has no \" on \" before the date";
-  if (extension == "chat")
+  if (pathExtension(name) == "chat")
     return "the iChat 2 typed stream could not be decoded into a transcript";
   return "the keyed archive is damaged or its root is not an array";
 }

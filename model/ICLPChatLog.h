@@ -23,6 +23,8 @@ public:
   // an extension other than exactly "chat" or "ichat", a file name without
   // " on ", or contents that do not decode to a transcript root.
   static std::optional<ICLPChatLog> initWithFilePath(const std::filesystem::path &path);
+  // The extension is exactly "chat" or "ichat".
+  static bool hasTranscriptExtension(const std::filesystem::path &path);
   // Why initWithFilePath gave nothing for `path`, in the order loading
   // finds it out.
   static std::string reasonNotLoaded(const std::filesystem::path &path);
@@ -119,7 +121,6 @@ private:
   // too short or holds something else there.
   std::shared_ptr<const ArrayObject> rootArray(size_t index) const;
   void LoadiChat3Data(std::span<const uint8_t> data);
-  int32_t countWordsOfSide(const WordSet *words, bool otherParty) const;
 
   Format format_ = Format::iChat3;
   std::shared_ptr<const ArrayObject> loadedArray_;

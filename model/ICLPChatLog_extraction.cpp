@@ -27,18 +27,6 @@ std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
 
 // The other party is whoever the file is named after; every other speaker,
 // in a group chat too, counts as the user.
-int32_t ICLPChatLog::countWordsOfSide(const WordSet *words, bool otherParty) const {
-  int32_t total = 0;
-  for (const auto &message : messages()) {
-    if (!message->speaker())
-      continue;
-    const auto name = message->Speaker();
-    if ((name && *name == primaryOtherParty_) == otherParty)
-      total = wrappingAdd(total, message->wordCountInSet(words));
-  }
-  return total;
-}
-
 ICLPChatLog::SidesWordCounts ICLPChatLog::CountWordsInSets(const WordSet *first, const WordSet *second) const {
   SidesWordCounts counts;
   for (const auto &message : messages()) {
@@ -50,8 +38,12 @@ ICLPChatLog::SidesWordCounts ICLPChatLog::CountWordsInSets(const WordSet *first,
   return counts;
 }
 
-int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const { return countWordsOfSide(words, false); }
+int32_t ICLPChatLog::CountWordsForUserInSet(const WordSet *words) const {
+  return CountWordsInSets(words, nullptr).user.inFirst;
+}
 
-int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const { return countWordsOfSide(words, true); }
+int32_t ICLPChatLog::CountWordsForOthersInSet(const WordSet *words) const {
+  return CountWordsInSets(words, nullptr).others.inFirst;
+}
 
 } // namespace parlova

@@ -67,24 +67,9 @@ std::optional<ImageRecord> ICLPInstantMessage::allImages() const {
 }
 
 int32_t ICLPInstantMessage::wordCountInSet(const WordSet *words) const {
-  if (!speaker_ || !string_)
-    return 0;
-  const std::u16string &text = string_->string();
-  int32_t count = 0;
-  size_t position = 0;
-  for (;;) {
-    while (position < text.size() && isSkippedBetweenWords(text[position]))
-      ++position;
-    if (position >= text.size())
-      break;
-    size_t end = text.find(u' ', position);
-    if (end == std::u16string::npos)
-      end = text.size();
-    if (!words || words->contains(utf16ToUtf8(std::u16string_view(text).substr(position, end - position))))
-      count = wrappingAdd(count, 1);
-    position = end;
-  }
-  return count;
+  WordCounts counts;
+  addWordCounts(words, nullptr, counts);
+  return counts.inFirst;
 }
 
 void ICLPInstantMessage::addWordCounts(const WordSet *first, const WordSet *second, WordCounts &counts) const {

@@ -64,7 +64,7 @@ enum class Durability { Now, ByNextSync };
 
 // Writes beside the target and renames over it, so that readers see the old
 // file or the new one, never a part. On failure errno tells why.
-// `privately`: readable by the owner only (settings with a password,
+// Private: readable by the owner only (settings with a password,
 // archives of private conversations), the temporary included.
 enum class Visibility { Shared, Private };
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes,

@@ -100,43 +100,39 @@ fs::path Preferences::fileForDomain(std::string_view domain) {
 }
 
 std::optional<std::string> Preferences::damage() const {
-  std::error_code error;
-  if (!fs::exists(fs::symlink_status(file_, error)))
-    return std::nullopt;
-  if (fs::is_directory(file_, error))
-    return "it is a folder, not a file";
-  errno = 0;
-  const auto bytes = readFileContents(file_);
-  if (!bytes)
-    return std::string("it cannot be read: ") + (errno ? std::strerror(errno) : "unknown error");
-  PlistPtr parsed = parsePropertyList(*bytes);
-  if (!parsed)
-    return "it is not a property list (damaged or cut short)";
-  if (plist_get_node_type(parsed.get()) != PLIST_DICT)
-    return "it holds no dictionary of settings";
-  return std::nullopt;
+  std::optional<std::string> why;
+  readFromDisk(why);
+  return why;
 }
 
-PlistPtr Preferences::readFromDisk(bool &unreadable) const {
-  unreadable = false;
-  if (const auto bytes = readFileContents(file_)) {
-    PlistPtr parsed = parsePropertyList(*bytes);
-    if (parsed && plist_get_node_type(parsed.get()) == PLIST_DICT)
-      return parsed;
-    unreadable = true;
-  } else {
-    // There but not readable (permission, I/O error): never written over.
-    std::error_code error;
-    unreadable = fs::exists(fs::symlink_status(file_, error));
-  }
+PlistPtr Preferences::readFromDisk(std::optional<std::string> &damage) const {
+  damage.reset();
+  std::error_code error;
+  if (!fs::exists(fs::symlink_status(file_, error)))
+    return PlistPtr(plist_new_dict());
+  errno = 0;
+  const auto bytes = fs::is_directory(file_, error) ? std::nullopt : readFileContents(file_);
+  PlistPtr parsed = bytes ? parsePropertyList(*bytes) : nullptr;
+  if (parsed && plist_get_node_type(parsed.get()) == PLIST_DICT)
+    return parsed;
+  // There but of no use (a folder, a permission or I/O error, damage):
+  // never read as empty settings and never written over.
+  if (fs::is_directory(file_, error))
+    damage = "it is a folder, not a file";
+  else if (!bytes)
+    damage = std::string("it cannot be read: ") + (errno ? std::strerror(errno) : "unknown error");
+  else if (!parsed)
+    damage = "it is not a property list (damaged or cut short)";
+  else
+    damage = "it holds no dictionary of settings";
   return PlistPtr(plist_new_dict());
 }
 
 void Preferences::loadIfNeeded() {
   if (values_)
     return;
-  bool unreadable = false;
-  values_ = readFromDisk(unreadable);
+  std::optional<std::string> damage;
+  values_ = readFromDisk(damage);
 }
 
 std::optional<PreferenceValue> Preferences::copyAppValue(std::string_view key) {
@@ -169,8 +165,8 @@ void Preferences::setAppValue(std::string_view key, std::optional<PreferenceValu
 }
 
 bool Preferences::appSynchronize() {
-  bool unreadable = false;
-  PlistPtr current = readFromDisk(unreadable);
+  std::optional<std::string> damage;
+  PlistPtr current = readFromDisk(damage);
   if (pending_.empty()) {
     values_ = std::move(current);
     return true;
@@ -183,7 +179,7 @@ bool Preferences::appSynchronize() {
   }
   std::error_code error;
   fs::create_directories(file_.parent_path(), error);
-  if (unreadable) {
+  if (damage) {
     // Keep the damaged file for the user rather than silently replace it,
     // and never in place of one kept before.
     fs::path aside = file_.string() + ".unreadable";

@@ -77,7 +77,9 @@ public:
   std::optional<std::string> damage() const;
 
 private:
-  PlistPtr readFromDisk(bool &unreadable) const;
+  // The file's settings; empty ones, with `damage` saying why, when it is
+  // there but of no use.
+  PlistPtr readFromDisk(std::optional<std::string> &damage) const;
   void loadIfNeeded();
 
   std::string domain_;

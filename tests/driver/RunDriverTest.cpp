@@ -280,13 +280,16 @@ TEST(RunDriver, ALockOfAnotherUserEndsTheRun) {
   const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
   writeText(lockFile, "");
   fs::permissions(lockFile, fs::perms(0644));
+  // A copy of the tool, since the build folder may be closed to that user.
+  const fs::path tool = home.path() / "parlova";
+  fs::copy_file(PARLOVA_BINARY_DIR "/parlova", tool);
   std::system(("chown -R nobody:nogroup '" + home.path().string() + "' && chown root:root '" + lockFile.string() +
                "' && chmod 755 '" + home.path().string() + "'")
                   .c_str());
   const fs::path log = fs::temp_directory_path() / ("parlova-nobody-" + std::to_string(getpid()));
   const int status = std::system(("setpriv --reuid=nobody --regid=nogroup --clear-groups env HOME='" +
-                                  home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 '" PARLOVA_BINARY_DIR
-                                  "/parlova' 2> '" + log.string() + "'")
+                                  home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 '" + tool.string() + "' 2> '" +
+                                  log.string() + "'")
                                      .c_str());
   const std::string err = readText(log);
   fs::remove(log);

