@@ -2,6 +2,7 @@
 
 #include "foundation/Unicode.h"
 #include "platform/LoadableModule.h"
+#include "platform/Log.h"
 
 namespace parlova {
 
@@ -17,7 +18,9 @@ std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const 
   MailMessage headers = message;
   for (std::string *text : {&headers.subject, &headers.from, &headers.to})
     *text = utf16ToUtf8(utf8ToUtf16(*text));
-  return std::unique_ptr<SmtpSession>(openSession(&server, &headers));
+  MailServer logged = server;
+  logged.log = &logLine;
+  return std::unique_ptr<SmtpSession>(openSession(&logged, &headers));
 }
 
 } // namespace parlova

@@ -42,6 +42,7 @@ struct MailServer {
   MailSecurity security = MailSecurity::None;
   std::string caFile;  // empty: the system's certificate store
   bool verify = true;  // the certificate and the host name, when secured
+  LogFunction log = nullptr; // filled in by open()
 };
 
 // One SMTP session carrying one message. The implementation lives in a

@@ -207,7 +207,7 @@ int PantomimeSmtpSession::connect() {
   unsigned port = server_.port;
   if (server_.security != MailSecurity::None) {
     auto opened = TlsTunnel::open({server_.security, server_.host, server_.port, server_.caFile, server_.verify,
-                                   smtpTimeoutSeconds()});
+                                   smtpTimeoutSeconds(), server_.log});
     if (auto *failure = std::get_if<TlsTunnel::Failure>(&opened)) {
       if (!failure->unreachable)
         securityFailure_ = failure->reason;

@@ -8,8 +8,11 @@
 #include <chrono>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <optional>
@@ -219,6 +222,64 @@ std::string negotiateStartTls(int fd, Clock::time_point deadline) {
   return {};
 }
 
+// An address as the kernel's socket table shows it.
+std::string hexAddress(const sockaddr_in &address) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%08X:%04X", static_cast<unsigned>(address.sin_addr.s_addr),
+                static_cast<unsigned>(ntohs(address.sin_port)));
+  return text;
+}
+
+std::optional<unsigned long> socketInode(const sockaddr_in &local, const sockaddr_in &remote) {
+  std::ifstream table("/proc/net/tcp");
+  const std::string localText = hexAddress(local), remoteText = hexAddress(remote);
+  std::string line;
+  std::getline(table, line); // the column names
+  while (std::getline(table, line)) {
+    char localColumn[64], remoteColumn[64];
+    unsigned long inode = 0;
+    // sl local rem st tx:rx tr:when retransmits uid timeout inode
+    if (std::sscanf(line.c_str(), " %*s %63s %63s %*s %*s %*s %*s %*s %*s %lu", localColumn, remoteColumn, &inode) == 3 &&
+        localText == localColumn && remoteText == remoteColumn)
+      return inode;
+  }
+  return std::nullopt;
+}
+
+bool ownsSocket(unsigned long inode) {
+  DIR *descriptors = opendir("/proc/self/fd");
+  if (!descriptors)
+    return false;
+  const std::string wanted = "socket:[" + std::to_string(inode) + "]";
+  bool found = false;
+  while (const dirent *entry = readdir(descriptors)) {
+    char target[64];
+    const std::string path = std::string("/proc/self/fd/") + entry->d_name;
+    const ssize_t length = readlink(path.c_str(), target, sizeof target);
+    if (length > 0 && std::string_view(target, static_cast<size_t>(length)) == wanted) {
+      found = true;
+      break;
+    }
+  }
+  closedir(descriptors);
+  return found;
+}
+
+// Anyone on the machine can connect to a loopback port, and what the relay
+// carries is the mail and the login. So the peer is looked up in the
+// kernel's socket table (the entry whose local end is the peer's address)
+// and its inode must be one of this process's own descriptors.
+bool connectedFromThisProcess(int accepted) {
+  sockaddr_in ours{}, theirs{};
+  socklen_t ourLength = sizeof ours, theirLength = sizeof theirs;
+  if (getsockname(accepted, reinterpret_cast<sockaddr *>(&ours), &ourLength) != 0 ||
+      getpeername(accepted, reinterpret_cast<sockaddr *>(&theirs), &theirLength) != 0 ||
+      theirs.sin_family != AF_INET)
+    return false;
+  const auto inode = socketInode(theirs, ours);
+  return inode && ownsSocket(*inode);
+}
+
 } // namespace
 
 struct TlsTunnel::State {
@@ -227,6 +288,7 @@ struct TlsTunnel::State {
   FileDescriptor listener;
   unsigned port = 0;
   std::string greeting; // what the framework reads first, for STARTTLS
+  LogFunction log = nullptr;
   int wake[2] = {-1, -1};
   std::thread relay;
 
@@ -245,11 +307,29 @@ struct TlsTunnel::State {
         close(fd);
   }
 
+  // The framework's connection, once it comes; strangers are turned away
+  // meanwhile. The listener is closed then: nobody else gets a turn.
+  FileDescriptor acceptFramework(unsigned timeoutSeconds) {
+    const auto deadline = Clock::now() + std::chrono::seconds(timeoutSeconds);
+    while (true) {
+      const int left = millisecondsLeft(deadline);
+      pollfd waiting[2] = {{listener.get(), POLLIN, 0}, {wake[0], POLLIN, 0}};
+      if (left == 0 || poll(waiting, 2, left) <= 0 || !(waiting[0].revents & POLLIN))
+        return {};
+      FileDescriptor client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!client)
+        continue;
+      if (connectedFromThisProcess(client.get())) {
+        listener = FileDescriptor();
+        return client;
+      }
+      if (log)
+        log("Refused a connection to the mail relay that came from another process.");
+    }
+  }
+
   void run(unsigned timeoutSeconds) {
-    pollfd waiting[2] = {{listener.get(), POLLIN, 0}, {wake[0], POLLIN, 0}};
-    if (poll(waiting, 2, static_cast<int>(timeoutSeconds) * 1000) <= 0 || !(waiting[0].revents & POLLIN))
-      return;
-    const FileDescriptor client(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const FileDescriptor client = acceptFramework(timeoutSeconds);
     if (!client)
       return;
     // A framework that stops reading must not hold the relay (and the
@@ -362,6 +442,7 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
       pipe2(state->wake, O_CLOEXEC) != 0)
     return Failure{false, std::string("no loopback connection for the mail framework: ") + std::strerror(errno)};
   state->port = ntohs(loopback.sin_port);
+  state->log = options.log;
   State *relay = state.get();
   state->relay = std::thread([relay, timeout = options.timeoutSeconds] { relay->run(timeout); });
   return std::make_unique<TlsTunnel>(std::move(state));

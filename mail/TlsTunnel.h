@@ -8,12 +8,17 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <variant>
 
 namespace parlova {
 
 // How the mail goes over the network: the setting emailSecurity.
 enum class MailSecurity { None, StartTls, Tls };
+
+// Where the module's log lines go: the program's log, handed across the
+// module boundary.
+using LogFunction = void (*)(std::string_view line);
 
 struct TlsOptions {
   MailSecurity security = MailSecurity::StartTls; // StartTls or Tls
@@ -22,6 +27,7 @@ struct TlsOptions {
   std::string caFile; // empty: the system's certificate store
   bool verify = true; // the certificate chain and the host name
   unsigned timeoutSeconds = 60;
+  LogFunction log = nullptr;
 };
 
 class TlsTunnel {

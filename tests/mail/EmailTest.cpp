@@ -4,10 +4,14 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "foundation/Unicode.h"
+#include "mail/TlsTunnel.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -290,6 +294,37 @@ TEST_F(SecuredEmail, ServersThatFloodTrickleOrDropEndTheExchangeInTime) {
     fs::remove_all(home_.archive());
     fs::remove_all(home_.chats());
   }
+}
+
+// What the relay hands over is the mail and the login: a connection from
+// any other process on the machine gets nothing, and the one from this
+// process still gets the server.
+TEST_F(SecuredEmail, TheRelayServesOnlyThisProcess) {
+  SmtpServer server(home_.path() / "smtp", "tls", serving("localhost"));
+  auto opened = TlsTunnel::open({MailSecurity::Tls, "localhost", static_cast<unsigned>(std::stoi(server.port())),
+                                 (certificates_ / "ca.pem").string(), true, 5});
+  ASSERT_TRUE(std::holds_alternative<std::unique_ptr<TlsTunnel>>(opened));
+  const unsigned port = std::get<std::unique_ptr<TlsTunnel>>(opened)->localPort();
+  const auto firstBytes = [port] {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in relay{};
+    relay.sin_family = AF_INET;
+    relay.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    relay.sin_port = htons(static_cast<uint16_t>(port));
+    const timeval limit{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    char reply[4] = {};
+    const bool got = connect(fd, reinterpret_cast<sockaddr *>(&relay), sizeof relay) == 0 && recv(fd, reply, 3, MSG_WAITALL) == 3;
+    close(fd);
+    return got ? std::string(reply, 3) : std::string();
+  };
+  const pid_t stranger = fork();
+  if (stranger == 0)
+    _exit(firstBytes().empty() ? 0 : 1);
+  int status = 0;
+  waitpid(stranger, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "another process read the server's greeting";
+  EXPECT_EQ(firstBytes(), "220");
 }
 
 TEST_F(SecuredEmail, CertificatesForAnotherHostOrFromAStrangerAreRefused) {
