@@ -55,6 +55,11 @@
   if ([self finish])
     delegate->connectionTimedOut();
 }
+// The other end closed (the relay does when the server drops the line):
+// nothing more will come, so the time-out need not be waited for.
+- (void)connectionLost:(NSNotification *)notification {
+  [self connectionTimedOut:notification];
+}
 - (void)service:(CWService *)service receivedData:(NSData *)data {
   lastActivity = [NSDate timeIntervalSinceReferenceDate];
 }

@@ -123,7 +123,7 @@ def run_misbehaving(port_file, mode, cert, key):
                 secured.sendall(b"220 drop.example ESMTP\r\n")
                 secured.recv(4096)
                 # Gone without a TLS close, as a dropped line or a crash does.
-                connection = secured.detach() if hasattr(secured, "detach") else connection
+                os.close(secured.detach())
         except (OSError, ValueError):
             pass
         finally:
