@@ -1,5 +1,7 @@
 #include "foundation/PropertyList.h"
 
+#include "foundation/Unicode.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -142,6 +144,94 @@ bool binaryNestingWithinLimit(std::span<const uint8_t> bytes) {
   return height[top] <= kMostNesting;
 }
 
+// XML 1.0 holds tab, line feed, carriage return and every character from
+// U+0020 on but U+FFFE and U+FFFF; anything else in a string makes the
+// whole file unreadable to a conforming reader. Surrogates count in pairs.
+bool allowedInXml(char16_t unit) {
+  return unit == '\t' || unit == '\n' || unit == '\r' || (unit >= 0x20 && unit < 0xD800) ||
+         (unit >= 0xE000 && unit <= 0xFFFD);
+}
+
+bool startsSurrogatePair(std::u16string_view units, size_t at) {
+  return units[at] >= 0xD800 && units[at] <= 0xDBFF && at + 1 < units.size() && units[at + 1] >= 0xDC00 &&
+         units[at + 1] <= 0xDFFF;
+}
+
+bool fitsXml(std::string_view text) {
+  const bool plainAscii = std::all_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte >= 0x20 && byte < 0x80) || byte == '\t' || byte == '\n' || byte == '\r';
+  });
+  if (plainAscii)
+    return true;
+  const std::u16string units = utf8ToUtf16(text);
+  for (size_t at = 0; at < units.size(); ++at) {
+    if (startsSurrogatePair(units, at))
+      ++at;
+    else if (!allowedInXml(units[at]))
+      return false;
+  }
+  return utf16ToUtf8(units) == text; // malformed UTF-8 came back changed
+}
+
+std::string fittedToXml(std::string_view text) {
+  const std::u16string units = utf8ToUtf16(text);
+  std::u16string fitted;
+  fitted.reserve(units.size());
+  for (size_t at = 0; at < units.size(); ++at) {
+    if (startsSurrogatePair(units, at)) {
+      fitted += units[at];
+      fitted += units[++at];
+    } else {
+      fitted += allowedInXml(units[at]) ? units[at] : u'\uFFFD';
+    }
+  }
+  return utf16ToUtf8(fitted);
+}
+
+bool treeFitsXml(plist_t node) {
+  switch (plist_get_node_type(node)) {
+  case PLIST_STRING:
+    return fitsXml(plistString(node).value_or(""));
+  case PLIST_DICT:
+    for (const auto &[key, value] : plistDictionaryEntries(node))
+      if (!fitsXml(key) || !treeFitsXml(value))
+        return false;
+    return true;
+  case PLIST_ARRAY:
+    for (const plist_t item : plistArrayItems(node))
+      if (!treeFitsXml(item))
+        return false;
+    return true;
+  default:
+    return true;
+  }
+}
+
+// Strings get U+FFFD for what XML cannot hold; an entry whose key cannot be
+// written at all is left out, since a changed key could meet another.
+void fitTreeToXml(plist_t node) {
+  switch (plist_get_node_type(node)) {
+  case PLIST_STRING:
+    plist_set_string_val(node, fittedToXml(plistString(node).value_or("")).c_str());
+    break;
+  case PLIST_DICT:
+    for (const auto &[key, value] : plistDictionaryEntries(node)) {
+      if (fitsXml(key))
+        fitTreeToXml(value);
+      else
+        plist_dict_remove_item(node, key.c_str());
+    }
+    break;
+  case PLIST_ARRAY:
+    for (const plist_t item : plistArrayItems(node))
+      fitTreeToXml(item);
+    break;
+  default:
+    break;
+  }
+}
+
 } // namespace
 
 PlistPtr parsePropertyList(std::span<const uint8_t> bytes) {
@@ -163,14 +253,36 @@ PlistPtr parsePropertyList(std::span<const uint8_t> bytes) {
 std::vector<uint8_t> serializePropertyList(plist_t node, PlistFormat format) {
   char *out = nullptr;
   uint32_t length = 0;
-  if (format == PlistFormat::XML)
+  PlistPtr fitted;
+  if (format == PlistFormat::XML) {
+    // Every XML file written must read back in any conforming reader, so
+    // the texts are fitted here, once, for every archive.
+    if (!treeFitsXml(node)) {
+      fitted.reset(plist_copy(node));
+      fitTreeToXml(fitted.get());
+      node = fitted.get();
+    }
     plist_to_xml(node, &out, &length);
-  else
+  } else {
     plist_to_bin(node, &out, &length);
+  }
   std::unique_ptr<char, FreeDeleter> owned(out);
   if (!out)
     return {};
-  return std::vector<uint8_t>(out, out + length);
+  if (format == PlistFormat::Binary)
+    return std::vector<uint8_t>(out, out + length);
+  // The writer puts a carriage return in raw, and XML readers turn a raw
+  // one into a line feed: as a character reference it survives. The
+  // writer's own line breaks are line feeds, so every one is a text's.
+  std::vector<uint8_t> bytes;
+  bytes.reserve(length);
+  for (const char c : std::string_view(out, length)) {
+    if (c == '\r')
+      bytes.insert(bytes.end(), {'&', '#', '1', '3', ';'});
+    else
+      bytes.push_back(static_cast<uint8_t>(c));
+  }
+  return bytes;
 }
 
 std::vector<std::pair<std::string, plist_t>> plistDictionaryEntries(plist_t dictionary) {

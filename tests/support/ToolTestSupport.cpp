@@ -219,6 +219,24 @@ size_t countOccurrences(const std::string &text, const std::string &needle) {
   return count;
 }
 
+std::string plistlibReading(const fs::path &file) {
+  const std::string script =
+      "import json, plistlib, sys\n"
+      "try:\n"
+      "    print(json.dumps(plistlib.load(open(sys.argv[1], 'rb')), default=str, sort_keys=True))\n"
+      "except Exception as error:\n"
+      "    print('refused: %s' % error)\n";
+  const fs::path output = fs::temp_directory_path() / ("parlova-plistlib-" + std::to_string(getpid()));
+  const std::string command = "/usr/bin/python3 -c " + shellQuoted(script) + " " + shellQuoted(file.string()) +
+                              " > " + shellQuoted(output.string()) + " 2>&1";
+  std::system(command.c_str());
+  std::string read = readText(output);
+  fs::remove(output);
+  while (!read.empty() && read.back() == '\n')
+    read.pop_back();
+  return read;
+}
+
 std::vector<uint8_t> fromHex(std::string_view hex) {
   std::vector<uint8_t> bytes;
   int high = -1;

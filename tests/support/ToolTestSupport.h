@@ -110,6 +110,10 @@ void writeText(const std::filesystem::path &path, const std::string &text);
 // The names of the files below a folder, relative to it, sorted.
 std::vector<std::string> filesBelow(const std::filesystem::path &folder);
 size_t countOccurrences(const std::string &text, const std::string &needle);
+// A property list file as Python's plistlib reads it, as JSON with every
+// character beyond ASCII escaped (dates and data as Python prints them);
+// "refused: ..." with plistlib's error when it cannot read the file.
+std::string plistlibReading(const std::filesystem::path &file);
 // Bytes spelled as hexadecimal digits; anything else between them is ignored.
 std::vector<uint8_t> fromHex(std::string_view hex);
 
