@@ -99,11 +99,17 @@ void ReportArchivingCannotFinish(const std::string &why) {
 
 namespace {
 
-// The values of emailSecurity, in any case; absent is "none".
-std::optional<MailSecurity> mailSecurityNamed(std::string name) {
+// The values of emailSecurity: the strings none, starttls and tls in any
+// case; absent is none. Anything else (a boolean from "-bool YES", a number,
+// an empty or misspelt string) is nothing, never a plain connection.
+std::optional<MailSecurity> mailSecuritySetting(Preferences &settings) {
+  const auto stored = settings.copyAppValue("emailSecurity");
+  if (!stored)
+    return MailSecurity::None;
+  std::string name = plistString(stored->node()).value_or("");
   for (char &c : name)
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name == "none" || name.empty())
+  if (name == "none")
     return MailSecurity::None;
   if (name == "starttls")
     return MailSecurity::StartTls;
@@ -135,14 +141,14 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
       return true;
     }
   }
-  const std::string security = settings.stringValue("emailSecurity").value_or("none");
-  const auto mode = mailSecurityNamed(security);
+  const auto mode = mailSecuritySetting(settings);
   if (!mode) {
-    // A misspelt setting must not send a password in the clear.
-    const std::string reason = "emailSecurity \"" + security + "\" is none of none, starttls and tls";
-    logFormat("Could not secure the connection to the mail server: %@", reason);
+    // Guessing would send the password in the clear: the transcript waits
+    // as for a server out of reach until the setting is put right.
+    const std::string reason = "emailSecurity must be none, starttls or tls";
+    logFormat("Unable to connect to mail server: %@.", reason);
     ICLPChatLog::reportErrorAndLog(2, reason);
-    return false;
+    return true;
   }
   MailServer mailServer;
   mailServer.host = *server;

@@ -354,13 +354,22 @@ TEST_F(SecuredEmail, CertificatesForAnotherHostOrFromAStrangerAreRefused) {
   }
 }
 
-TEST_F(SecuredEmail, AnUnknownSecuritySettingSendsNothing) {
+// "-bool YES" is what people type after reading "enable TLS": neither that
+// nor any other value but the three names may fall back to plain text.
+TEST_F(SecuredEmail, ASecuritySettingThatIsNotOneOfTheThreeNamesSendsNothingAndKeepsTheTranscript) {
   SmtpServer server(home_.path() / "smtp", "no-starttls");
-  secure(server.port(), "ssl3");
-  addChat();
-  const auto result = home_.run("parlova");
-  EXPECT_NE(result.err.find("emailSecurity \"ssl3\" is none of none, starttls and tls"), std::string::npos)
-      << result.err;
+  secure(server.port(), "none");
+  const auto transcript = addChat();
+  for (const auto &[type, value] : std::vector<std::pair<std::string, std::string>>{
+           {"-bool", "YES"}, {"-int", "1"}, {"-string", ""}, {"-string", "ssl3"}}) {
+    home_.setSetting("emailSecurity", type, value);
+    const auto result = home_.run("parlova");
+    EXPECT_NE(result.err.find("] Unable to connect to mail server: emailSecurity must be none, starttls or tls.\n"),
+              std::string::npos)
+        << type << " " << value << "\n" << result.err;
+    EXPECT_EQ(home_.readSetting("reportThis"), "emailSecurity must be none, starttls or tls");
+    EXPECT_TRUE(fs::exists(transcript)) << type << " " << value;
+  }
   EXPECT_EQ(server.received(), "");
 }
 
