@@ -2,6 +2,7 @@
 // server receives, and what each way of failing logs, reports and leaves.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <netinet/in.h>
@@ -61,18 +62,38 @@ TEST_F(Email, TheServerReceivesBothRenderingsInOrder) {
   EXPECT_TRUE(archived());
 }
 
-TEST_F(Email, ASubjectFromANameThatIsNotUtf8KeepsWhatIsAndMarksTheRest) {
+// Names come from file names anyone may have made: a line break must not
+// start a header of their choosing, and every name arrives as typed (as far
+// as it is text) in a real mail reader's parser.
+TEST_F(Email, HeadersHoldExactlyWhatWasMeantWhateverTheNamesHold) {
   SmtpServer server(home_.path() / "smtp", "accept");
   configure(server.port());
-  home_.addTranscript("Al\xE9x on 2006-01-01.ichat", simpleChat("alex"));
-  const auto result = home_.run("parlova");
-  ASSERT_EQ(server.messages().size(), 1u) << result.err;
-  const std::string mail = server.messages().front();
-  const auto subject = mail.find("Subject: ");
-  ASSERT_NE(subject, std::string::npos) << mail;
-  const std::string line = mail.substr(subject, mail.find('\n', subject) - subject);
-  // Encoded by the mail framework: "[IM] Al\uFFFDx" in UTF-8 quoted-printable or base64.
-  EXPECT_TRUE(line.find("=EF=BF=BD") != std::string::npos || line.find("?B?") != std::string::npos) << line;
+  std::string controls = "a";
+  for (char c = 1; c < 0x20; ++c)
+    controls += c;
+  const std::vector<std::pair<std::string, std::string>> names = {
+      {"Eve\r\nX-Injected: 1\r\n\r\nbody", "[IM] Eve X-Injected: 1 body"},
+      {"Jos\xC3\xA9", "[IM] Jos\xC3\xA9"},
+      {"Al\xE9x", "[IM] Al\xEF\xBF\xBDx"},
+      {controls + "b", "[IM] a b"}};
+  std::vector<std::string> expected;
+  for (const auto &[name, subject] : names) {
+    home_.addTranscript(name + " on 2006-01-01 at 10.00.ichat", simpleChat("alex"));
+    expected.push_back(subject);
+  }
+  for (size_t run = 0; run < names.size(); ++run)
+    home_.run("parlova");
+  std::vector<std::string> subjects;
+  for (const std::string &mail : server.messages()) {
+    const std::string headers = emailHeadersReading(mail);
+    EXPECT_EQ(headers.find("\nX-Injected"), std::string::npos) << headers;
+    const size_t at = headers.find("Subject: ");
+    ASSERT_NE(at, std::string::npos) << headers;
+    subjects.push_back(headers.substr(at + 9, headers.find('\n', at) - at - 9));
+  }
+  std::sort(subjects.begin(), subjects.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(subjects, expected);
 }
 
 TEST_F(Email, LoginIsUsedWhenAskedAndARejectedOneIsReported) {

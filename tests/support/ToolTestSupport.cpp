@@ -219,14 +219,11 @@ size_t countOccurrences(const std::string &text, const std::string &needle) {
   return count;
 }
 
-std::string plistlibReading(const fs::path &file) {
-  const std::string script =
-      "import json, plistlib, sys\n"
-      "try:\n"
-      "    print(json.dumps(plistlib.load(open(sys.argv[1], 'rb')), default=str, sort_keys=True))\n"
-      "except Exception as error:\n"
-      "    print('refused: %s' % error)\n";
-  const fs::path output = fs::temp_directory_path() / ("parlova-plistlib-" + std::to_string(getpid()));
+namespace {
+
+// What a Python script prints, given a file.
+std::string pythonReading(const std::string &script, const fs::path &file) {
+  const fs::path output = fs::temp_directory_path() / ("parlova-python-" + std::to_string(getpid()));
   const std::string command = "/usr/bin/python3 -c " + shellQuoted(script) + " " + shellQuoted(file.string()) +
                               " > " + shellQuoted(output.string()) + " 2>&1";
   std::system(command.c_str());
@@ -234,6 +231,30 @@ std::string plistlibReading(const fs::path &file) {
   fs::remove(output);
   while (!read.empty() && read.back() == '\n')
     read.pop_back();
+  return read;
+}
+
+} // namespace
+
+std::string plistlibReading(const fs::path &file) {
+  return pythonReading("import json, plistlib, sys\n"
+                       "try:\n"
+                       "    print(json.dumps(plistlib.load(open(sys.argv[1], 'rb')), default=str, sort_keys=True))\n"
+                       "except Exception as error:\n"
+                       "    print('refused: %s' % error)\n",
+                       file);
+}
+
+std::string emailHeadersReading(const std::string &mail) {
+  const fs::path file = fs::temp_directory_path() / ("parlova-mail-" + std::to_string(getpid()));
+  writeText(file, mail);
+  const std::string read = pythonReading("import email, email.policy, sys\n"
+                                         "message = email.message_from_bytes(open(sys.argv[1], 'rb').read(),\n"
+                                         "                                   policy=email.policy.default)\n"
+                                         "for name, value in message.items():\n"
+                                         "    print('%s: %s' % (name, value))\n",
+                                         file);
+  fs::remove(file);
   return read;
 }
 

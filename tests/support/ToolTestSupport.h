@@ -114,6 +114,9 @@ size_t countOccurrences(const std::string &text, const std::string &needle);
 // character beyond ASCII escaped (dates and data as Python prints them);
 // "refused: ..." with plistlib's error when it cannot read the file.
 std::string plistlibReading(const std::filesystem::path &file);
+// A mail's headers as Python's email package reads them (default policy,
+// encoded words decoded): "Name: value" lines, in order.
+std::string emailHeadersReading(const std::string &mail);
 // Bytes spelled as hexadecimal digits; anything else between them is ignored.
 std::vector<uint8_t> fromHex(std::string_view hex);
 
