@@ -6,6 +6,7 @@
 #include "context/Settings.h"
 #include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
+#include "platform/ChildProcess.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -66,11 +67,31 @@ void ICLPChatLog::emailReady(SmtpSession &session) {
   Preferences &settings = appSettings();
   const bool needsUsername = (settings.intValue("emailNeedsUsername") & 0xFF) != 0;
   const std::string username = settings.stringValue("emailUsername").value_or("");
-  const std::string password = settings.stringValue("emailPassword").value_or("");
-  if (needsUsername)
-    session.authenticate(username, password, "LOGIN");
-  else
+  if (!needsUsername) {
     session.sendMessage();
+    return;
+  }
+  std::string password = settings.stringValue("emailPassword").value_or("");
+  // A password kept in a keyring or an encrypted file rather than in the
+  // settings: the command's first line is the password. It wins over
+  // emailPassword, and what it printed is never shown anywhere.
+  if (const auto command = settings.stringValue("emailPasswordCommand"); command && !command->empty()) {
+    const ChildOutcome outcome = runChildProcess({"/bin/sh", "-c", *command}, "", std::chrono::seconds(120));
+    password = outcome.output.substr(0, outcome.output.find('\n'));
+    if (!password.empty() && password.back() == '\r')
+      password.pop_back();
+    std::string failure = outcome.failure();
+    if (failure.empty() && password.empty())
+      failure = "it printed no password";
+    if (!failure.empty()) {
+      const std::string reason = "emailPasswordCommand failed: " + failure;
+      logLine(reason);
+      reportErrorAndLog(3, reason);
+      mailTransmissionDone = true;
+      return;
+    }
+  }
+  session.authenticate(username, password, "LOGIN");
 }
 
 void ICLPChatLog::authenticationCompleted() {

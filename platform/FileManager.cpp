@@ -222,8 +222,11 @@ void removeOrphanedTemporaries(const fs::path &folder) {
 bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability,
                          Visibility visibility) {
   const fs::path temporary = temporaryPathBeside(path);
-  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                      visibility == Visibility::Private ? 0600 : 0644);
+  mode_t mode = visibility == Visibility::Private ? 0600 : 0644;
+  // A stricter mode that the owner gave a private file stays.
+  if (struct stat existing{}; visibility == Visibility::Private && stat(path.c_str(), &existing) == 0)
+    mode &= existing.st_mode & 0777;
+  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0)
     return false;
   size_t written = 0;

@@ -116,6 +116,37 @@ TEST_F(Email, LoginIsUsedWhenAskedAndARejectedOneIsReported) {
   }
 }
 
+// The password from a keyring or an encrypted file: the command's first
+// line, never shown; a command that fails is a login that failed.
+TEST_F(Email, APasswordCommandWinsOverTheStoredPasswordAndItsFailureIsReported) {
+  SmtpServer server(home_.path() / "smtp", "auth");
+  configure(server.port());
+  home_.setSetting("emailNeedsUsername", "-int", "1");
+  home_.setSetting("emailUsername", "-string", "parlova");
+  home_.setSetting("emailPassword", "-string", "wrong");
+  const struct {
+    const char *command;
+    const char *failure; // empty: delivered
+  } cases[] = {{"printf 'secret\\r\\nsecond line'", ""},
+               {"echo secret; exit 1", "emailPasswordCommand failed: exit 1"},
+               {"true", "emailPasswordCommand failed: it printed no password"}};
+  size_t delivered = 0;
+  for (const auto &command : cases) {
+    home_.setSetting("emailPasswordCommand", "-string", command.command);
+    addChat();
+    const auto result = home_.run("parlova");
+    EXPECT_EQ(result.err.find("secret"), std::string::npos) << result.err;
+    if (!*command.failure) {
+      EXPECT_EQ(server.messages().size(), ++delivered) << result.err;
+    } else {
+      EXPECT_NE(result.err.find(std::string("] ") + command.failure + "\n"), std::string::npos) << result.err;
+      EXPECT_EQ(home_.readSetting("reportThis"), command.failure);
+      EXPECT_EQ(server.messages().size(), delivered);
+    }
+    fs::remove_all(home_.archive());
+  }
+}
+
 TEST_F(Email, ARefusedMessageIsReportedAsTheReplyReadIn16BitUnits) {
   SmtpServer server(home_.path() / "smtp", "refuse");
   configure(server.port());

@@ -122,6 +122,10 @@ TEST(PreferencesDomain, SettingsAreTheOwnersOnlyAndWhatADeadWriterLeftIsRemoved)
   home.setSetting("emailPassword", "-string", "secret");
   const fs::path folder = home.path() / "Library/Preferences";
   EXPECT_EQ(fs::status(folder / "com.hollowmere.parlova.plist").permissions() & fs::perms::all, fs::perms(0600));
+  fs::permissions(folder / "com.hollowmere.parlova.plist", fs::perms(0400));
+  home.setSetting("emailUsername", "-string", "me");
+  EXPECT_EQ(fs::status(folder / "com.hollowmere.parlova.plist").permissions() & fs::perms::all, fs::perms(0400))
+      << "a stricter mode of the owner's stays";
 
   const pid_t gone = fork();
   if (gone == 0)
