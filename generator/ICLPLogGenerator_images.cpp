@@ -109,11 +109,12 @@ std::vector<SpeakerPictures> pageView(const PlistValue::Array &archive) {
   return speakers;
 }
 
-std::string pageIndex(const std::vector<SpeakerPictures> &speakers, size_t total, std::optional<size_t> active) {
+std::string pageIndex(const std::vector<SpeakerPictures> &speakers, size_t total, std::optional<size_t> active,
+                      const PageEscaping &escaping) {
   std::vector<IndexEntry> people;
   for (const SpeakerPictures &speaker : speakers)
     people.push_back({ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + "-images.html",
-                      *speaker.name, speaker.pictures.size()});
+                      escaping.text(*speaker.name), speaker.pictures.size()});
   return indexList({"Images.html", "All", total}, people, active);
 }
 
@@ -210,6 +211,7 @@ void generateImagePages(const PlistValue::Array &archive, const fs::path &folder
     total += speaker.pictures.size();
 
   const auto pageTemplate = readTemplate(folder / "imagetemplate.html");
+  const PageEscaping escaping = PageEscaping::fromSettings();
   SharedTables tables;
   for (size_t i = 0; i < speakers.size(); ++i) {
     const SpeakerPictures &speaker = speakers[i];
@@ -217,15 +219,15 @@ void generateImagePages(const PlistValue::Array &archive, const fs::path &folder
     if (!pageTemplate)
       continue;
     std::string page = *pageTemplate;
-    replaceOccurrences(page, "____NAME", *speaker.name);
-    replaceOccurrences(page, "____CONTENTS", pageIndex(speakers, total, i));
+    replaceOccurrences(page, "____NAME", escaping.text(*speaker.name));
+    replaceOccurrences(page, "____CONTENTS", pageIndex(speakers, total, i, escaping));
     replaceOccurrences(page, "____IMAGES", body);
     writePage(folder / (speaker.pageStem + "-images.html"), page);
   }
   if (pageTemplate) {
     std::string page = *pageTemplate;
     replaceOccurrences(page, "____NAME", "Images");
-    replaceOccurrences(page, "____CONTENTS", pageIndex(speakers, total, std::nullopt));
+    replaceOccurrences(page, "____CONTENTS", pageIndex(speakers, total, std::nullopt, escaping));
     replaceOccurrences(page, "____IMAGES", newestMonthFirst(tables.sections, compareImageDateString, kSectionEnd));
     writePage(folder / "Images.html", page);
   }

@@ -19,6 +19,8 @@ namespace {
 
 constexpr std::string_view kMonthHeading = R"(<h3>%@</h3><ul class="links">)";
 constexpr std::string_view kLinkItem = R"(<li><span><a href="%@" target="_blank">%@</a> -- %@, %@</span></li>)";
+// An address that may not become a link, with escaping on: shown as text.
+constexpr std::string_view kTextItem = R"(<li><span>%@ -- %@, %@</span></li>)";
 
 struct Link {
   Date date;
@@ -55,11 +57,12 @@ std::vector<SpeakerLinks> pageView(const PlistValue::Array &archive) {
   return speakers;
 }
 
-std::string navigationList(const std::vector<SpeakerLinks> &speakers, size_t total, std::optional<size_t> active) {
+std::string navigationList(const std::vector<SpeakerLinks> &speakers, size_t total, std::optional<size_t> active,
+                           const PageEscaping &escaping) {
   std::vector<IndexEntry> people;
   for (const SpeakerLinks &speaker : speakers)
-    people.push_back({ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + ".html", *speaker.name,
-                      speaker.links.size()});
+    people.push_back({ICLPLogGenerator::stringWithFunkyURLStuffInserted(speaker.pageStem) + ".html",
+                      escaping.text(*speaker.name), speaker.links.size()});
   return indexList({"Links.html", "All", total}, people, active);
 }
 
@@ -70,7 +73,8 @@ std::string monthHeading(const std::string &title) { return "\n" + fillFormat(kM
 // one group under the first title; and the last group is left open. Both
 // are how the pages have always looked. Each item also goes to the month's
 // text for the all-links page.
-std::string speakerLinkList(const SpeakerLinks &speaker, std::map<std::string, std::string> &monthTable) {
+std::string speakerLinkList(const SpeakerLinks &speaker, std::map<std::string, std::string> &monthTable,
+                            const PageEscaping &escaping) {
   std::string list;
   if (speaker.links.empty())
     return list;
@@ -88,9 +92,12 @@ std::string speakerLinkList(const SpeakerLinks &speaker, std::map<std::string, s
       currentMonth = month;
       tableEntry = &monthTable.try_emplace(title, group).first->second;
     }
-    const std::string item =
-        fillFormat(kLinkItem, {*link.url, ICLPLogGenerator::CompressedLinkForList(*link.url), *speaker.name,
-                               formatCalendarDate(link.date, "%a %B %e, %I:%M%p")});
+    const std::string shown = escaping.text(ICLPLogGenerator::CompressedLinkForList(*link.url));
+    const std::string who = escaping.text(*speaker.name);
+    const std::string when = formatCalendarDate(link.date, "%a %B %e, %I:%M%p");
+    const std::string item = escaping.linkable(*link.url)
+                                 ? fillFormat(kLinkItem, {escaping.text(*link.url), shown, who, when})
+                                 : fillFormat(kTextItem, {shown, who, when});
     group += item;
     *tableEntry += item;
   }
@@ -105,15 +112,16 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
     total += speaker.links.size();
 
   const auto pageTemplate = readTemplate(folder / "linktemplate.html");
+  const PageEscaping escaping = PageEscaping::fromSettings();
   std::map<std::string, std::string> monthTable;
   for (size_t i = 0; i < speakers.size(); ++i) {
     const SpeakerLinks &speaker = speakers[i];
-    std::string links = speakerLinkList(speaker, monthTable);
+    std::string links = speakerLinkList(speaker, monthTable, escaping);
     if (!pageTemplate)
       continue;
     std::string page = *pageTemplate;
-    replaceOccurrences(page, "____NAME", *speaker.name);
-    replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, i));
+    replaceOccurrences(page, "____NAME", escaping.text(*speaker.name));
+    replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, i, escaping));
     replaceOccurrences(page, "____LINKS", links);
     writePage(folder / (speaker.pageStem + ".html"), page);
   }
@@ -121,7 +129,7 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
     return;
   std::string page = *pageTemplate;
   replaceOccurrences(page, "____NAME", "Links");
-  replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, std::nullopt));
+  replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, std::nullopt, escaping));
   replaceOccurrences(page, "____LINKS", newestMonthFirst(monthTable, compareLinkDateString, "</ul>"));
   writePage(folder / "Links.html", page);
 }

@@ -2,9 +2,19 @@
 
 #include <span>
 
+#include "context/Settings.h"
+#include "foundation/HtmlText.h"
 #include "platform/FileManager.h"
 
 namespace parlova {
+
+PageEscaping PageEscaping::fromSettings() { return PageEscaping(appSettings().boolValue("escapeHTML")); }
+
+std::string PageEscaping::text(std::string_view typed) const {
+  return on_ ? escapedForHtml(typed) : std::string(typed);
+}
+
+bool PageEscaping::linkable(std::string_view address) const { return !on_ || hasLinkableScheme(address); }
 
 std::string fillFormat(std::string_view format, std::initializer_list<std::string_view> arguments) {
   std::string out;

@@ -18,6 +18,22 @@ std::string fillFormat(std::string_view format, std::initializer_list<std::strin
 // scanning left to right without looking at what was put in.
 void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement);
 
+// How text typed in a transcript (names, link addresses and texts) goes
+// onto a page: as it is, as the pages always had it, or, with the setting
+// escapeHTML on, escaped, and only addresses of the linkable schemes as
+// links.
+class PageEscaping {
+public:
+  static PageEscaping fromSettings();
+  explicit PageEscaping(bool on) : on_(on) {}
+
+  std::string text(std::string_view typed) const;
+  bool linkable(std::string_view address) const;
+
+private:
+  bool on_;
+};
+
 // A template's text; nothing when it is missing or unreadable.
 std::optional<std::string> readTemplate(const std::filesystem::path &path);
 

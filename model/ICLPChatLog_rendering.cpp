@@ -2,6 +2,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "context/Settings.h"
+#include "foundation/HtmlText.h"
 #include "foundation/TextAttributes.h"
 #include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
@@ -33,7 +35,11 @@ struct RunTags {
   std::optional<std::u16string> attachmentLabel;
 };
 
-RunTags tagsFor(const TextAttributes &attributes) {
+// With `escaping` (the setting escapeHTML), what came from the transcript
+// (font names, link addresses, attachment names) is escaped, and a link
+// whose scheme may not become one gets no tag.
+RunTags tagsFor(const TextAttributes &attributes, bool escaping) {
+  const auto typed = [escaping](const std::string &text) { return escaping ? escapedForHtml(text) : text; };
   RunTags tags;
   if (const auto color = objectAs<Color>(attributes.valueForName(kForegroundColorAttributeName))) {
     if (const auto rgb = color->usingDeviceRGB()) {
@@ -47,21 +53,60 @@ RunTags tagsFor(const TextAttributes &attributes) {
     }
   }
   if (const auto font = objectAs<Font>(attributes.valueForName(kFontAttributeName))) {
-    tags.openings.push_back(utf8ToUtf16("<font face=\"" + font->fontName() + "\" point-size=\"" +
+    tags.openings.push_back(utf8ToUtf16("<font face=\"" + typed(font->fontName()) + "\" point-size=\"" +
                                         std::to_string(truncated(font->pointSize())) + "\">"));
     tags.closings.push_back(u"</font>");
   }
   if (const ObjectRef link = attributes.valueForName(kLinkAttributeName)) {
     const auto url = objectAs<URLObject>(link);
-    tags.openings.push_back(utf8ToUtf16("<a href=\"" + (url ? url->absoluteString() : link->description()) + "\">"));
-    tags.closings.push_back(u"</a>");
+    const std::string address = url ? url->absoluteString() : link->description();
+    if (!escaping || hasLinkableScheme(address)) {
+      tags.openings.push_back(utf8ToUtf16("<a href=\"" + typed(address) + "\">"));
+      tags.closings.push_back(u"</a>");
+    }
   }
   if (const auto attachment = objectAs<TextAttachment>(attributes.valueForName(kAttachmentAttributeName))) {
     const auto &wrapper = attachment->fileWrapper();
     const auto name = wrapper ? wrapper->preferredFilename() : std::nullopt;
-    tags.attachmentLabel = name && !name->empty() ? u"[" + utf8ToUtf16(*name) + u"]" : u"[attached item]";
+    tags.attachmentLabel = name && !name->empty() ? u"[" + utf8ToUtf16(typed(*name)) + u"]" : u"[attached item]";
   }
   return tags;
+}
+
+std::string footer() {
+  return "<br><hr><i>Sent by <a href=\"" + std::string(kWebAddress) + "\">Parlova</a>.</i>";
+}
+
+// The conversion is defined through a position table: every tag is inserted
+// at the current position of a styled-text index, pushing that index past
+// it. Everything inserted at one index therefore lands before that index's
+// character, in the order of insertion. Runs are walked in order, and a
+// run's closing tags fall at the next run's start ahead of that run's
+// opening tags, so the table's result is simply, run after run: the opening
+// tags (and an attachment's label), the run's characters, its closing tags.
+// Written out that way the conversion takes linear time.
+void appendHtmlRuns(std::u16string &html, const AttributedString &styled, bool escaping) {
+  const std::u16string &characters = styled.string();
+  for (const AttributeRun &run : styled.runs()) {
+    const RunTags tags = tagsFor(*run.attributes, escaping);
+    for (const auto &opening : tags.openings)
+      html += opening;
+    size_t from = run.location;
+    if (tags.attachmentLabel) {
+      // The label goes before the blank that replaces the attachment's
+      // character.
+      html += *tags.attachmentLabel;
+      html += u' ';
+      ++from;
+    }
+    const std::u16string_view text = std::u16string_view(characters).substr(from, run.location + run.length - from);
+    if (escaping)
+      html += escapedForHtml(text);
+    else
+      html += text;
+    for (const auto &closing : tags.closings)
+      html += closing;
+  }
 }
 
 } // namespace
@@ -90,38 +135,24 @@ AttributedString ICLPChatLog::RichChatLog() const {
     rich.append(message->LoggedString());
     rich.append(u"<br>\n");
   }
-  rich.append(utf8ToUtf16("<br><hr><i>Sent by <a href=\"" + std::string(kWebAddress) + "\">Parlova</a>.</i>"));
+  rich.append(utf8ToUtf16(footer()));
   return std::move(rich).build();
 }
 
-// The conversion is defined through a position table: every tag is inserted
-// at the current position of a styled-text index, pushing that index past
-// it. Everything inserted at one index therefore lands before that index's
-// character, in the order of insertion. Runs are walked in order, and a
-// run's closing tags fall at the next run's start ahead of that run's
-// opening tags, so the table's result is simply, run after run: the opening
-// tags (and an attachment's label), the run's characters, its closing tags.
-// Written out that way the conversion takes linear time.
 std::vector<uint8_t> ICLPChatLog::HTMLChatLog() const {
-  const AttributedString styled = RichChatLog();
-  const std::u16string &characters = styled.string();
   std::u16string html(kHead);
-  html.reserve(kHead.size() + characters.size() * 2);
-  for (const AttributeRun &run : styled.runs()) {
-    const RunTags tags = tagsFor(*run.attributes);
-    for (const auto &opening : tags.openings)
-      html += opening;
-    size_t from = run.location;
-    if (tags.attachmentLabel) {
-      // The label goes before the blank that replaces the attachment's
-      // character.
-      html += *tags.attachmentLabel;
-      html += u' ';
-      ++from;
+  if (!appSettings().boolValue("escapeHTML")) {
+    appendHtmlRuns(html, RichChatLog(), false);
+  } else {
+    // Message by message, so that only the transcript's text is escaped and
+    // not the line breaks and the footer put between.
+    for (const auto &message : messages()) {
+      if (message->isStatusMessage())
+        continue;
+      appendHtmlRuns(html, message->LoggedString(), true);
+      html += u"<br>\n";
     }
-    html.append(characters, from, run.location + run.length - from);
-    for (const auto &closing : tags.closings)
-      html += closing;
+    html += utf8ToUtf16(footer());
   }
   html += u"</body></html>";
   const std::string utf8 = utf16ToUtf8(html);

@@ -55,6 +55,14 @@ protected:
     return runs;
   }
 
+  // The page after its scripts ran (stdout) and every console message
+  // (stderr), in headless Chromium.
+  ToolResult inBrowser(const fs::path &page) const {
+    return home_.run("/usr/bin/chromium", {"--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
+                                           "--v=0", "--user-data-dir=" + (home_.path() / "browser").string(),
+                                           "--dump-dom", "file://" + page.string()});
+  }
+
   ScratchHome home_;
 };
 
@@ -163,10 +171,7 @@ TEST_F(Pipeline, ShippedPagesLeadABrowserToEveryPageAndPicture) {
 
   const std::regex target(R"#((?:href|src)="([^"]*)")#");
   for (const char *page : {"Links.html", "Images.html"}) {
-    const auto shown = home_.run("/usr/bin/chromium", {"--headless", "--no-sandbox", "--disable-gpu",
-                                                       "--enable-logging=stderr", "--v=0",
-                                                       "--user-data-dir=" + (home_.path() / "browser").string(),
-                                                       "--dump-dom", "file://" + (folder() / page).string()});
+    const auto shown = inBrowser(folder() / page);
     ASSERT_EQ(shown.exitCode, 0) << shown.err;
     EXPECT_EQ(shown.err.find("INFO:CONSOLE"), std::string::npos) << page << "\n" << shown.err;
     int local = 0;
@@ -190,6 +195,42 @@ TEST_F(Pipeline, ShippedPagesLeadABrowserToEveryPageAndPicture) {
     }
     EXPECT_GE(local, 4) << page << "\n" << shown.out;
   }
+}
+
+// Off, as always, text goes into the pages and the mail as typed; with
+// escapeHTML on, no script a stranger typed runs, in a real browser, and
+// the text shows as typed.
+TEST_F(Pipeline, WithEscapingOnNoTypedScriptRunsAndTheTextShowsAsTyped) {
+  home_.setSetting("handleURLs", "-bool", "YES");
+  home_.setSetting("handleImages", "-bool", "YES");
+  home_.setSetting("escapeHTML", "-bool", "YES");
+  const Account eve{"AIM", "<img src=x onerror=\"console.log('name')\">eve"};
+  TranscriptSpec spec;
+  spec.others = {eve};
+  spec.messages = {says(eve, 157629600, "<script>console.log('text')</script>"),
+                   withLink(eve, 157629660, "javascript:console.log('link')"),
+                   withLink(eve, 157629720, "data:text/html,<script>console.log('data')</script>"),
+                   withLink(eve, 157629780, "http://example.com/?a=1&b=\"2\""),
+                   withPicture(eve, 157629840, "<svg onload=console.log('file')>.png",
+                               pictureBytes(ImageFormat::PNG, 4, 4))};
+  const fs::path transcript = home_.addTranscript("Eve on 2005-12-30 at 10.00.ichat", spec);
+  const auto mail = home_.run("parlova-inspect", {"--html", transcript.string()});
+  writeText(home_.path() / "mail.html", mail.out);
+  ASSERT_EQ(runUntilDone(2), 1);
+
+  for (const fs::path page : {folder() / "Links.html", folder() / "Images.html", home_.path() / "mail.html"}) {
+    const auto shown = inBrowser(page);
+    ASSERT_EQ(shown.exitCode, 0) << shown.err;
+    EXPECT_EQ(shown.err.find("INFO:CONSOLE"), std::string::npos) << page << "\n" << shown.err;
+    EXPECT_EQ(shown.out.find("href=\"javascript:"), std::string::npos) << page;
+    EXPECT_EQ(shown.out.find("href=\"data:"), std::string::npos) << page;
+    EXPECT_NE(shown.out.find("&lt;img src=x onerror=\"console.log('name')\"&gt;eve"), std::string::npos)
+        << page << "\n" << shown.out;
+  }
+  const std::string links = readText(folder() / "Links.html");
+  EXPECT_NE(links.find("<a href=\"http://example.com/?a=1&amp;b=&quot;2&quot;\""), std::string::npos) << links;
+  EXPECT_NE(links.find("<li><span>javascript:console.log(&#39;link&#39;) -- "), std::string::npos) << links;
+  EXPECT_NE(mail.out.find("&lt;script&gt;console.log(&#39;text&#39;)&lt;/script&gt;"), std::string::npos) << mail.out;
 }
 
 TEST_F(Pipeline, WithLinksAndPicturesOffOnlyStatisticsAreKept) {
