@@ -12,6 +12,7 @@
 #include "driver/TranscriptJournal.h"
 #include "generator/ArchiveBatch.h"
 #include "generator/ICLPLogGenerator.h"
+#include "mail/MaildirDelivery.h"
 #include "mail/SmtpSession.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -118,6 +119,80 @@ std::optional<MailSecurity> mailSecuritySetting(Preferences &settings) {
   return std::nullopt;
 }
 
+// Where the transcript email goes: emailDelivery, smtp (also when absent) or
+// maildir, in any case. Anything else is nothing: no guess at where mail goes.
+std::optional<std::string> deliverySetting(Preferences &settings) {
+  const auto stored = settings.copyAppValue("emailDelivery");
+  if (!stored)
+    return "smtp";
+  std::string name = plistString(stored->node()).value_or("");
+  for (char &c : name)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (name == "smtp" || name == "maildir")
+    return name;
+  return std::nullopt;
+}
+
+// The transcript email stored straight into a local Maildir: the message
+// the SMTP path sends, dated by the chat's first message and named after
+// the transcript's contents, so that storing it again (a run that died
+// before the move) stores nothing. Like the SMTP path: true when the
+// transcript must wait; a store that fails is handled as a refused message.
+bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const std::optional<std::string> &to,
+                              const std::optional<std::string> &from) {
+  Preferences &settings = appSettings();
+  const auto identity = TranscriptJournal::identify(path);
+  if (!identity) {
+    logFormat("Could not store the mail: %@ cannot be read.", path);
+    return true;
+  }
+  const std::string name = "parlova." + std::to_string(identity->size) + "." + identity->digest;
+  const std::string sender = from.value_or("");
+  const size_t at = sender.rfind('@');
+  const std::string domain = at == std::string::npos || at + 1 == sender.size() ? "localhost" : sender.substr(at + 1);
+  std::optional<Date> chatTime;
+  for (const auto &message : log.messages())
+    if ((chatTime = message->TimeStamp()))
+      break;
+
+  MailMessage message;
+  message.subject = log.subjectForEmail();
+  message.from = sender;
+  message.to = to.value_or("");
+  message.html = log.HTMLChatLog();
+  message.plainText = log.PlainChatLog();
+  message.messageId = name + "@" + domain;
+  if (chatTime)
+    message.date = chatTime->timeIntervalSince1970();
+  const auto bytes = SmtpSession::messageBytes(message);
+  if (const auto *why = std::get_if<std::string>(&bytes)) {
+    logFormat("Could not load the mail module: %@", *why);
+    return true;
+  }
+  std::string maildir = settings.stringValue("emailMaildir").value_or("~/Maildir");
+  if (maildir == "~" || maildir.starts_with("~/"))
+    maildir = (homeDirectory() / maildir.substr(std::min<size_t>(2, maildir.size()))).string();
+  const MaildirDelivery delivery(maildir, settings.stringValue("emailFolder").value_or("Chats"));
+  const auto result = delivery.deliver(name, std::get<std::vector<uint8_t>>(bytes),
+                                       chatTime ? chatTime->timeIntervalSince1970() : Date::now().timeIntervalSince1970());
+  switch (result.outcome) {
+  case MaildirDelivery::Outcome::Stored:
+    log.messageWasSent = true;
+    break;
+  case MaildirDelivery::Outcome::AlreadyThere:
+    logFormat("The mail of %@ is in %@ already; it is not stored again.", path, delivery.folder().string());
+    log.messageWasSent = true;
+    break;
+  case MaildirDelivery::Outcome::Failed: {
+    const std::string reason = "Maildir not writable: " + result.reason;
+    logFormat("Could not store the mail: %@", reason);
+    ICLPChatLog::reportErrorAndLog(2, reason);
+    break;
+  }
+  }
+  return false;
+}
+
 // Composes the transcript email and carries it through the SMTP session.
 // True when it could not be handed to the server.
 bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to, const std::optional<std::string> &from,
@@ -216,7 +291,19 @@ ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log,
 
   logFormat("preparing email send %@", path);
 
-  if (sendEmails && sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort)) {
+  const auto delivery = deliverySetting(settings);
+  if (sendEmails && !delivery) {
+    const std::string reason = "emailDelivery must be smtp or maildir";
+    logFormat("Unable to connect to mail server: %@.", reason);
+    ICLPChatLog::reportErrorAndLog(2, reason);
+    logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
+    preparation.outcome = Outcome::MailFailed;
+    return preparation;
+  }
+  const bool mailFailed = sendEmails && (*delivery == "maildir"
+                                             ? storeTranscriptInMaildir(*log, path, emailAddress, emailOutgoing)
+                                             : sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort));
+  if (mailFailed) {
     logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
     preparation.outcome = Outcome::MailFailed;
     return preparation;

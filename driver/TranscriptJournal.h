@@ -76,12 +76,15 @@ public:
   std::filesystem::path journalFile() const { return folder_ / "journal.plist"; }
   std::filesystem::path movesFile() const { return folder_ / "moves"; }
 
-private:
+  // What names a transcript's contents: its size and digest. Also the name
+  // of its message in a Maildir.
   struct Identity {
     uint64_t size = 0;
     std::string digest;
   };
   static std::optional<Identity> identify(const std::filesystem::path &transcript);
+
+private:
   bool keepArchives();
   // Puts the kept archives back and keeps them kept (the journal's clear()
   // lets them go), so that a recovery cut short can be made again.

@@ -1,5 +1,10 @@
 #include "mail/SmtpSession.h"
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
 #include "foundation/Unicode.h"
 #include "platform/LoadableModule.h"
 #include "platform/Log.h"
@@ -28,6 +33,51 @@ std::string asHeaderValue(std::string_view text) {
   return utf16ToUtf8(value);
 }
 
+MailMessage withHeadersFit(const MailMessage &message) {
+  MailMessage headers = message;
+  for (std::string *text : {&headers.subject, &headers.from, &headers.to, &headers.messageId})
+    *text = asHeaderValue(*text);
+  return headers;
+}
+
+// RFC 5322's date, in the machine's time zone, with English names whatever
+// the locale.
+std::string rfc5322Date(double secondsSince1970) {
+  static constexpr const char *kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static constexpr const char *kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  const auto seconds = static_cast<std::time_t>(secondsSince1970);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  const long offset = local.tm_gmtoff / 60;
+  char text[64];
+  std::snprintf(text, sizeof text, "%s, %d %s %d %02d:%02d:%02d %c%02ld%02ld", kDays[local.tm_wday], local.tm_mday,
+                kMonths[local.tm_mon], local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec,
+                offset < 0 ? '-' : '+', std::labs(offset) / 60, std::labs(offset) % 60);
+  return text;
+}
+
+// The framework dates every message now; a message for a mailbox carries
+// the date it was given instead, in place of the framework's Date line.
+void replaceDate(std::vector<uint8_t> &bytes, double secondsSince1970) {
+  const std::string_view text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+  const size_t headerEnd = std::min(text.find("\r\n\r\n"), text.find("\n\n"));
+  const std::string line = "Date: " + rfc5322Date(secondsSince1970);
+  size_t at = text.starts_with("Date: ") ? 0 : text.find("\nDate: ");
+  if (at == std::string_view::npos || at > headerEnd) {
+    const std::string added = line + "\r\n";
+    bytes.insert(bytes.begin(), added.begin(), added.end());
+    return;
+  }
+  if (at != 0)
+    ++at;
+  size_t end = text.find('\n', at);
+  if (end > at && text[end - 1] == '\r')
+    --end;
+  bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.begin() + static_cast<std::ptrdiff_t>(end));
+  bytes.insert(bytes.begin() + static_cast<std::ptrdiff_t>(at), line.begin(), line.end());
+}
+
 } // namespace
 
 std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const MailServer &server,
@@ -36,12 +86,23 @@ std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const 
   if (const auto *why = std::get_if<std::string>(&found))
     return *why;
   const auto openSession = reinterpret_cast<OpenSmtpSessionFunction>(std::get<void *>(found));
-  MailMessage headers = message;
-  for (std::string *text : {&headers.subject, &headers.from, &headers.to})
-    *text = asHeaderValue(*text);
+  const MailMessage headers = withHeadersFit(message);
   MailServer logged = server;
   logged.log = &logLine;
   return std::unique_ptr<SmtpSession>(openSession(&logged, &headers));
+}
+
+std::variant<std::vector<uint8_t>, std::string> SmtpSession::messageBytes(const MailMessage &message) {
+  const auto found = moduleSymbol("libparlova-mail.so", kRenderMessageSymbol);
+  if (const auto *why = std::get_if<std::string>(&found))
+    return *why;
+  const auto render = reinterpret_cast<RenderMessageFunction>(std::get<void *>(found));
+  const MailMessage headers = withHeadersFit(message);
+  std::vector<uint8_t> bytes;
+  render(&headers, &bytes);
+  if (message.date)
+    replaceDate(bytes, *message.date);
+  return bytes;
 }
 
 } // namespace parlova

@@ -23,6 +23,10 @@ struct MailMessage {
   std::string to;
   std::string plainText;
   std::vector<uint8_t> html;
+  // For a mailbox: the Date header (seconds since 1970; none: now) and the
+  // Message-ID without its angle brackets (empty: one of the framework's).
+  std::optional<double> date;
+  std::string messageId;
 };
 
 class SmtpSessionDelegate {
@@ -54,6 +58,10 @@ public:
   static std::variant<std::unique_ptr<SmtpSession>, std::string> open(const MailServer &server,
                                                                       const MailMessage &message);
 
+  // The message's bytes, exactly as a session would send them, for
+  // delivery into a mailbox; or why the mail module could not be loaded.
+  static std::variant<std::vector<uint8_t>, std::string> messageBytes(const MailMessage &message);
+
   virtual ~SmtpSession() = default;
 
   virtual void setDelegate(SmtpSessionDelegate *delegate) = 0;
@@ -77,5 +85,7 @@ public:
 // What the mail module exports: a new session, owned by the caller.
 using OpenSmtpSessionFunction = SmtpSession *(*)(const MailServer *server, const MailMessage *message);
 inline constexpr const char *kOpenSmtpSessionSymbol = "parlovaOpenSmtpSession";
+using RenderMessageFunction = void (*)(const MailMessage *message, std::vector<uint8_t> *bytes);
+inline constexpr const char *kRenderMessageSymbol = "parlovaRenderMessage";
 
 } // namespace parlova

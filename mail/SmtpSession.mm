@@ -110,48 +110,9 @@ unsigned smtpTimeoutSeconds() {
   return seconds > 0 ? static_cast<unsigned>(seconds) : kDefault;
 }
 
-class PantomimeSmtpSession final : public SmtpSession {
-public:
-  PantomimeSmtpSession(const MailServer &server, const MailMessage &message);
-  ~PantomimeSmtpSession() override;
-  PantomimeSmtpSession(const PantomimeSmtpSession &) = delete;
-  PantomimeSmtpSession &operator=(const PantomimeSmtpSession &) = delete;
-
-  void setDelegate(SmtpSessionDelegate *delegate) override;
-  int connect() override;
-  const std::optional<std::string> &securityFailure() const override { return securityFailure_; }
-  void scheduleTimer(double seconds, std::function<void()> fired) override;
-  bool runRunLoopOnce() override;
-  void authenticate(const std::string &username, const std::string &password, const std::string &mechanism) override;
-  void sendMessage() override;
-  std::vector<uint8_t> lastResponse() const override;
-
-private:
-  struct Objects;
-  MailServer server_;
-  std::unique_ptr<TlsTunnel> tunnel_;
-  std::optional<std::string> securityFailure_;
-  std::unique_ptr<Objects> objects_;
-};
-
-} // namespace
-
-struct PantomimeSmtpSession::Objects {
-  NSAutoreleasePool *pool = nil;
-  CWSMTP *smtp = nil;
-  CWMessage *message = nil;
-  ParlovaSmtpDelegate *delegate = nil;
-  NSMutableArray *timerTargets = nil;
-  NSMutableArray *timers = nil;
-  std::deque<std::function<void()>> timerCallbacks; // stable addresses
-};
-
-PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailMessage &mail)
-    : server_(server), objects_(std::make_unique<Objects>()) {
-  objects_->pool = [[NSAutoreleasePool alloc] init];
-  objects_->timerTargets = [[NSMutableArray alloc] init];
-  objects_->timers = [[NSMutableArray alloc] init];
-
+// The transcript email as a message of the framework's, owned by the caller:
+// the one builder for every way a message leaves.
+CWMessage *newMessage(const MailMessage &mail) {
   CWMessage *message = [[CWMessage alloc] init];
   [message setSubject:text(mail.subject)];
   CWInternetAddress *from = [[CWInternetAddress alloc] initWithString:text(mail.from)];
@@ -197,7 +158,54 @@ PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailM
   [multipart release];
   [from release];
   [to release];
-  objects_->message = message;
+  if (!mail.messageId.empty())
+    [message setMessageID:text(mail.messageId)];
+  return message;
+}
+
+class PantomimeSmtpSession final : public SmtpSession {
+public:
+  PantomimeSmtpSession(const MailServer &server, const MailMessage &message);
+  ~PantomimeSmtpSession() override;
+  PantomimeSmtpSession(const PantomimeSmtpSession &) = delete;
+  PantomimeSmtpSession &operator=(const PantomimeSmtpSession &) = delete;
+
+  void setDelegate(SmtpSessionDelegate *delegate) override;
+  int connect() override;
+  const std::optional<std::string> &securityFailure() const override { return securityFailure_; }
+  void scheduleTimer(double seconds, std::function<void()> fired) override;
+  bool runRunLoopOnce() override;
+  void authenticate(const std::string &username, const std::string &password, const std::string &mechanism) override;
+  void sendMessage() override;
+  std::vector<uint8_t> lastResponse() const override;
+
+private:
+  struct Objects;
+  MailServer server_;
+  std::unique_ptr<TlsTunnel> tunnel_;
+  std::optional<std::string> securityFailure_;
+  std::unique_ptr<Objects> objects_;
+};
+
+} // namespace
+
+struct PantomimeSmtpSession::Objects {
+  NSAutoreleasePool *pool = nil;
+  CWSMTP *smtp = nil;
+  CWMessage *message = nil;
+  ParlovaSmtpDelegate *delegate = nil;
+  NSMutableArray *timerTargets = nil;
+  NSMutableArray *timers = nil;
+  std::deque<std::function<void()>> timerCallbacks; // stable addresses
+};
+
+PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailMessage &mail)
+    : server_(server), objects_(std::make_unique<Objects>()) {
+  objects_->pool = [[NSAutoreleasePool alloc] init];
+  objects_->timerTargets = [[NSMutableArray alloc] init];
+  objects_->timers = [[NSMutableArray alloc] init];
+
+  objects_->message = newMessage(mail);
   objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
   objects_->delegate->timeout = smtpTimeoutSeconds();
   objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
@@ -304,6 +312,18 @@ std::vector<uint8_t> PantomimeSmtpSession::lastResponse() const {
 }
 
 } // namespace parlova
+
+// The message's bytes as the framework writes them, for a mailbox.
+extern "C" __attribute__((visibility("default"))) void parlovaRenderMessage(const parlova::MailMessage *mail,
+                                                                          std::vector<uint8_t> *bytes) {
+  NSAutoreleasePool *pool = [[NSAutoreleasePool alloc] init];
+  CWMessage *message = parlova::newMessage(*mail);
+  NSData *data = [message dataValue];
+  const auto *start = static_cast<const uint8_t *>([data bytes]);
+  bytes->assign(start, start + [data length]);
+  [message release];
+  [pool release];
+}
 
 extern "C" __attribute__((visibility("default"))) parlova::SmtpSession *
 parlovaOpenSmtpSession(const parlova::MailServer *server, const parlova::MailMessage *message) {

@@ -90,8 +90,9 @@ TEST(HostileInput, TranscriptsMadeToBreakTheToolAreArchivedOnceAndReadableByOthe
   std::sort(names.begin(), names.end());
   EXPECT_EQ(archived, names) << "each transcript once, under its own name";
   for (const std::string &file : filesOf(home.path())) {
-    if (file.starts_with("Library/") && file.ends_with(".plist"))
+    if (file.starts_with("Library/") && file.ends_with(".plist")) {
       EXPECT_FALSE(plistlibReading(home.path() / file).starts_with("refused")) << file;
+    }
     const bool inside = file.starts_with("Library/Parlova/") || file.starts_with("Documents/iChats (Parlovaed)/") ||
                         file.starts_with("Library/Preferences/") || file.starts_with("smtp/");
     EXPECT_TRUE(before.count(file) || inside) << "written outside the tool's folders: " << file;

@@ -218,7 +218,7 @@ TEST_F(Pipeline, WithEscapingOnNoTypedScriptRunsAndTheTextShowsAsTyped) {
   writeText(home_.path() / "mail.html", mail.out);
   ASSERT_EQ(runUntilDone(2), 1);
 
-  for (const fs::path page : {folder() / "Links.html", folder() / "Images.html", home_.path() / "mail.html"}) {
+  for (const fs::path &page : {folder() / "Links.html", folder() / "Images.html", home_.path() / "mail.html"}) {
     const auto shown = inBrowser(page);
     ASSERT_EQ(shown.exitCode, 0) << shown.err;
     EXPECT_EQ(shown.err.find("INFO:CONSOLE"), std::string::npos) << page << "\n" << shown.err;

@@ -18,7 +18,7 @@ TEST(PropertyListWriter, XmlThatAnyReaderTakesWhateverTheTextsHold) {
   std::string everyControl;
   for (char c = 1; c < 0x20; ++c)
     everyControl += c;
-  for (const std::string text : {everyControl, std::string("\xEF\xBF\xBE\xEF\xBF\xBF"),
+  for (const std::string &text : {everyControl, std::string("\xEF\xBF\xBE\xEF\xBF\xBF"),
                                  std::string("bad \xFF byte"), std::string("\xED\xA0\x80 lone surrogate"),
                                  std::string("fine \xF0\x9F\x98\x80 & <tags> ]]>")})
     plist_array_append_item(list.get(), plist_new_string(text.c_str()));

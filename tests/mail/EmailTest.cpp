@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <regex>
 #include <cstdlib>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 
 #include "foundation/Unicode.h"
 #include "mail/TlsTunnel.h"
+#include "tests/fixtures/Backlog.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -37,6 +39,28 @@ protected:
     return home_.addTranscript("Alice on 2006-01-01.ichat", spec);
   }
   bool archived() const { return fs::exists(home_.archive() / "Alice on 2006-01-01.ichat"); }
+  // A message without what differs from one sending to the next: the date,
+  // the message id and the MIME boundary.
+  static std::string withoutDateAndId(std::string mail) {
+    const std::string marker = "boundary=\"";
+    if (const size_t at = mail.find(marker); at != std::string::npos) {
+      const std::string boundary = mail.substr(at + marker.size(), mail.find('"', at + marker.size()) - at - marker.size());
+      for (size_t found = mail.find(boundary); found != std::string::npos; found = mail.find(boundary, found))
+        mail.replace(found, boundary.size(), "BOUNDARY");
+    }
+    std::string kept;
+    size_t start = 0;
+    while (start < mail.size()) {
+      const size_t end = mail.find('\n', start);
+      const std::string line = mail.substr(start, end == std::string::npos ? std::string::npos : end - start + 1);
+      if (!line.starts_with("Date: ") && !line.starts_with("Message-ID: ") && !line.starts_with("X-Peer: ") &&
+          !line.starts_with("X-MailFrom: ") && !line.starts_with("X-RcptTo: "))
+        kept += line;
+      start = end == std::string::npos ? mail.size() : end + 1;
+    }
+    return kept;
+  }
+
 
   ScratchHome home_;
 };
@@ -94,6 +118,78 @@ TEST_F(Email, HeadersHoldExactlyWhatWasMeantWhateverTheNamesHold) {
   std::sort(subjects.begin(), subjects.end());
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(subjects, expected);
+}
+
+// Into a local Maildir: the message the SMTP path sends, dated by the chat
+// (header and file), stored once however often its transcript comes by.
+TEST_F(Email, IntoAMaildirGoesTheSameMessageDatedByTheChatAndStoredOnce) {
+  SmtpServer server(home_.path() / "smtp", "accept");
+  configure(server.port());
+  addChat();
+  home_.run("parlova");
+  ASSERT_EQ(server.messages().size(), 1u);
+  const std::string sent = withoutDateAndId(server.messages().front());
+  fs::remove_all(home_.archive());
+
+  home_.setSetting("emailDelivery", "-string", "Maildir");
+  home_.setSetting("emailMaildir", "-string", "~/Mail");
+  for (int again = 0; again < 2; ++again) {
+    addChat(); // a run that died before the move brings it back
+    const auto result = home_.run("parlova");
+    EXPECT_EQ(result.err.find("is in " + (home_.path() / "Mail/.Chats").string() + " already") != std::string::npos,
+              again == 1)
+        << result.err;
+  }
+  EXPECT_EQ(server.messages().size(), 1u) << "nothing through SMTP";
+  const fs::path folder = home_.path() / "Mail" / ".Chats";
+  const auto stored = filesBelow(folder / "cur");
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_TRUE(stored[0].ends_with(":2,S"));
+  EXPECT_EQ(filesBelow(folder / "tmp"), std::vector<std::string>{});
+  std::string message = readText(folder / "cur" / stored[0]);
+  std::erase(message, '\r');
+  // SMTP's end of data leaves one more line break at the end.
+  EXPECT_EQ(withoutDateAndId(message) + "\n", sent);
+  // 200000000 seconds after 2001-01-01: the chat's first message.
+  const std::string read = pythonReading(
+      "import email.utils, mailbox, os, sys\n"
+      "for message in mailbox.Maildir(sys.argv[1], factory=None, create=False):\n"
+      "    print(int(email.utils.parsedate_to_datetime(message['Date']).timestamp()), message['Message-ID'])\n"
+      "cur = os.path.join(sys.argv[1], 'cur')\n"
+      "print(*[int(os.path.getmtime(os.path.join(cur, name))) for name in os.listdir(cur)])\n",
+      folder);
+  EXPECT_TRUE(std::regex_match(read, std::regex("1178307200 <parlova\\.\\d+\\.[0-9a-f]{16}@example\\.org>\n1178307200")))
+      << read;
+
+  // A Maildir that cannot be written: reported, the transcript archived as
+  // for a refused message, nothing half-written anywhere.
+  fs::remove_all(home_.path() / "Mail");
+  writeText(home_.path() / "Mail", "not a folder");
+  fs::remove_all(home_.archive());
+  addChat();
+  home_.run("parlova");
+  EXPECT_EQ(home_.readSetting("reportThis").rfind("Maildir not writable: cannot make " + folder.string(), 0), 0u)
+      << home_.readSetting("reportThis");
+  EXPECT_TRUE(archived());
+}
+
+// A backlog caught up into a Maildir: one message per transcript, each
+// dated by its own chat (the backlog spans 2004 to 2014).
+TEST_F(Email, ABacklogCaughtUpIntoAMaildirIsOneMessageEachDatedByItsChat) {
+  configure("25");
+  home_.setSetting("emailDelivery", "-string", "maildir");
+  home_.setSetting("emailMaildir", "-string", (home_.path() / "Maildir").string());
+  home_.setSetting("emailFolder", "-string", "");
+  fixtures::writeBacklog(home_.chats(), {.transcripts = 200, .seed = 7, .people = 20, .longestChat = 20});
+  const auto result = home_.run("parlova", {"--catch-up", "--quiet"});
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(pythonReading("import email.utils, mailbox, sys\n"
+                          "box = mailbox.Maildir(sys.argv[1], factory=None, create=False)\n"
+                          "ids = [m['Message-ID'] for m in box]\n"
+                          "years = [email.utils.parsedate_to_datetime(m['Date']).year for m in box]\n"
+                          "print(len(ids), len(set(ids)), all(2004 <= year < 2015 for year in years))\n",
+                          home_.path() / "Maildir"),
+            "200 200 True");
 }
 
 TEST_F(Email, LoginIsUsedWhenAskedAndARejectedOneIsReported) {
@@ -242,28 +338,6 @@ protected:
     home_.setSetting("emailSecurity", "-string", security);
     home_.setSetting("emailCAFile", "-string", (certificates_ / "ca.pem").string());
   }
-  // A message without what differs from one sending to the next: the date,
-  // the message id and the MIME boundary.
-  static std::string withoutDateAndId(std::string mail) {
-    const std::string marker = "boundary=\"";
-    if (const size_t at = mail.find(marker); at != std::string::npos) {
-      const std::string boundary = mail.substr(at + marker.size(), mail.find('"', at + marker.size()) - at - marker.size());
-      for (size_t found = mail.find(boundary); found != std::string::npos; found = mail.find(boundary, found))
-        mail.replace(found, boundary.size(), "BOUNDARY");
-    }
-    std::string kept;
-    size_t start = 0;
-    while (start < mail.size()) {
-      const size_t end = mail.find('\n', start);
-      const std::string line = mail.substr(start, end == std::string::npos ? std::string::npos : end - start + 1);
-      if (!line.starts_with("Date: ") && !line.starts_with("Message-ID: ") && !line.starts_with("X-Peer: ") &&
-          !line.starts_with("X-MailFrom: ") && !line.starts_with("X-RcptTo: "))
-        kept += line;
-      start = end == std::string::npos ? mail.size() : end + 1;
-    }
-    return kept;
-  }
-
   inline static fs::path certificates_;
 };
 

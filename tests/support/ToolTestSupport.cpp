@@ -219,8 +219,6 @@ size_t countOccurrences(const std::string &text, const std::string &needle) {
   return count;
 }
 
-namespace {
-
 // What a Python script prints, given a file.
 std::string pythonReading(const std::string &script, const fs::path &file) {
   const fs::path output = fs::temp_directory_path() / ("parlova-python-" + std::to_string(getpid()));
@@ -233,8 +231,6 @@ std::string pythonReading(const std::string &script, const fs::path &file) {
     read.pop_back();
   return read;
 }
-
-} // namespace
 
 std::string plistlibReading(const fs::path &file) {
   return pythonReading("import json, plistlib, sys\n"

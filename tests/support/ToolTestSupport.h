@@ -110,6 +110,9 @@ void writeText(const std::filesystem::path &path, const std::string &text);
 // The names of the files below a folder, relative to it, sorted.
 std::vector<std::string> filesBelow(const std::filesystem::path &folder);
 size_t countOccurrences(const std::string &text, const std::string &needle);
+// What /usr/bin/python3 running `script` prints (stdout and stderr, the
+// last line break dropped), given `file` as its argument.
+std::string pythonReading(const std::string &script, const std::filesystem::path &file);
 // A property list file as Python's plistlib reads it, as JSON with every
 // character beyond ASCII escaped (dates and data as Python prints them);
 // "refused: ..." with plistlib's error when it cannot read the file.
