@@ -133,6 +133,14 @@ std::optional<std::string> deliverySetting(Preferences &settings) {
   return std::nullopt;
 }
 
+// When the chat began: its first message's time, in seconds since 1970.
+std::optional<double> chatStart(const ICLPChatLog &log) {
+  for (const auto &message : log.messages())
+    if (const auto time = message->TimeStamp())
+      return time->timeIntervalSince1970();
+  return std::nullopt;
+}
+
 // The transcript email stored straight into a local Maildir: the message
 // the SMTP path sends, dated by the chat's first message and named after
 // the transcript's contents, so that storing it again (a run that died
@@ -150,10 +158,7 @@ bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const s
   const std::string sender = from.value_or("");
   const size_t at = sender.rfind('@');
   const std::string domain = at == std::string::npos || at + 1 == sender.size() ? "localhost" : sender.substr(at + 1);
-  std::optional<Date> chatTime;
-  for (const auto &message : log.messages())
-    if ((chatTime = message->TimeStamp()))
-      break;
+  const std::optional<double> chatTime = chatStart(log);
 
   MailMessage message;
   message.subject = log.subjectForEmail();
@@ -162,8 +167,7 @@ bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const s
   message.html = log.HTMLChatLog();
   message.plainText = log.PlainChatLog();
   message.messageId = name + "@" + domain;
-  if (chatTime)
-    message.date = chatTime->timeIntervalSince1970();
+  message.date = chatTime;
   const auto bytes = SmtpSession::messageBytes(message);
   if (const auto *why = std::get_if<std::string>(&bytes)) {
     logFormat("Could not load the mail module: %@", *why);
@@ -174,7 +178,7 @@ bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const s
     maildir = (homeDirectory() / maildir.substr(std::min<size_t>(2, maildir.size()))).string();
   const MaildirDelivery delivery(maildir, settings.stringValue("emailFolder").value_or("Chats"));
   const auto result = delivery.deliver(name, std::get<std::vector<uint8_t>>(bytes),
-                                       chatTime ? chatTime->timeIntervalSince1970() : Date::now().timeIntervalSince1970());
+                                       chatTime.value_or(Date::now().timeIntervalSince1970()));
   switch (result.outcome) {
   case MaildirDelivery::Outcome::Stored:
     log.messageWasSent = true;
@@ -239,6 +243,8 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
   message.to = *to;
   message.html = log.HTMLChatLog();
   message.plainText = log.PlainChatLog();
+  if (settings.boolValue("emailDateFromChat"))
+    message.date = chatStart(log);
   auto opened = SmtpSession::open(mailServer, message);
   if (const auto *why = std::get_if<std::string>(&opened)) {
     logFormat("Could not load the mail module: %@", *why);

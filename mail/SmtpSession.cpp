@@ -86,7 +86,13 @@ std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const 
   if (const auto *why = std::get_if<std::string>(&found))
     return *why;
   const auto openSession = reinterpret_cast<OpenSmtpSessionFunction>(std::get<void *>(found));
-  const MailMessage headers = withHeadersFit(message);
+  MailMessage headers = withHeadersFit(message);
+  if (message.date) {
+    auto bytes = messageBytes(message);
+    if (const auto *why = std::get_if<std::string>(&bytes))
+      return *why;
+    headers.raw = std::move(std::get<std::vector<uint8_t>>(bytes));
+  }
   MailServer logged = server;
   logged.log = &logLine;
   return std::unique_ptr<SmtpSession>(openSession(&logged, &headers));

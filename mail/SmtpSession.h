@@ -27,6 +27,9 @@ struct MailMessage {
   // Message-ID without its angle brackets (empty: one of the framework's).
   std::optional<double> date;
   std::string messageId;
+  // Filled in by SmtpSession::open() for a message with a date: its bytes,
+  // sent as they are.
+  std::vector<uint8_t> raw;
 };
 
 class SmtpSessionDelegate {

@@ -182,6 +182,7 @@ public:
 private:
   struct Objects;
   MailServer server_;
+  std::vector<uint8_t> rawMessage_;
   std::unique_ptr<TlsTunnel> tunnel_;
   std::optional<std::string> securityFailure_;
   std::unique_ptr<Objects> objects_;
@@ -200,7 +201,7 @@ struct PantomimeSmtpSession::Objects {
 };
 
 PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailMessage &mail)
-    : server_(server), objects_(std::make_unique<Objects>()) {
+    : server_(server), rawMessage_(mail.raw), objects_(std::make_unique<Objects>()) {
   objects_->pool = [[NSAutoreleasePool alloc] init];
   objects_->timerTargets = [[NSMutableArray alloc] init];
   objects_->timers = [[NSMutableArray alloc] init];
@@ -251,6 +252,10 @@ int PantomimeSmtpSession::connect() {
   [objects_->smtp setReadTimeout:smtpTimeoutSeconds()];
   [objects_->smtp setWriteTimeout:smtpTimeoutSeconds()];
   [objects_->smtp setMessage:objects_->message];
+  // A message dated other than now goes as the bytes made for it; the
+  // message itself still names the recipients.
+  if (!rawMessage_.empty())
+    [objects_->smtp setMessageData:[NSData dataWithBytes:rawMessage_.data() length:rawMessage_.size()]];
   [objects_->smtp setDelegate:objects_->delegate];
   // A framework exception must not end the run: it counts as no connection.
   @try {

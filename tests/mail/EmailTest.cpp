@@ -130,6 +130,15 @@ TEST_F(Email, IntoAMaildirGoesTheSameMessageDatedByTheChatAndStoredOnce) {
   ASSERT_EQ(server.messages().size(), 1u);
   const std::string sent = withoutDateAndId(server.messages().front());
   fs::remove_all(home_.archive());
+  // Through SMTP too, when asked: the same message, dated by the chat.
+  home_.setSetting("emailDateFromChat", "-bool", "YES");
+  addChat();
+  home_.run("parlova");
+  ASSERT_EQ(server.messages().size(), 2u);
+  EXPECT_EQ(withoutDateAndId(server.messages().back()), sent);
+  EXPECT_NE(server.messages().back().find("Date: Fri, 4 May 2007 19:33:20 +0000\n"), std::string::npos)
+      << server.messages().back();
+  fs::remove_all(home_.archive());
 
   home_.setSetting("emailDelivery", "-string", "Maildir");
   home_.setSetting("emailMaildir", "-string", "~/Mail");
@@ -140,7 +149,7 @@ TEST_F(Email, IntoAMaildirGoesTheSameMessageDatedByTheChatAndStoredOnce) {
               again == 1)
         << result.err;
   }
-  EXPECT_EQ(server.messages().size(), 1u) << "nothing through SMTP";
+  EXPECT_EQ(server.messages().size(), 2u) << "nothing more through SMTP";
   const fs::path folder = home_.path() / "Mail" / ".Chats";
   const auto stored = filesBelow(folder / "cur");
   ASSERT_EQ(stored.size(), 1u);
