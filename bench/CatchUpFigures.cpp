@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -15,6 +16,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+extern char **environ;
 
 #include "bench/JudgedFigures.h"
 #include "generator/GatheredArchive.h"
@@ -175,6 +178,66 @@ void printCatchUp(const fs::path &binaryDir) {
        (decade.seconds / kDecade) / (thousand.seconds / kThousand), "<= 1.5");
   std::printf("%-44s %9.2f %-5s (1,000 single runs: %.1f s)\n", "catch-up: the floor for 10,000", floor, "s",
               singles);
+  fs::remove_all(root);
+}
+
+// Mail for a backlog: storing 1,000 messages into a Maildir against sending
+// them through a loopback SMTP server, per message. Each cost is a catch-up
+// with the delivery less the same catch-up with mail off. The SMTP session
+// waits a second before each message, as it always has, so SMTP is timed on
+// 20 messages.
+void printDelivery(const fs::path &binaryDir) {
+  constexpr size_t kStored = 1000;
+  constexpr size_t kSent = 20;
+  const fs::path root = fs::temp_directory_path() / ("parlova-delivery-" + std::to_string(getpid()));
+  const fs::path backlog = root / "backlog";
+  const std::vector<fs::path> transcripts = fixtures::writeBacklog(backlog, {.transcripts = kStored});
+  const std::vector<fs::path> first(transcripts.begin(), transcripts.begin() + kSent);
+  const std::string parlova = (binaryDir / "parlova").string();
+  const auto mailing = [&](const fs::path &home, const std::vector<std::vector<std::string>> &settings) {
+    for (const auto &setting : settings) {
+      std::vector<std::string> command = {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova"};
+      command.insert(command.end(), setting.begin(), setting.end());
+      runIn(home, command);
+    }
+    return runIn(home, {parlova, "--catch-up", "--quiet"}).seconds;
+  };
+  const std::vector<std::vector<std::string>> common = {
+      {"sendEmails", "-bool", "YES"}, {"emailAddress", "me@example.org"}, {"emailOutgoing", "parlova@example.org"}};
+
+  const double plainThousand = mailing(makeHome(root, "plain", backlog, transcripts, binaryDir), {});
+  auto intoMaildir = common;
+  intoMaildir.push_back({"emailDelivery", "maildir"});
+  intoMaildir.push_back({"emailMaildir", (root / "Maildir").string()});
+  const double maildir = mailing(makeHome(root, "maildir", backlog, transcripts, binaryDir), intoMaildir);
+
+  const fs::path portFile = root / "smtp-port";
+  std::vector<std::string> words = {"/usr/bin/python3", std::string(PARLOVA_SOURCE_DIR) + "/tests/support/smtp_server.py",
+                                    "--mode", "accept", "--port-file", portFile.string(), "--dir",
+                                    (root / "smtp").string()};
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  pid_t server = 0;
+  posix_spawn(&server, argv[0], nullptr, nullptr, argv.data(), environ);
+  for (int wait = 0; wait < 500 && !fs::exists(portFile); ++wait)
+    usleep(10000);
+  const auto port = readFileContents(portFile);
+  const double plainTwenty = mailing(makeHome(root, "plain-20", backlog, first, binaryDir), {});
+  auto throughSmtp = common;
+  throughSmtp.push_back({"emailServer", "127.0.0.1"});
+  throughSmtp.push_back({"emailPort", "-int", port ? std::string(port->begin(), port->end()) : "25"});
+  const double smtp = mailing(makeHome(root, "smtp", backlog, first, binaryDir), throughSmtp);
+  kill(server, SIGTERM);
+  waitpid(server, nullptr, 0);
+
+  const double perStored = std::max(maildir - plainThousand, 1e-9) / kStored;
+  const double perSent = (smtp - plainTwenty) / kSent;
+  line("mail: into a Maildir, per message (1,000)", perStored * 1000, "ms", "through SMTP: times faster",
+       perSent / perStored, ">= 10");
+  std::printf("%-44s %9.2f %-5s (of which the session's 1 s wait)\n", "mail: through loopback SMTP, per message",
+              perSent * 1000, "ms");
   fs::remove_all(root);
 }
 

@@ -14,6 +14,7 @@ void printRendering(double thousandSeconds, double tenThousandSeconds);
 void printMerge(double mergeSeconds, const std::vector<uint8_t> &archive);
 // A decade of transcripts in one catch-up, and its yardsticks.
 void printCatchUp(const std::filesystem::path &binaryDir);
+void printDelivery(const std::filesystem::path &binaryDir);
 
 // Merging 50 links into an archive of 100,000, pages included: the median
 // time, and the archive it started from.

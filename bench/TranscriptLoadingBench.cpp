@@ -117,6 +117,7 @@ int main(int argc, char **argv) {
   const double merge = parlova::bench::linkMergeSeconds(archive);
   parlova::bench::printMerge(merge, archive);
   parlova::bench::printCatchUp(PARLOVA_BINARY_DIR);
+  parlova::bench::printDelivery(PARLOVA_BINARY_DIR);
   std::filesystem::remove_all(folder);
   return 0;
 }

@@ -104,6 +104,11 @@ public:
       logLine("The catch-up could not write its archives; the next run adds this batch's transcripts to them.");
       return false;
     }
+    // The batch's moves reach the disk before the journal that could redo
+    // them is gone: a move undone by a power cut after that would bring a
+    // counted transcript back.
+    syncFileSystemOf(ArchiveFolder());
+    syncFileSystemOf(homeDirectory() / "Documents/iChats");
     journal_.clear();
     open_ = false;
     size_ = 0;
@@ -213,7 +218,7 @@ int catchUp(const RunOptions &options) {
     if (preparation.handleImages)
       tally.pending.pictures += batch.archives().addImages(*log);
     batch.archives().addStatistics(*log);
-    const bool moved = MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero);
+    const bool moved = MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero, Durability::ByNextSync);
     ++tally.pending.transcripts;
     if (!moved) {
       // Archived but not moved: once the batch is written, the journal

@@ -37,19 +37,21 @@ fs::path archiveTarget(const fs::path &archiveFolder, const fs::path &transcript
   return target;
 }
 
-fs::path archiveFolder() { return homeDirectory() / "Documents" / "iChats (Parlovaed)"; }
 
 } // namespace
 
-fs::path ArchiveTargetFor(const fs::path &transcript) { return archiveTarget(archiveFolder(), transcript); }
+fs::path ArchiveFolder() { return homeDirectory() / "Documents" / "iChats (Parlovaed)"; }
+
+fs::path ArchiveTargetFor(const fs::path &transcript) { return archiveTarget(ArchiveFolder(), transcript); }
 
 // The end of every processed transcript: the move, and a clean slate for
 // the email failure count.
-bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
+bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset,
+                         Durability durability) {
   std::error_code error;
   fs::create_directories(target.parent_path(), error);
   logFormat("preparing to move %@ to %@", transcript.string(), target.string());
-  const bool moved = moveItem(transcript, target);
+  const bool moved = moveItem(transcript, target, durability);
   if (!moved) {
     const std::string reason = std::strerror(errno);
     logLine("FAILED");
@@ -72,7 +74,7 @@ bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, Fai
 }
 
 std::optional<std::string> WhyArchivingCannotFinish(const fs::path &transcript) {
-  const fs::path folder = archiveFolder();
+  const fs::path folder = ArchiveFolder();
   std::error_code error;
   fs::create_directories(folder, error);
   const auto status = fs::symlink_status(folder, error);
@@ -91,7 +93,7 @@ std::optional<std::string> WhyArchivingCannotFinish(const fs::path &transcript) 
 }
 
 void ReportArchivingCannotFinish(const std::string &why) {
-  const std::string text = "cannot move transcripts into " + archiveFolder().string() + ": " + why;
+  const std::string text = "cannot move transcripts into " + ArchiveFolder().string() + ": " + why;
   logFormat("Nothing was sent or archived: %@. The next run tries again.", text);
   Preferences &settings = appSettings();
   settings.setAppValue("reportThis", PreferenceValue::string(text));

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
 
 namespace parlova {
 
@@ -43,6 +44,8 @@ std::optional<std::string> WhyArchivingCannotFinish(const std::filesystem::path 
 // Says so in the log and in reportThis.
 void ReportArchivingCannotFinish(const std::string &why);
 
+// ~/Documents/iChats (Parlovaed), where processed transcripts go.
+std::filesystem::path ArchiveFolder();
 // Where a transcript goes in ~/Documents/iChats (Parlovaed): its own name,
 // or with " #2", " #2 #3", ... when that is taken.
 std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
@@ -52,7 +55,8 @@ std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
 enum class FailureCountReset { Always, WhenNotZero };
 // False when the move failed ("FAILED" and the reason are logged).
 bool MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
-                         FailureCountReset reset = FailureCountReset::Always);
+                         FailureCountReset reset = FailureCountReset::Always,
+                         Durability durability = Durability::Now);
 
 // Puts right what a run that ended half-way through a transcript, or a
 // catch-up half-way through a batch, left: its archives back as they were,

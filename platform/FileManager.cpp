@@ -277,7 +277,11 @@ bool appendToFile(const fs::path &path, std::span<const uint8_t> bytes) {
   return n == static_cast<ssize_t>(bytes.size());
 }
 
-bool moveItem(const fs::path &from, const fs::path &to) {
+bool moveItem(const fs::path &from, const fs::path &to, Durability durability) {
+  const auto syncFolderOfItem = [durability](const fs::path &path) {
+    if (durability == Durability::Now)
+      syncFolderOf(path);
+  };
   // A link whose target is given relative to its folder would point
   // nowhere from another folder: it moves as a link to the same file.
   std::error_code linkError;
@@ -287,25 +291,25 @@ bool moveItem(const fs::path &from, const fs::path &to) {
       fs::create_symlink((fs::absolute(from.parent_path(), linkError) / target).lexically_normal(), to, linkError);
       if (linkError)
         return errno = linkError.value(), false;
-      syncFolderOf(to);
+      syncFolderOfItem(to);
       const bool removed = unlink(from.c_str()) == 0;
-      syncFolderOf(from);
+      syncFolderOfItem(from);
       return removed;
     }
   }
   if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
-    syncFolderOf(to);
+    syncFolderOfItem(to);
     if (from.parent_path() != to.parent_path())
-      syncFolderOf(from);
+      syncFolderOfItem(from);
     return true;
   }
   if (errno == EINVAL && !fileExistsAtPath(to)) {
     // File systems without the no-replace flag: a hard link fails on an
     // existing target just as well.
     if (link(from.c_str(), to.c_str()) == 0) {
-      syncFolderOf(to);
+      syncFolderOfItem(to);
       const bool removed = unlink(from.c_str()) == 0;
-      syncFolderOf(from);
+      syncFolderOfItem(from);
       return removed;
     }
   }

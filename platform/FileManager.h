@@ -83,7 +83,11 @@ bool appendToFile(const std::filesystem::path &path, std::span<const uint8_t> by
 bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesystem::path &path,
                                 Durability durability = Durability::Now);
 
-// Moves a file or folder; fails rather than replace anything at `to`.
-bool moveItem(const std::filesystem::path &from, const std::filesystem::path &to);
+// Moves a file or folder; fails rather than replace anything at `to`. By
+// the next sync: a rename within one file system is left for the caller's
+// syncfs to make lasting (a catch-up does so at each commit); a copy
+// across file systems is always on the disk before the original goes.
+bool moveItem(const std::filesystem::path &from, const std::filesystem::path &to,
+              Durability durability = Durability::Now);
 
 } // namespace parlova
