@@ -7,10 +7,12 @@ restarts it until every transcript is processed, and compares every archive,
 page and folder with those of an uninterrupted run on the same input. Then
 the same with catch-ups (`parlova --catch-up`) on a generated backlog,
 against uninterrupted single runs. Then starts two runs at once on one home,
-over and over, with the same check. Then runs single runs and catch-ups on a
-full file system, where the machine lets this script mount one.
+over and over, with the same check. Then kills runs that store mail into a
+Maildir: every stored message whole, one per transcript. Then runs single
+runs and catch-ups on a full file system, where the machine lets this
+script mount one.
 
-Usage: crashtest.py BUILD_DIR [--kills N] [--catch-up-kills N] [--pairs N] [--seed S]
+Usage: crashtest.py BUILD_DIR [--kills N] [--catch-up-kills N] [--pairs N] [--maildir-kills N] [--seed S]
 """
 import argparse
 import os
@@ -251,6 +253,44 @@ def paired_run(tool: Tool):
     return step
 
 
+def maildir_kills(tool: Tool, template: Path, root: Path, kills: int, longest: float, rng: random.Random) -> list:
+    """Runs storing mail into a Maildir, killed at random instants: every
+    message in cur/ or new/ is whole, and each transcript has exactly one.
+    The problems found."""
+    import email
+    import email.policy
+    home = root / "maildir-kills"
+    shutil.copytree(template, home, symlinks=True)
+    for setting in (("sendEmails", "-bool", "YES"), ("emailDelivery", "maildir"), ("emailAddress", "me@example.org"),
+                    ("emailOutgoing", "parlova@example.org")):
+        tool.defaults(home, *setting)
+    killed = 0
+    for _ in range(MOST_RUNS):
+        if not transcripts_left(home):
+            break
+        process = tool.start(home)
+        if killed < kills:
+            time.sleep(rng.uniform(0, longest * 1.2))
+            if process.poll() is None:
+                process.send_signal(signal.SIGKILL)
+                killed += 1
+        process.communicate()
+    problems = [] if not transcripts_left(home) else ["transcripts still waiting"]
+    stored = [p for part in ("cur", "new") for p in (home / "Maildir/.Chats" / part).iterdir()]
+    for path in stored:
+        message = email.message_from_bytes(path.read_bytes(), policy=email.policy.default)
+        parts = [part for part in message.walk() if part.get_content_maintype() == "text"]
+        if len(parts) != 2 or "</html>" not in parts[1].get_content():
+            problems.append(f"a message not whole: {path.name}")
+    names = {path.name.split(":")[0] for path in stored}
+    if len(stored) != len(transcripts_left(template)) or len(names) != len(stored):
+        problems.append(f"{len(stored)} messages for {len(transcripts_left(template))} transcripts")
+    print(f"maildir: {killed} kills, {len(stored)} messages, {len(problems)} problems")
+    for problem in problems:
+        print("maildir: " + problem, file=sys.stderr)
+    return problems
+
+
 def can_mount(folder: Path) -> bool:
     if os.geteuid() != 0 or shutil.which("mount") is None:
         return False
@@ -397,6 +437,7 @@ def main() -> int:
     parser.add_argument("--kills", type=int, default=200)
     parser.add_argument("--catch-up-kills", type=int, default=200)
     parser.add_argument("--pairs", type=int, default=60)
+    parser.add_argument("--maildir-kills", type=int, default=100)
     parser.add_argument("--seed", type=int, default=int(time.time()))
     args = parser.parse_args()
     tool = Tool(args.build.resolve())
@@ -433,6 +474,7 @@ def main() -> int:
             trial(tool, template, reference, root, number, paired_run(tool), paired)
         print(f"concurrent: pairs {paired.pairs}, runs {paired.runs}, mismatches {paired.failed}")
 
+        maildir = maildir_kills(tool, template, root, args.maildir_kills, longest, rng)
         disk = full_disk(tool, root / "reference", root)
         disk_catch_up = full_disk_catch_up(tool, backlog, backlog_reference, root)
 
@@ -444,8 +486,8 @@ def main() -> int:
             print(f"failed trials kept in {keep}", file=sys.stderr)
 
     passed = killed.passed + caught.passed + paired.passed + (disk is not None and not disk) + \
-        (disk_catch_up is not None and not disk_catch_up)
-    failed = killed.failed + caught.failed + paired.failed + bool(disk) + bool(disk_catch_up)
+        (disk_catch_up is not None and not disk_catch_up) + (not maildir)
+    failed = killed.failed + caught.failed + paired.failed + bool(disk) + bool(disk_catch_up) + bool(maildir)
     print(f"{passed} passed, {failed} failed")
     return 0 if failed == 0 else 1
 
