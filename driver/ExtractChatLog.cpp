@@ -102,16 +102,24 @@ void ReportArchivingCannotFinish(const std::string &why) {
 
 namespace {
 
-// The values of emailSecurity: the strings none, starttls and tls in any
-// case; absent is none. Anything else (a boolean from "-bool YES", a number,
-// an empty or misspelt string) is nothing, never a plain connection.
-std::optional<MailSecurity> mailSecuritySetting(Preferences &settings) {
-  const auto stored = settings.copyAppValue("emailSecurity");
+// A setting that names one of a few choices: its string in lower case,
+// `absent` when it is not set, and nothing for a value of another type (a
+// boolean from "-bool YES", a number), which no choice may be guessed from.
+std::optional<std::string> choiceSetting(Preferences &settings, std::string_view key, std::string_view absent) {
+  const auto stored = settings.copyAppValue(key);
   if (!stored)
-    return MailSecurity::None;
-  std::string name = plistString(stored->node()).value_or("");
-  for (char &c : name)
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return std::string(absent);
+  auto name = plistString(stored->node());
+  if (name)
+    for (char &c : *name)
+      c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return name;
+}
+
+// emailSecurity: anything but the three names is nothing, never a plain
+// connection.
+std::optional<MailSecurity> mailSecuritySetting(Preferences &settings) {
+  const auto name = choiceSetting(settings, "emailSecurity", "none");
   if (name == "none")
     return MailSecurity::None;
   if (name == "starttls")
@@ -121,18 +129,24 @@ std::optional<MailSecurity> mailSecuritySetting(Preferences &settings) {
   return std::nullopt;
 }
 
-// Where the transcript email goes: emailDelivery, smtp (also when absent) or
-// maildir, in any case. Anything else is nothing: no guess at where mail goes.
-std::optional<std::string> deliverySetting(Preferences &settings) {
-  const auto stored = settings.copyAppValue("emailDelivery");
-  if (!stored)
-    return "smtp";
-  std::string name = plistString(stored->node()).value_or("");
-  for (char &c : name)
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  if (name == "smtp" || name == "maildir")
-    return name;
-  return std::nullopt;
+// A setting that leaves no safe way to send: the transcript waits as for a
+// server out of reach until it is put right. Always true, for the caller
+// to return.
+bool waitForSetting(const std::string &reason) {
+  logFormat("Unable to connect to mail server: %@.", reason);
+  ICLPChatLog::reportErrorAndLog(2, reason);
+  return true;
+}
+
+// The transcript email as every delivery makes it.
+MailMessage transcriptMessage(ICLPChatLog &log, const std::string &to, const std::string &from) {
+  MailMessage message;
+  message.subject = log.subjectForEmail();
+  message.from = from;
+  message.to = to;
+  message.html = log.HTMLChatLog();
+  message.plainText = log.PlainChatLog();
+  return message;
 }
 
 // When the chat began: its first message's time, in seconds since 1970.
@@ -162,12 +176,7 @@ bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const s
   const std::string domain = at == std::string::npos || at + 1 == sender.size() ? "localhost" : sender.substr(at + 1);
   const std::optional<double> chatTime = chatStart(log);
 
-  MailMessage message;
-  message.subject = log.subjectForEmail();
-  message.from = sender;
-  message.to = to.value_or("");
-  message.html = log.HTMLChatLog();
-  message.plainText = log.PlainChatLog();
+  MailMessage message = transcriptMessage(log, to.value_or(""), sender);
   message.messageId = name + "@" + domain;
   message.date = chatTime;
   const auto bytes = SmtpSession::messageBytes(message);
@@ -215,22 +224,12 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
   if (const auto stored = settings.copyAppValue("emailPort")) {
     const auto number = plistInteger(stored->node());
     const int64_t value = number ? *number : stored->intValue();
-    if (value < 0 || value > 65535) {
-      const std::string reason = "emailPort " + std::to_string(value) + " is no port number (0 to 65535)";
-      logFormat("Unable to connect to mail server: %@.", reason);
-      ICLPChatLog::reportErrorAndLog(2, reason);
-      return true;
-    }
+    if (value < 0 || value > 65535)
+      return waitForSetting("emailPort " + std::to_string(value) + " is no port number (0 to 65535)");
   }
   const auto mode = mailSecuritySetting(settings);
-  if (!mode) {
-    // Guessing would send the password in the clear: the transcript waits
-    // as for a server out of reach until the setting is put right.
-    const std::string reason = "emailSecurity must be none, starttls or tls";
-    logFormat("Unable to connect to mail server: %@.", reason);
-    ICLPChatLog::reportErrorAndLog(2, reason);
-    return true;
-  }
+  if (!mode) // a guess could send the password in the clear
+    return waitForSetting("emailSecurity must be none, starttls or tls");
   MailServer mailServer;
   mailServer.host = *server;
   mailServer.security = *mode;
@@ -239,12 +238,7 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
   mailServer.caFile = settings.stringValue("emailCAFile").value_or("");
   mailServer.verify = !settings.boolValue("emailAllowUnverifiedCertificate");
 
-  MailMessage message;
-  message.subject = log.subjectForEmail();
-  message.from = *from;
-  message.to = *to;
-  message.html = log.HTMLChatLog();
-  message.plainText = log.PlainChatLog();
+  MailMessage message = transcriptMessage(log, *to, *from);
   if (settings.boolValue("emailDateFromChat"))
     message.date = chatStart(log);
   auto opened = SmtpSession::open(mailServer, message);
@@ -299,16 +293,16 @@ ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log,
 
   logFormat("preparing email send %@", path);
 
-  const auto delivery = deliverySetting(settings);
-  if (sendEmails && !delivery) {
-    const std::string reason = "emailDelivery must be smtp or maildir";
-    logFormat("Unable to connect to mail server: %@.", reason);
-    ICLPChatLog::reportErrorAndLog(2, reason);
+  // Where the mail goes; no guess at another place.
+  const auto delivery = choiceSetting(settings, "emailDelivery", "smtp");
+  const bool knownDelivery = delivery == "smtp" || delivery == "maildir";
+  if (sendEmails && !knownDelivery) {
+    waitForSetting("emailDelivery must be smtp or maildir");
     logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
     preparation.outcome = Outcome::MailFailed;
     return preparation;
   }
-  const bool mailFailed = sendEmails && (*delivery == "maildir"
+  const bool mailFailed = sendEmails && (delivery == "maildir"
                                              ? storeTranscriptInMaildir(*log, path, emailAddress, emailOutgoing)
                                              : sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort));
   if (mailFailed) {

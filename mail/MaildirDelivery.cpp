@@ -39,14 +39,6 @@ std::string failure(const std::string &what, const fs::path &path, int error) {
   return what + " " + path.string() + ": " + std::strerror(error);
 }
 
-void syncFolder(const fs::path &folder) {
-  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd >= 0) {
-    fsync(fd);
-    close(fd);
-  }
-}
-
 } // namespace
 
 MaildirDelivery::MaildirDelivery(fs::path maildir, const std::string &folderName)
@@ -95,7 +87,7 @@ MaildirDelivery::Result MaildirDelivery::deliver(const std::string &name, const 
     unlink(writing.c_str());
     return {Outcome::Failed, failure("cannot store", complete ? stored : writing, why)};
   }
-  syncFolder(folder_ / "cur");
+  syncFolderOf(stored);
   names.insert(name);
   return {Outcome::Stored, {}};
 }

@@ -134,9 +134,6 @@ void removeLeftoverTemporaries(const fs::path &folder) {
     fs::remove_all(leftover, error);
 }
 
-namespace {
-
-// A rename is on the disk once the folder that holds the name is.
 void syncFolderOf(const fs::path &path) {
   const int fd = open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0)
@@ -144,6 +141,8 @@ void syncFolderOf(const fs::path &path) {
   fsync(fd);
   close(fd);
 }
+
+namespace {
 
 // A regular file's copy for a move across file systems: with the
 // original's mode and times (as mv keeps them), and on the disk before the

@@ -72,6 +72,9 @@ bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint
 
 // Flushes everything written on the file system that holds `path`.
 bool syncFileSystemOf(const std::filesystem::path &path);
+// A rename is on the disk once the folder that holds the name is: flushes
+// the folder that holds `path`.
+void syncFolderOf(const std::filesystem::path &path);
 
 // Appends `bytes` in one write, making the file when it is missing. False
 // when not all of them were written; errno tells why.

@@ -137,7 +137,7 @@ def full_processed_folder():
     return make, undo
 
 
-def replaced(path: Path, make_it, mode: int = None):
+def replaced(path: Path, make_it):
     def make(home: Path) -> None:
         target = home / path
         target.parent.mkdir(parents=True, exist_ok=True)

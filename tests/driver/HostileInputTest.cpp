@@ -4,7 +4,9 @@
 // every mail has exactly the headers meant.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
+#include <sstream>
 
 #include "tests/fixtures/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
@@ -34,7 +36,7 @@ MessageSpec sends(const Account &who, double time, const std::string &name, std:
   return MessageSpec{who, time, {picture}};
 }
 
-// Every file below `folder`, relative to the home.
+// Every file below the home, relative to it.
 std::set<std::string> filesOf(const fs::path &home) {
   std::set<std::string> files;
   for (auto it = fs::recursive_directory_iterator(home); it != fs::recursive_directory_iterator(); ++it)
