@@ -7,11 +7,13 @@
 #include <filesystem>
 #include <unistd.h>
 
+#include "context/MailPassword.h"
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ArchiveBatch.h"
 #include "generator/ICLPLogGenerator.h"
+#include "mail/ImapSession.h"
 #include "mail/MaildirDelivery.h"
 #include "mail/SmtpSession.h"
 #include "platform/FileManager.h"
@@ -157,39 +159,64 @@ std::optional<double> chatStart(const ICLPChatLog &log) {
   return std::nullopt;
 }
 
-// The transcript email stored straight into a local Maildir: the message
-// the SMTP path sends, dated by the chat's first message and named after
-// the transcript's contents, so that storing it again (a run that died
-// before the move) stores nothing. Like the SMTP path: true when the
-// transcript must wait; a store that fails is handled as a refused message.
-bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const std::optional<std::string> &to,
-                              const std::optional<std::string> &from) {
-  Preferences &settings = appSettings();
+// The transcript email for a mailbox: the message the SMTP path sends,
+// dated by the chat's first message and named after the transcript's
+// contents, so that storing it again (a run that died before the move)
+// stores nothing. Nothing when it cannot be made; that is logged.
+struct MailboxMessage {
+  std::string name; // unique to the transcript's contents, ASCII
+  std::vector<uint8_t> bytes;
+  double chatTime = 0;
+};
+
+std::optional<MailboxMessage> mailboxMessage(ICLPChatLog &log, const std::string &path,
+                                             const std::optional<std::string> &to,
+                                             const std::optional<std::string> &from) {
   const auto identity = TranscriptJournal::identify(path);
   if (!identity) {
     logFormat("Could not store the mail: %@ cannot be read.", path);
-    return true;
+    return std::nullopt;
   }
-  const std::string name = "parlova." + std::to_string(identity->size) + "." + identity->digest;
+  MailboxMessage stored;
+  stored.name = "parlova." + identity->key();
   const std::string sender = from.value_or("");
   const size_t at = sender.rfind('@');
   const std::string domain = at == std::string::npos || at + 1 == sender.size() ? "localhost" : sender.substr(at + 1);
   const std::optional<double> chatTime = chatStart(log);
+  stored.chatTime = chatTime.value_or(Date::now().timeIntervalSince1970());
 
   MailMessage message = transcriptMessage(log, to.value_or(""), sender);
-  message.messageId = name + "@" + domain;
+  message.messageId = stored.name + "@" + domain;
   message.date = chatTime;
-  const auto bytes = SmtpSession::messageBytes(message);
+  auto bytes = SmtpSession::messageBytes(message);
   if (const auto *why = std::get_if<std::string>(&bytes)) {
     logFormat("Could not load the mail module: %@", *why);
-    return true;
+    return std::nullopt;
   }
+  stored.bytes = std::move(std::get<std::vector<uint8_t>>(bytes));
+  return stored;
+}
+
+// A delivery that failed for good, handled like a refused message: the
+// reason in the settings, the transcript archived all the same.
+void reportStoreFailure(const std::string &reason, int status = 2) {
+  logFormat("Could not store the mail: %@", reason);
+  ICLPChatLog::reportErrorAndLog(status, reason);
+}
+
+// The transcript email stored straight into a local Maildir. Like the SMTP
+// path: true when the transcript must wait.
+bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const std::optional<std::string> &to,
+                              const std::optional<std::string> &from) {
+  const auto message = mailboxMessage(log, path, to, from);
+  if (!message)
+    return true;
+  Preferences &settings = appSettings();
   std::string maildir = settings.stringValue("emailMaildir").value_or("~/Maildir");
   if (maildir == "~" || maildir.starts_with("~/"))
     maildir = (homeDirectory() / maildir.substr(std::min<size_t>(2, maildir.size()))).string();
   const MaildirDelivery delivery(maildir, settings.stringValue("emailFolder").value_or("Chats"));
-  const auto result = delivery.deliver(name, std::get<std::vector<uint8_t>>(bytes),
-                                       chatTime.value_or(Date::now().timeIntervalSince1970()));
+  const auto result = delivery.deliver(message->name, message->bytes, message->chatTime);
   switch (result.outcome) {
   case MaildirDelivery::Outcome::Stored:
     log.messageWasSent = true;
@@ -198,12 +225,112 @@ bool storeTranscriptInMaildir(ICLPChatLog &log, const std::string &path, const s
     logFormat("The mail of %@ is in %@ already; it is not stored again.", path, delivery.folder().string());
     log.messageWasSent = true;
     break;
-  case MaildirDelivery::Outcome::Failed: {
-    const std::string reason = "Maildir not writable: " + result.reason;
-    logFormat("Could not store the mail: %@", reason);
-    ICLPChatLog::reportErrorAndLog(2, reason);
+  case MaildirDelivery::Outcome::Failed:
+    reportStoreFailure("Maildir not writable: " + result.reason);
     break;
   }
+  return false;
+}
+
+// Where and how an IMAP or SMTP server is reached, from the settings; or
+// why the settings allow no safe connection.
+std::variant<MailServer, std::string> mailServerSetting(Preferences &settings, const std::string &host,
+                                                        unsigned plainPort, unsigned tlsPort) {
+  // A port beyond 16 bits would wrap to another port: refused, never used.
+  if (const auto stored = settings.copyAppValue("emailPort")) {
+    const auto number = plistInteger(stored->node());
+    const int64_t value = number ? *number : stored->intValue();
+    if (value < 0 || value > 65535)
+      return "emailPort " + std::to_string(value) + " is no port number (0 to 65535)";
+  }
+  const auto mode = mailSecuritySetting(settings);
+  if (!mode) // a guess could send the password in the clear
+    return std::string("emailSecurity must be none, starttls or tls");
+  MailServer server;
+  server.host = host;
+  server.security = *mode;
+  const int port = settings.intValue("emailPort");
+  server.port = port != 0 ? static_cast<unsigned>(port) : *mode == MailSecurity::Tls ? tlsPort : plainPort;
+  server.caFile = settings.stringValue("emailCAFile").value_or("");
+  server.verify = !settings.boolValue("emailAllowUnverifiedCertificate");
+  return server;
+}
+
+// The transcript email appended to a folder of an IMAP mailbox. Like the
+// SMTP path: true when the transcript must wait.
+bool storeTranscriptByImap(ICLPChatLog &log, const std::string &path, const std::optional<std::string> &to,
+                           const std::optional<std::string> &from) {
+  Preferences &settings = appSettings();
+  const auto host = settings.stringValue("emailServer");
+  if (!host || host->empty()) {
+    logLine("Unable to connect to mail server.");
+    ICLPChatLog::reportErrorAndLog(2, "IMAP unreachable");
+    return true;
+  }
+  const auto server = mailServerSetting(settings, *host, 143, 993);
+  if (const auto *why = std::get_if<std::string>(&server))
+    return waitForSetting(*why);
+  ImapRequest request;
+  request.username = settings.stringValue("emailUsername").value_or("");
+  if (request.username.empty())
+    return waitForSetting("IMAP needs emailUsername");
+  request.folder = settings.stringValue("emailFolder").value_or("Chats");
+  // The framework puts folder names between quotes as they are.
+  if (request.folder.empty() || request.folder.find_first_of("\"\\\r\n") != std::string::npos)
+    return waitForSetting("emailFolder for IMAP must be a folder name without quotes or backslashes");
+  const MailPassword password = mailPassword(settings);
+  if (!password.failure.empty()) {
+    reportStoreFailure(password.failure, 3);
+    return false;
+  }
+  request.password = password.password;
+  const auto message = mailboxMessage(log, path, to, from);
+  if (!message)
+    return true;
+  request.messageIdKey = message->name;
+  request.message = message->bytes;
+  request.internalDate = message->chatTime;
+
+  const auto stored = ImapSession::store(std::get<MailServer>(server), request, [] { return shouldQuit; });
+  if (const auto *why = std::get_if<std::string>(&stored)) {
+    logFormat("Could not load the mail module: %@", *why);
+    logLine("Unable to connect to mail server.");
+    ICLPChatLog::reportErrorAndLog(2, "IMAP unreachable");
+    return true;
+  }
+  const ImapResult &result = std::get<ImapResult>(stored);
+  using Outcome = ImapResult::Outcome;
+  switch (result.outcome) {
+  case Outcome::Stored:
+    log.messageWasSent = true;
+    return false;
+  case Outcome::AlreadyThere:
+    logFormat("The mail of %@ is in the IMAP folder %@ already; it is not stored again.", path, request.folder);
+    log.messageWasSent = true;
+    return false;
+  case Outcome::Unreachable:
+    logLine("Unable to connect to mail server.");
+    ICLPChatLog::reportErrorAndLog(2, "IMAP unreachable");
+    return true;
+  case Outcome::Stopped:
+    return true;
+  case Outcome::NotSecured:
+    logFormat("Could not secure the connection to the mail server: %@", result.detail);
+    ICLPChatLog::reportErrorAndLog(2, result.detail);
+    return false;
+  case Outcome::LoginRefused:
+    reportStoreFailure("IMAP login refused: " + result.detail, 3);
+    return false;
+  case Outcome::FolderNotCreated:
+    reportStoreFailure("IMAP folder could not be created: " + result.detail);
+    return false;
+  case Outcome::NotStored:
+    reportStoreFailure("IMAP server refused the message: " + result.detail);
+    return false;
+  case Outcome::TimedOut:
+    logLine("The attempt to send email timed out.");
+    ICLPChatLog::reportErrorAndLog(2, "server not responding");
+    return false;
   }
   return false;
 }
@@ -220,23 +347,11 @@ bool sendTranscriptEmail(ICLPChatLog &log, const std::optional<std::string> &to,
     return true;
   }
   Preferences &settings = appSettings();
-  // A port beyond 16 bits would wrap to another port: refused, never sent.
-  if (const auto stored = settings.copyAppValue("emailPort")) {
-    const auto number = plistInteger(stored->node());
-    const int64_t value = number ? *number : stored->intValue();
-    if (value < 0 || value > 65535)
-      return waitForSetting("emailPort " + std::to_string(value) + " is no port number (0 to 65535)");
-  }
-  const auto mode = mailSecuritySetting(settings);
-  if (!mode) // a guess could send the password in the clear
-    return waitForSetting("emailSecurity must be none, starttls or tls");
-  MailServer mailServer;
-  mailServer.host = *server;
-  mailServer.security = *mode;
   // Implicit TLS has a port of its own; the plain and STARTTLS default stays 25.
-  mailServer.port = static_cast<unsigned>(*mode == MailSecurity::Tls && settings.intValue("emailPort") == 0 ? 465 : port);
-  mailServer.caFile = settings.stringValue("emailCAFile").value_or("");
-  mailServer.verify = !settings.boolValue("emailAllowUnverifiedCertificate");
+  const auto chosen = mailServerSetting(settings, *server, static_cast<unsigned>(port), 465);
+  if (const auto *why = std::get_if<std::string>(&chosen))
+    return waitForSetting(*why);
+  const MailServer &mailServer = std::get<MailServer>(chosen);
 
   MailMessage message = transcriptMessage(log, *to, *from);
   if (settings.boolValue("emailDateFromChat"))
@@ -295,16 +410,21 @@ ChatLogPreparation PrepareChatLog(const std::string &path, ICLPChatLog *log,
 
   // Where the mail goes; no guess at another place.
   const auto delivery = choiceSetting(settings, "emailDelivery", "smtp");
-  const bool knownDelivery = delivery == "smtp" || delivery == "maildir";
+  const bool knownDelivery = delivery == "smtp" || delivery == "maildir" || delivery == "imap";
   if (sendEmails && !knownDelivery) {
-    waitForSetting("emailDelivery must be smtp or maildir");
+    waitForSetting("emailDelivery must be smtp, imap or maildir");
     logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
     preparation.outcome = Outcome::MailFailed;
     return preparation;
   }
-  const bool mailFailed = sendEmails && (delivery == "maildir"
-                                             ? storeTranscriptInMaildir(*log, path, emailAddress, emailOutgoing)
-                                             : sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort));
+  const auto deliver = [&] {
+    if (delivery == "maildir")
+      return storeTranscriptInMaildir(*log, path, emailAddress, emailOutgoing);
+    if (delivery == "imap")
+      return storeTranscriptByImap(*log, path, emailAddress, emailOutgoing);
+    return sendTranscriptEmail(*log, emailAddress, emailOutgoing, emailServer, emailPort);
+  };
+  const bool mailFailed = sendEmails && deliver();
   if (mailFailed) {
     logLine("*****FINISH***** An error occurred while sending email. This log has been skipped.");
     preparation.outcome = Outcome::MailFailed;

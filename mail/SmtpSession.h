@@ -1,5 +1,5 @@
 // One SMTP session carrying one message, through the Pantomime mail
-// framework. Only mail/SmtpSession.mm knows that it is Objective-C; its
+// framework. Only mail/PantomimeSessions.mm knows that it is Objective-C; its
 // events arrive through the main thread's run loop.
 #pragma once
 

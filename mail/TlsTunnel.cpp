@@ -222,6 +222,86 @@ std::string negotiateStartTls(int fd, Clock::time_point deadline) {
   return {};
 }
 
+// IMAP's untagged and tagged lines, up to and including the one that
+// carries `tag`; nothing when the connection ends, the deadline passes or
+// the answer grows past kLongestReply.
+std::optional<std::vector<std::string>> readImapUntil(int fd, std::string &pending, std::string_view tag,
+                                                      Clock::time_point deadline) {
+  std::vector<std::string> lines;
+  size_t replied = 0;
+  while (true) {
+    const auto end = pending.find('\n');
+    if (end == std::string::npos) {
+      if (replied + pending.size() > kLongestReply)
+        return std::nullopt;
+      pollfd readable{fd, POLLIN, 0};
+      if (poll(&readable, 1, millisecondsLeft(deadline)) <= 0)
+        return std::nullopt;
+      char chunk[4096];
+      const ssize_t got = recv(fd, chunk, sizeof chunk, 0);
+      if (got <= 0)
+        return std::nullopt;
+      pending.append(chunk, static_cast<size_t>(got));
+      continue;
+    }
+    std::string line = pending.substr(0, end);
+    pending.erase(0, end + 1);
+    replied += end + 1;
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+    const bool last = line.starts_with(std::string(tag) + " ");
+    lines.push_back(std::move(line));
+    if (last)
+      return lines;
+  }
+}
+
+// Whether an IMAP capability list (a greeting's or a CAPABILITY answer's
+// line) names `capability`, as a whole word in any case.
+bool imapOffers(const std::vector<std::string> &lines, std::string_view capability) {
+  for (const auto &line : lines) {
+    std::string upper = line;
+    for (char &c : upper)
+      c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (upper.find("CAPABILITY") == std::string::npos)
+      continue;
+    for (size_t at = upper.find(capability); at != std::string::npos; at = upper.find(capability, at + 1)) {
+      const size_t after = at + capability.size();
+      if (at > 0 && upper[at - 1] == ' ' && (after == upper.size() || upper[after] == ' ' || upper[after] == ']'))
+        return true;
+    }
+  }
+  return false;
+}
+
+// IMAP's greeting, CAPABILITY and STARTTLS, a tagged command; as for SMTP
+// nothing of the user's is sent before the upgrade.
+std::string negotiateImapStartTls(int fd, Clock::time_point deadline) {
+  std::string pending;
+  const auto greeting = readImapUntil(fd, pending, "*", deadline);
+  if (!greeting || !greeting->back().starts_with("* OK"))
+    return "the server did not greet as a mail server does";
+  std::vector<std::string> capabilities = *greeting;
+  if (!imapOffers(capabilities, "STARTTLS")) {
+    if (!sendAll(fd, "p1 CAPABILITY\r\n"))
+      return "the server closed the connection";
+    const auto listed = readImapUntil(fd, pending, "p1", deadline);
+    if (!listed)
+      return "the server did not answer CAPABILITY";
+    capabilities = *listed;
+  }
+  if (!imapOffers(capabilities, "STARTTLS"))
+    return "server does not offer STARTTLS";
+  if (!sendAll(fd, "p2 STARTTLS\r\n"))
+    return "the server closed the connection";
+  const auto ready = readImapUntil(fd, pending, "p2", deadline);
+  if (!ready || !ready->back().starts_with("p2 OK"))
+    return "server refused STARTTLS";
+  if (!pending.empty())
+    return "the server sent data before TLS started";
+  return {};
+}
+
 // An address as the kernel's socket table shows it.
 std::string hexAddress(const sockaddr_in &address) {
   char text[16];
@@ -415,12 +495,16 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
     return Failure{true, "could not connect"};
   if (options.security == MailSecurity::StartTls) {
     const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
-    if (std::string refused = negotiateStartTls(state->server.get(), deadline); !refused.empty()) {
+    const bool imap = options.protocol == MailProtocol::Imap;
+    std::string refused = imap ? negotiateImapStartTls(state->server.get(), deadline)
+                               : negotiateStartTls(state->server.get(), deadline);
+    if (!refused.empty()) {
       if (Clock::now() >= deadline)
         refused = "the server did not answer within " + std::to_string(options.timeoutSeconds) + " seconds";
       return Failure{false, refused};
     }
-    state->greeting = "220 " + options.host + " ESMTP\r\n";
+    // The framework starts over behind the tunnel, so it is greeted again.
+    state->greeting = imap ? "* OK IMAP4rev1 ready\r\n" : "220 " + options.host + " ESMTP\r\n";
   }
   auto secured = handshake(state->server.get(), options);
   if (auto *reason = std::get_if<std::string>(&secured))

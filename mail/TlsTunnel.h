@@ -3,7 +3,7 @@
 // TLS: the build Debian ships has none, and the upstream code verifies no
 // certificate. So the connection is secured and the certificate checked
 // here, before the framework sends a single byte; from then on a relay
-// thread carries the framework's plain SMTP over TLS.
+// thread carries the framework's plain SMTP or IMAP over TLS.
 #pragma once
 
 #include <memory>
@@ -16,12 +16,16 @@ namespace parlova {
 // How the mail goes over the network: the setting emailSecurity.
 enum class MailSecurity { None, StartTls, Tls };
 
+// What is spoken through the tunnel: it decides how STARTTLS is asked for.
+enum class MailProtocol { Smtp, Imap };
+
 // Where the module's log lines go: the program's log, handed across the
 // module boundary.
 using LogFunction = void (*)(std::string_view line);
 
 struct TlsOptions {
   MailSecurity security = MailSecurity::StartTls; // StartTls or Tls
+  MailProtocol protocol = MailProtocol::Smtp;
   std::string host;
   unsigned port = 0;
   std::string caFile; // empty: the system's certificate store

@@ -2,11 +2,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "context/MailPassword.h"
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
-#include "platform/ChildProcess.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -71,27 +71,14 @@ void ICLPChatLog::emailReady(SmtpSession &session) {
     session.sendMessage();
     return;
   }
-  std::string password = settings.stringValue("emailPassword").value_or("");
-  // A password kept in a keyring or an encrypted file rather than in the
-  // settings: the command's first line is the password. It wins over
-  // emailPassword, and what it printed is never shown anywhere.
-  if (const auto command = settings.stringValue("emailPasswordCommand"); command && !command->empty()) {
-    const ChildOutcome outcome = runChildProcess({"/bin/sh", "-c", *command}, "", std::chrono::seconds(120));
-    password = outcome.output.substr(0, outcome.output.find('\n'));
-    if (!password.empty() && password.back() == '\r')
-      password.pop_back();
-    std::string failure = outcome.failure();
-    if (failure.empty() && password.empty())
-      failure = "it printed no password";
-    if (!failure.empty()) {
-      const std::string reason = "emailPasswordCommand failed: " + failure;
-      logLine(reason);
-      reportErrorAndLog(3, reason);
-      mailTransmissionDone = true;
-      return;
-    }
+  const MailPassword password = mailPassword(settings);
+  if (!password.failure.empty()) {
+    logLine(password.failure);
+    reportErrorAndLog(3, password.failure);
+    mailTransmissionDone = true;
+    return;
   }
-  session.authenticate(username, password, "LOGIN");
+  session.authenticate(username, password.password, "LOGIN");
 }
 
 void ICLPChatLog::authenticationCompleted() {

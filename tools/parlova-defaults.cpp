@@ -69,7 +69,9 @@ int usage() {
                "  sendEmails handleURLs handleImages debugMode forceUniqueSubjects\n"
                "  emailServer emailPort emailAddress emailOutgoing\n"
                "  emailSecurity (none, starttls, tls) emailCAFile emailAllowUnverifiedCertificate\n"
-               "  emailNeedsUsername emailUsername emailPassword\n"
+               "  emailNeedsUsername emailUsername emailPassword emailPasswordCommand\n"
+               "  emailDelivery (smtp, imap, maildir) emailFolder emailMaildir emailDateFromChat\n"
+               "  escapeHTML\n"
                "  errorStatus emailFails reportThis subjectNumber (written by Parlova)\n";
   return 2;
 }

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <regex>
+#include <sstream>
+#include <tuple>
 #include <cstdlib>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -438,7 +440,7 @@ TEST_F(SecuredEmail, ServersThatFloodTrickleOrDropEndTheExchangeInTime) {
 // process still gets the server.
 TEST_F(SecuredEmail, TheRelayServesOnlyThisProcess) {
   SmtpServer server(home_.path() / "smtp", "tls", serving("localhost"));
-  auto opened = TlsTunnel::open({MailSecurity::Tls, "localhost", static_cast<unsigned>(std::stoi(server.port())),
+  auto opened = TlsTunnel::open({MailSecurity::Tls, MailProtocol::Smtp, "localhost", static_cast<unsigned>(std::stoi(server.port())),
                                  (certificates_ / "ca.pem").string(), true, 5});
   ASSERT_TRUE(std::holds_alternative<std::unique_ptr<TlsTunnel>>(opened));
   const unsigned port = std::get<std::unique_ptr<TlsTunnel>>(opened)->localPort();
@@ -506,6 +508,128 @@ TEST_F(SecuredEmail, ASecuritySettingThatIsNotOneOfTheThreeNamesSendsNothingAndK
     EXPECT_TRUE(fs::exists(transcript)) << type << " " << value;
   }
   EXPECT_EQ(server.received(), "");
+}
+
+// Into a folder of a real IMAP server (Dovecot, whose folders are split by
+// "."): the message the SMTP path sends, its Date and internal date the
+// chat's, stored once over a plain connection, STARTTLS and implicit TLS.
+class ImapEmail : public Email {
+protected:
+  void toImap(const ImapServer &server, const std::string &security, const std::string &folder) {
+    configure(security == "tls" ? server.tlsPort() : server.plainPort());
+    home_.setSetting("emailDelivery", "-string", "imap");
+    home_.setSetting("emailSecurity", "-string", security);
+    home_.setSetting("emailCAFile", "-string", server.certificate().string());
+    home_.setSetting("emailUsername", "-string", "chatuser");
+    home_.setSetting("emailPassword", "-string", "s3cret");
+    home_.setSetting("emailFolder", "-string", folder);
+  }
+  // Each message of a folder as "INTERNALDATE|Date|bytes" lines, the
+  // bytes without the parts that differ from one sending to the next.
+  static std::vector<std::string> storedIn(const ImapServer &server, const std::string &folder) {
+    const std::string read = server.reading(
+        "import email.utils, imaplib\n"
+        "imap.select('" + folder + "', readonly=True)\n"
+        "for uid in imap.uid('SEARCH', 'ALL')[1][0].split():\n"
+        "    data = imap.uid('FETCH', uid, '(INTERNALDATE RFC822)')[1][0]\n"
+        "    when = int(imaplib.Internaldate2tuple(data[0]) and __import__('time').mktime(imaplib.Internaldate2tuple(data[0])))\n"
+        "    message = email.message_from_bytes(data[1])\n"
+        "    date = int(email.utils.parsedate_to_datetime(message['Date']).timestamp())\n"
+        "    print(when, date, data[1].decode().replace('\\r', '').replace('\\n', '\\\\n'), sep='|')\n");
+    std::vector<std::string> messages;
+    std::istringstream lines(read);
+    for (std::string line; std::getline(lines, line);) {
+      const size_t body = line.find('|', line.find('|') + 1) + 1;
+      std::string mail = line.substr(body);
+      for (size_t at = mail.find("\\n"); at != std::string::npos; at = mail.find("\\n", at + 1))
+        mail.replace(at, 2, "\n");
+      messages.push_back(line.substr(0, body) + withoutDateAndId(mail));
+    }
+    return messages;
+  }
+};
+
+TEST_F(ImapEmail, PlainStartTlsAndTlsAppendTheSmtpMessageDatedByTheChatOnce) {
+  std::string sent;
+  {
+    SmtpServer smtp(home_.path() / "smtp", "accept");
+    configure(smtp.port());
+    addChat();
+    home_.run("parlova");
+    ASSERT_EQ(smtp.messages().size(), 1u);
+    sent = withoutDateAndId(smtp.messages().front());
+    fs::remove_all(home_.archive());
+  }
+  ImapServer server;
+  // 200000000 seconds after 2001-01-01: the chat's first message.
+  const std::string dated = "1178307200|1178307200|";
+  for (const auto &[security, folder, stored] : std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"none", "Chats", "Chats"}, {"starttls", "Archive/Old Chats", "Archive.Old Chats"}, {"tls", "Chäts", "Ch&AOQ-ts"}}) {
+    toImap(server, security, folder);
+    for (int again = 0; again < 2; ++again) {
+      addChat(); // a run that died before the move brings it back
+      const auto result = home_.run("parlova");
+      EXPECT_TRUE(archived()) << result.err;
+      EXPECT_EQ(result.err.find("is in the IMAP folder " + folder + " already") != std::string::npos, again == 1)
+          << security << "\n" << result.err;
+      fs::remove_all(home_.archive());
+    }
+    EXPECT_EQ(storedIn(server, "\"" + stored + "\""), std::vector<std::string>{dated + sent})
+        << security;
+  }
+}
+
+TEST_F(ImapEmail, ARefusedLoginOrAnInsecureServerStoresNothingAndSaysWhy) {
+  {
+    ImapServer server;
+    toImap(server, "none", "Chats");
+    home_.setSetting("emailPassword", "-string", "wrong \"one\"");
+    addChat();
+    home_.run("parlova");
+    EXPECT_EQ(home_.readSetting("reportThis").rfind("IMAP login refused: ", 0), 0u) << home_.readSetting("reportThis");
+    EXPECT_TRUE(archived()); // as for a refused message
+    EXPECT_EQ(server.reading("print(imap.select('Chats')[0])"), "NO");
+    fs::remove_all(home_.archive());
+  }
+  {
+    // Asked for STARTTLS, the server offers none: not a word of the login.
+    ImapServer server(false);
+    toImap(server, "starttls", "Chats");
+    addChat();
+    const auto result = home_.run("parlova");
+    EXPECT_EQ(home_.readSetting("reportThis"), "server does not offer STARTTLS") << result.err;
+    EXPECT_NE(server.log().find("(no auth attempts"), std::string::npos) << server.log();
+    EXPECT_EQ(server.log().find("chatuser"), std::string::npos) << server.log();
+    fs::remove_all(home_.archive());
+  }
+  {
+    ImapServer server(true, "mail.example.org");
+    toImap(server, "tls", "Chats");
+    addChat();
+    home_.run("parlova");
+    EXPECT_EQ(home_.readSetting("reportThis").rfind("TLS handshake failed: the server's certificate was refused", 0), 0u)
+        << home_.readSetting("reportThis");
+    EXPECT_EQ(server.reading("print(imap.select('Chats')[0])"), "NO");
+  }
+}
+
+// A silent server ends the exchange after the time-out, as with SMTP; one
+// that is not there leaves the transcript for the next run.
+TEST_F(ImapEmail, ASilentOrAbsentServerIsHandledAsForSmtp) {
+  SmtpServer silent(home_.path() / "smtp", "silent");
+  configure(silent.port());
+  home_.setSetting("emailDelivery", "-string", "imap");
+  home_.setSetting("emailUsername", "-string", "chatuser");
+  addChat();
+  auto result = home_.run("parlova", {}, {{"PARLOVA_SMTP_TIMEOUT_SECONDS", "2"}});
+  EXPECT_EQ(home_.readSetting("reportThis"), "server not responding") << result.err;
+  EXPECT_TRUE(archived());
+  fs::remove_all(home_.archive());
+  configure("1");
+  const auto transcript = addChat();
+  result = home_.run("parlova");
+  EXPECT_EQ(home_.readSetting("reportThis"), "IMAP unreachable") << result.err;
+  EXPECT_TRUE(fs::exists(transcript));
 }
 
 } // namespace

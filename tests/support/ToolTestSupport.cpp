@@ -155,6 +155,42 @@ std::vector<std::string> SmtpServer::messages() const {
   return texts;
 }
 
+ImapServer::ImapServer(bool tls, const std::string &certificateHost) {
+  std::string name = (fs::temp_directory_path() / "parlova-imap-XXXXXX").string();
+  if (!mkdtemp(name.data()))
+    throw std::runtime_error("no folder for the IMAP server");
+  folder_ = name;
+  const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "imap_server.py";
+  std::string command = "/usr/bin/python3 " + shellQuoted(script.string()) + " --dir " + shellQuoted(folder_.string()) +
+                        " --cert-host " + shellQuoted(certificateHost);
+  if (!tls)
+    command += " --no-ssl";
+  if (std::system(command.c_str()) != 0)
+    throw std::runtime_error("the IMAP server did not start: " + log());
+  std::istringstream ports(readText(folder_ / "ports"));
+  ports >> plainPort_ >> tlsPort_;
+}
+
+ImapServer::~ImapServer() {
+  const std::string master = readText(folder_ / "run" / "master.pid");
+  const pid_t pid = static_cast<pid_t>(std::atol(master.c_str()));
+  // The master ends its own processes, which takes it a second or two;
+  // nothing waits for that, as the next server listens on other ports.
+  if (pid > 0)
+    kill(pid, SIGTERM);
+  std::error_code ignored;
+  fs::remove_all(folder_, ignored);
+}
+
+std::string ImapServer::log() const { return readText(folder_ / "log" / "dovecot.log"); }
+
+std::string ImapServer::reading(const std::string &script) const {
+  return pythonReading("import imaplib, sys\n"
+                       "imap = imaplib.IMAP4('127.0.0.1', " + plainPort_ + ")\n"
+                       "imap.login('chatuser', 's3cret')\n" + script,
+                       folder_);
+}
+
 FakeIChat::FakeIChat(const fs::path &folder) {
   const fs::path program = folder / "iChat";
   fs::copy_file("/bin/sleep", program, fs::copy_options::overwrite_existing);

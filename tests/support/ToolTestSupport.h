@@ -86,6 +86,32 @@ private:
   std::string port_;
 };
 
+// A private Dovecot IMAP server (tests/support/imap_server.py) on loopback,
+// with the user "chatuser", password "s3cret", for as long as the object
+// lives, in a folder of its own (Dovecot's users must be able to reach it,
+// which they cannot inside a scratch home). Without TLS it offers neither
+// STARTTLS nor an implicit TLS port; its certificate names `certificateHost`.
+class ImapServer {
+public:
+  explicit ImapServer(bool tls = true, const std::string &certificateHost = "127.0.0.1");
+  ~ImapServer();
+  ImapServer(const ImapServer &) = delete;
+  ImapServer &operator=(const ImapServer &) = delete;
+
+  const std::string &plainPort() const { return plainPort_; }
+  const std::string &tlsPort() const { return tlsPort_; }
+  std::filesystem::path certificate() const { return folder_ / "cert.pem"; }
+  std::string log() const;
+  // What /usr/bin/python3 prints for `script`, which finds a logged-in
+  // imaplib.IMAP4 as `imap`.
+  std::string reading(const std::string &script) const;
+
+private:
+  std::filesystem::path folder_;
+  std::string plainPort_;
+  std::string tlsPort_;
+};
+
 // A process whose command name is exactly "iChat", for as long as it lives.
 class FakeIChat {
 public:
