@@ -25,7 +25,7 @@ demo: deps all
 
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
-	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults
+	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults parlova-search
 	$(BUILD)-bench/bench/parlova_bench
 
 # A long mutation run over both transcript formats under AddressSanitizer.

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <spawn.h>
 #include <string>
@@ -24,6 +25,7 @@ extern char **environ;
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
+#include "platform/SqliteDatabase.h"
 #include "tests/fixtures/Backlog.h"
 
 namespace parlova::bench {
@@ -140,12 +142,12 @@ double writeFinalArchivesAndPages(const fs::path &home) {
   return seconds;
 }
 
+} // namespace
+
 void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
           const char *goal) {
   std::printf("%-44s %9.2f %-5s %-34s ratio %6.2f  (goal %s)\n", what, figure, unit, against.c_str(), ratio, goal);
 }
-
-} // namespace
 
 void printCatchUp(const fs::path &binaryDir) {
   constexpr size_t kDecade = 10000;
@@ -267,6 +269,91 @@ void printDelivery(const fs::path &binaryDir) {
   }
   std::printf("%-44s %9.2f %-5s (of which the session's 1 s wait)\n", "mail: through loopback SMTP, per message",
               perSent * 1000, "ms");
+  fs::remove_all(root);
+}
+
+// Finding a chat on the 10,000-transcript backlog: each query as the
+// whole parlova-search process, beside grep -rcw over the plain texts of
+// the same chats (written once, as the generator wrote them); the index's
+// cost in a catch-up beside SQLite alone indexing the same texts in one
+// transaction; and the database's size beside the text it indexes.
+void printSearch(const fs::path &binaryDir) {
+  constexpr size_t kDecade = 10000;
+  const fs::path root = fs::temp_directory_path() / ("parlova-search-" + std::to_string(getpid()));
+  const fs::path backlog = root / "backlog";
+  std::vector<std::string> texts;
+  const std::vector<fs::path> transcripts =
+      fixtures::writeBacklog(backlog, {.transcripts = kDecade, .texts = &texts});
+  const std::string parlova = (binaryDir / "parlova").string();
+
+  const fs::path plainHome = makeHome(root, "plain", backlog, transcripts, binaryDir);
+  const double plain = runIn(plainHome, {parlova, "--catch-up", "--quiet"}).seconds;
+  const fs::path indexedHome = makeHome(root, "indexed", backlog, transcripts, binaryDir);
+  runIn(indexedHome, {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova", "keepHistory",
+                      "-bool", "YES"});
+  const double indexed = runIn(indexedHome, {parlova, "--catch-up", "--quiet"}).seconds;
+
+  // The floor: the same texts into a bare FTS5 table, in one transaction.
+  const fs::path bare = root / "bare.sqlite";
+  size_t textBytes = 0;
+  for (const std::string &text : texts)
+    textBytes += text.size();
+  double floor = 0;
+  if (auto opened = SqliteDatabase::open(bare); auto *database = std::get_if<SqliteDatabase>(&opened)) {
+    database->execute("CREATE VIRTUAL TABLE t USING fts5 (text, tokenize = 'unicode61 remove_diacritics 2')");
+    const auto start = Clock::now();
+    database->execute("BEGIN");
+    auto insert = database->prepare("INSERT INTO t VALUES (?1)");
+    if (auto *statement = std::get_if<SqliteStatement>(&insert))
+      for (const std::string &text : texts)
+        statement->bind(1, text).run();
+    database->execute("COMMIT");
+    floor = std::chrono::duration<double>(Clock::now() - start).count();
+  }
+
+  // The plain texts, one file per transcript's share, for grep.
+  const fs::path plainTexts = root / "texts";
+  fs::create_directories(plainTexts);
+  const size_t perFile = texts.size() / kDecade + 1;
+  for (size_t first = 0, file = 0; first < texts.size(); first += perFile, ++file) {
+    std::string chunk;
+    for (size_t i = first; i < std::min(texts.size(), first + perFile); ++i)
+      chunk += texts[i] + "\n";
+    writeFileAtomically(plainTexts / (std::to_string(file) + ".txt"),
+                        std::vector<uint8_t>(chunk.begin(), chunk.end()));
+  }
+  const auto best = [](const std::function<double()> &timed) {
+    double fastest = 1e9;
+    for (int round = 0; round < 5; ++round)
+      fastest = std::min(fastest, timed());
+    return fastest;
+  };
+  const auto searching = [&](const std::string &query) {
+    return best([&] { return runIn(indexedHome, {(binaryDir / "parlova-search").string(), query}).seconds; });
+  };
+  const auto grepping = [&](const std::string &word) {
+    return best([&] { return runIn(root, {"/usr/bin/grep", "-rcw", word, plainTexts.string()}).seconds; });
+  };
+  const double grepRare = grepping("4711");
+  const double grepCommon = grepping("movie");
+
+  line("search: a rare word, whole process", searching("4711") * 1000, "ms", "grep -rcw: times faster",
+       grepRare / searching("4711"), ">= 20");
+  line("search: a rare phrase", searching("\"com 4711\"") * 1000, "ms", "grep -rcw: times faster",
+       grepRare / searching("\"com 4711\""), ">= 20");
+  line("search: a rare prefix", searching("471*") * 1000, "ms", "grep -rcw: times faster",
+       grepRare / searching("471*"), ">= 20");
+  line("search: a common word, best 50", searching("movie") * 1000, "ms", "grep -rcw: times faster",
+       grepCommon / searching("movie"), ">= 2");
+  line("search: indexing in a catch-up", (indexed - plain), "s", "SQLite alone, one transaction",
+       (indexed - plain) / std::max(floor, 1e-9), "<= 1.3");
+  std::error_code ignored;
+  const auto size = fs::file_size(indexedHome / "Library" / "Parlova" / "history.sqlite", ignored);
+  line("search: history with its index", static_cast<double>(size) / (1 << 20), "MiB", "the text it indexes",
+       static_cast<double>(size) / static_cast<double>(std::max<size_t>(textBytes, 1)), "<= 3");
+  std::printf("%-44s %9.2f %-5s (%zu messages, grep: %.0f ms rare, %.0f ms common)\n",
+              "search: the text indexed", static_cast<double>(textBytes) / (1 << 20), "MiB", texts.size(),
+              grepRare * 1000, grepCommon * 1000);
   fs::remove_all(root);
 }
 

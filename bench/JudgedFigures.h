@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 namespace parlova::bench {
@@ -15,6 +16,14 @@ void printMerge(double mergeSeconds, const std::vector<uint8_t> &archive);
 // A decade of transcripts in one catch-up, and its yardsticks.
 void printCatchUp(const std::filesystem::path &binaryDir);
 void printDelivery(const std::filesystem::path &binaryDir);
+// Finding a chat: queries, indexing and size on the 10,000-transcript backlog.
+void printSearch(const std::filesystem::path &binaryDir);
+// The statistics page drawn from a history of 100,000 chats.
+void printHistoryPage();
+
+// One judged figure: what, the figure, the yardstick, the ratio and its goal.
+void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
+          const char *goal);
 
 // Merging 50 links into an archive of 100,000, pages included: the median
 // time, and the archive it started from.

@@ -118,6 +118,8 @@ int main(int argc, char **argv) {
   parlova::bench::printMerge(merge, archive);
   parlova::bench::printCatchUp(PARLOVA_BINARY_DIR);
   parlova::bench::printDelivery(PARLOVA_BINARY_DIR);
+  parlova::bench::printHistoryPage();
+  parlova::bench::printSearch(PARLOVA_BINARY_DIR);
   std::filesystem::remove_all(folder);
   return 0;
 }

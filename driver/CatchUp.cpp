@@ -16,6 +16,7 @@
 #include "driver/RunDriver.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ArchiveBatch.h"
+#include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -147,6 +148,7 @@ int catchUp(const RunOptions &options) {
 
   Tally tally;
   Batch batch;
+  const bool keepHistory = ChatHistory::wanted();
   CatchUpProgress progress(candidates, options.quiet);
   size_t seen = 0;
   std::string stopped;
@@ -218,6 +220,9 @@ int catchUp(const RunOptions &options) {
     if (preparation.handleImages)
       tally.pending.pictures += batch.archives().addImages(*log);
     batch.archives().addStatistics(*log);
+    if (keepHistory)
+      if (const auto identity = TranscriptJournal::identify(path))
+        batch.archives().addHistory(*log, identity->key(), target);
     const bool moved = MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero, Durability::ByNextSync);
     ++tally.pending.transcripts;
     if (!moved) {

@@ -39,6 +39,8 @@ std::variant<RunOptions, std::string> parseCommandLine(std::span<const char *con
       options.version = true;
     } else if (argument == "--catch-up") {
       options.catchUp = true;
+    } else if (argument == "--rebuild-history") {
+      options.rebuildHistory = true;
     } else if (argument == "--dry-run" || argument == "-n") {
       options.dryRun = true;
     } else if (argument == "--quiet" || argument == "-q") {
@@ -66,7 +68,8 @@ std::variant<RunOptions, std::string> parseCommandLine(std::span<const char *con
 }
 
 std::string usageText() {
-  return "usage: parlova [--catch-up] [--dry-run] [--quiet] [--pause SECONDS] [--commit-every N]\n"
+  return "usage: parlova [--catch-up] [--rebuild-history] [--dry-run] [--quiet] [--pause SECONDS]\n"
+         "               [--commit-every N]\n"
          "\n"
          "Carries finished iChat transcripts from ~/Documents/iChats through: mails them,\n"
          "gathers their links and pictures, counts them, and moves them into\n"
@@ -74,6 +77,9 @@ std::string usageText() {
          "\n"
          "  --catch-up          every finished transcript in one run (a first run on an\n"
          "                      existing archive); no pause between entries\n"
+         "  --rebuild-history   read every processed transcript into the chat history\n"
+         "                      (~/Library/Parlova/history.sqlite); run twice, it adds\n"
+         "                      nothing\n"
          "  -n, --dry-run       only say what a run would process and what it would leave\n"
          "                      and why; change nothing, send nothing\n"
          "  -q, --quiet         no progress line during a catch-up\n"

@@ -14,6 +14,8 @@ struct RunOptions {
   bool help = false;
   bool version = false;
   bool catchUp = false;
+  // Reads every processed transcript into the chat history.
+  bool rebuildHistory = false;
   bool dryRun = false;
   bool quiet = false;
   // A pause after every entry in place of the usual one (a catch-up has

@@ -12,6 +12,8 @@
 #include "context/Settings.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ArchiveBatch.h"
+#include "generator/ChatHistory.h"
+#include "generator/ChatLibrary.h"
 #include "generator/ICLPLogGenerator.h"
 #include "mail/ImapSession.h"
 #include "mail/MaildirDelivery.h"
@@ -478,9 +480,22 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
     ICLPLogGenerator::GenerateLinkFiles(log);
   if (preparation.handleImages)
     ICLPLogGenerator::GenerateImageFiles(log);
+  // Before the totals, whose page is drawn from the history too.
+  const fs::path target = ArchiveTargetFor(path);
+  if (ChatHistory::wanted())
+    if (const auto identity = TranscriptJournal::identify(path)) {
+      ChatRecord record = ChatRecord::of(*log, ICLPLogGenerator::ReadWordLists(), identity->key(), target);
+      const bool library = ChatLibrary::wanted();
+      if (library) {
+        record.page = ChatLibrary::pagePath(record);
+        ChatLibrary::writeChatPage(*log, record);
+      }
+      ChatHistory::store({record});
+      if (library)
+        ChatLibrary::rebuildIndexPages();
+    }
   ICLPLogGenerator::UpdateStatistics(log);
 
-  const fs::path target = ArchiveTargetFor(path);
   if (!journal.markArchived(target)) {
     // Without the record a later run would undo finished archives; with no
     // journal at all it at worst processes the transcript again.
@@ -510,6 +525,9 @@ bool FinishInterruptedArchiving() {
       if (move.images)
         archives.addImages(*log);
       archives.addStatistics(*log);
+      if (ChatHistory::wanted())
+        if (const auto identity = TranscriptJournal::identify(move.target))
+          archives.addHistory(*log, identity->key(), move.target);
     }
     if (!archives.commit()) {
       logLine("A catch-up ended half-way through a batch, and its archives cannot be written yet; the next run "

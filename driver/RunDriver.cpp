@@ -9,6 +9,7 @@
 #include "driver/CatchUp.h"
 #include "driver/DryRun.h"
 #include "driver/ExtractChatLog.h"
+#include "driver/HistoryRebuild.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -139,6 +140,8 @@ void judgeEntry(const std::string &entry, std::chrono::milliseconds reuseFor) {
 int runParlova(const RunOptions &options) {
   if (options.dryRun)
     return dryRun(options);
+  if (options.rebuildHistory)
+    return rebuildHistory(options);
   if (options.catchUp)
     return catchUp(options);
   return runOnce(options);

@@ -81,7 +81,8 @@ public:
   struct Identity {
     uint64_t size = 0;
     std::string digest;
-    // "<size>.<digest>": the key of its chat in the history.
+    // "<size>.<digest>": its message's name in a mailbox, its chat's key in
+    // the history.
     std::string key() const { return std::to_string(size) + "." + digest; }
   };
   static std::optional<Identity> identify(const std::filesystem::path &transcript);

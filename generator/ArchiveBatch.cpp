@@ -1,5 +1,6 @@
 #include "generator/ArchiveBatch.h"
 
+#include "generator/ChatLibrary.h"
 #include "generator/GatheredArchive.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -70,7 +71,29 @@ void ArchiveBatch::addStatistics(const ICLPChatLog &log) {
   statisticsChanged_ = true;
 }
 
+void ArchiveBatch::addHistory(const ICLPChatLog &log, std::string key, fs::path transcript) {
+  if (!wordLists_)
+    wordLists_ = ICLPLogGenerator::ReadWordLists();
+  ChatRecord record = ChatRecord::of(log, *wordLists_, std::move(key), std::move(transcript));
+  // A chat's own page is written now, while its transcript is loaded; the
+  // lists of the library wait for the commit.
+  if (ChatLibrary::wanted()) {
+    record.page = ChatLibrary::pagePath(record);
+    ChatLibrary::writeChatPage(log, record);
+    libraryPagesDue_ = true;
+  }
+  history_.push_back(std::move(record));
+  statisticsChanged_ = true;
+}
+
 bool ArchiveBatch::commit() {
+  // The history first: a batch it could not take changes no archive, and
+  // is done again from the journal (its rows are kept once however often).
+  if (!history_.empty()) {
+    if (!ChatHistory::store(history_))
+      return false;
+    history_.clear();
+  }
   // The stored pictures reach the disk before the archives that name them.
   if (imagePagesDue_)
     syncFileSystemOf(ICLPLogGenerator::parlovaFolder());
@@ -88,6 +111,9 @@ bool ArchiveBatch::commit() {
     ICLPLogGenerator::RebuildImagePages(images_ ? *images_->get<PlistValue::Array>() : kNothing);
   if (lastTotals_)
     ICLPLogGenerator::RebuildStatisticsPage(*lastTotals_);
+  if (libraryPagesDue_)
+    ChatLibrary::rebuildIndexPages();
+  libraryPagesDue_ = false;
   linksChanged_ = imagesChanged_ = statisticsChanged_ = false;
   linkPagesDue_ = imagePagesDue_ = false;
   lastTotals_.reset();

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "foundation/PropertyListValue.h"
+#include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
 
 namespace parlova {
@@ -31,10 +32,14 @@ public:
   size_t addLinks(const ICLPChatLog &log);
   size_t addImages(const ICLPChatLog &log);
   void addStatistics(const ICLPChatLog &log);
+  // The chat for the history, under `key` (the transcript's size and
+  // digest), kept at `transcript`; written at commit().
+  void addHistory(const ICLPChatLog &log, std::string key, std::filesystem::path transcript);
 
-  // Writes every archive changed since the last commit, then the pages of
-  // every stage that ran. False when an archive could not be written (that
-  // is logged); the pages are then left alone.
+  // Writes the history and every archive changed since the last commit,
+  // then the pages of every stage that ran. False when the history or an
+  // archive could not be written (that is logged); the pages are then left
+  // alone.
   bool commit();
 
 private:
@@ -45,6 +50,7 @@ private:
   ICLPLogGenerator::TotalsFile totals_;
   std::optional<StatisticsTotals> lastTotals_;
   std::optional<ICLPLogGenerator::WordLists> wordLists_;
+  std::vector<ChatRecord> history_;
   bool linksSorted_ = false;
   bool imagesSorted_ = false;
   bool linksChanged_ = false;
@@ -52,6 +58,7 @@ private:
   bool statisticsChanged_ = false;
   bool linkPagesDue_ = false;
   bool imagePagesDue_ = false;
+  bool libraryPagesDue_ = false;
 };
 
 } // namespace parlova

@@ -33,10 +33,11 @@ char16_t hexDigit(unsigned value) {
 } // namespace
 
 std::span<const std::string_view> ICLPLogGenerator::ownFileNames() {
-  static constexpr std::array<std::string_view, 15> kNames = {
+  static constexpr std::array<std::string_view, 18> kNames = {
       "Links.html",    "Images.html",       "stats.html",         "linktemplate.html", "imagetemplate.html",
       "statstemplate.html", "Images",       "gatheredURLs.plist", "gatheredImages.plist", "chatgeist.plist",
-      "curses.plist",  "netspeak.plist",    "topimages",          "pdf.png",           "Parlova.png"};
+      "curses.plist",  "netspeak.plist",    "topimages",          "pdf.png",           "Parlova.png",
+      "chattemplate.html", "Chats",         "history.sqlite"};
   return kNames;
 }
 

@@ -72,6 +72,9 @@ public:
   // The totals file's contents; empty when they could not be serialized.
   static std::vector<uint8_t> SerializedTotals(const StatisticsTotals &totals);
   static void RebuildStatisticsPage(const StatisticsTotals &totals);
+  // The totals as the file holds them, for drawing the page again without
+  // counting anything; nothing without a totals file.
+  static std::optional<StatisticsTotals> StoredTotals();
 
   // The "urls" list of the first speaker entry named exactly `speaker`, or
   // null; the list is the archive's own, so what is added lands there.
@@ -85,6 +88,9 @@ public:
   // Percent-escapes every UTF-16 unit other than ASCII letters and digits,
   // the high digit taken as "A" + (unit >> 4) - 10 past 9 even above 255.
   static std::string stringWithFunkyURLStuffInserted(std::string_view text);
+
+  // The name an attached file is stored under in the image folder.
+  static std::string StoredImageName(const FileWrapper &attachment, const std::string &speaker, Date time);
 
   // ~/Library/Parlova, where the archives, templates and pages live.
   static std::filesystem::path parlovaFolder();

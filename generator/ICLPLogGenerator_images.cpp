@@ -37,10 +37,12 @@ std::string lastExtension(const std::string &path) {
   return pathExtension(fs::path(path).filename().string());
 }
 
+} // namespace
+
 // "photo-alice-2005-03-14 15:22:07 -0800.jpg" for an attachment sent as
 // photo.jpg, "alice-2005-03-14 15:22:07 -0800.image" for one without a
 // name; made safe to use as a file name in the image folder.
-std::string storedFileName(const FileWrapper &attachment, const std::string &speaker, Date time) {
+std::string ICLPLogGenerator::StoredImageName(const FileWrapper &attachment, const std::string &speaker, Date time) {
   const std::string when = time.description();
   std::string stem;
   std::string extension;
@@ -61,6 +63,8 @@ std::string storedFileName(const FileWrapper &attachment, const std::string &spe
   const std::string suffix = "." + extension;
   return safeFileStem(stem, suffix, kImageFolderOwnNames) + suffix;
 }
+
+namespace {
 
 PlistValue imageEntry(Date date, const std::string &fileName, int64_t width, int64_t height) {
   return PlistValue(PlistValue::Dictionary{
@@ -267,7 +271,7 @@ size_t ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *
         lastWidth = size ? wholePoints(size->width) : 0;
         lastHeight = size ? wholePoints(size->height) : 0;
       }
-      const std::string name = storedFileName(*attachment, item.speaker, item.time);
+      const std::string name = StoredImageName(*attachment, item.speaker, item.time);
       writeFileWrapperAtomically(*attachment, imageFolder / name, durability);
       if (!list)
         continue;

@@ -1,5 +1,7 @@
 // The running totals (chatgeist.plist) and the statistics page.
+#include "generator/ChatHistory.h"
 #include "generator/GatheredArchive.h"
+#include "generator/HistoryCharts.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "generator/StatisticsPage.h"
@@ -118,8 +120,26 @@ std::vector<uint8_t> ICLPLogGenerator::SerializedTotals(const StatisticsTotals &
 
 void ICLPLogGenerator::RebuildStatisticsPage(const StatisticsTotals &totals) {
   const fs::path folder = parlovaFolder();
-  if (const auto pageTemplate = readTemplate(folder / "statstemplate.html"))
-    writePage(folder / "stats.html", renderStatisticsPage(*pageTemplate, totals));
+  if (const auto pageTemplate = readTemplate(folder / "statstemplate.html")) {
+    std::string page = renderStatisticsPage(*pageTemplate, totals);
+    std::optional<HistorySummary> summary;
+    if (auto history = ChatHistory::openExisting())
+      summary = history->summary();
+    fillHistoryPlaceholders(page, summary);
+    writePage(folder / "stats.html", page);
+  }
+}
+
+std::optional<StatisticsTotals> ICLPLogGenerator::StoredTotals() {
+  const TotalsFile file = ReadTotalsFile();
+  if (!file.exists)
+    return std::nullopt;
+  StatisticsTotals totals = loadTotals(file, parlovaFolder());
+  // As stored, not yet counting a new chat.
+  totals.chats = wrappingAdd(totals.chats, -1);
+  const auto stored = file.contents ? PlistValue::parse(*file.contents) : std::nullopt;
+  totals.endDate = stored ? stored->dateForKey("endDate") : std::nullopt;
+  return totals;
 }
 
 void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog *log) {

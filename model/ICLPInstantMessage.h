@@ -49,6 +49,9 @@ public:
   // file its links under.
   std::optional<LinkRecord> allURLs() const;
   std::optional<ImageRecord> allImages() const;
+  // The text as a search finds it: as the plain rendering gives it, each
+  // attached file by its name; empty for a status message.
+  std::string SearchableText() const;
   // The words between single blanks (a line break alone does not part two
   // words); with a set, only the words it holds exactly. Null counts all.
   int32_t wordCountInSet(const WordSet *words) const;

@@ -35,6 +35,26 @@ bool isSkippedBetweenWords(char16_t unit) {
 
 } // namespace
 
+std::string ICLPInstantMessage::SearchableText() const {
+  if (isStatusMessage())
+    return {};
+  std::vector<std::u16string> names;
+  forEachNewAttributeValue(*string_, kAttachmentAttributeName, [&](const ObjectRef &value) {
+    const auto attachment = objectAs<TextAttachment>(value);
+    const auto file = attachment ? attachment->fileWrapper() : nullptr;
+    names.push_back(file && file->preferredFilename() ? utf8ToUtf16(*file->preferredFilename()) : u"");
+  });
+  std::u16string text;
+  size_t attached = 0;
+  for (const char16_t unit : string_->string()) {
+    if (unit == 0xFFFC && attached < names.size())
+      text += names[attached++];
+    else
+      text += unit;
+  }
+  return utf16ToUtf8(text);
+}
+
 std::optional<LinkRecord> ICLPInstantMessage::allURLs() const {
   if (isStatusMessage() || !timestamp_)
     return std::nullopt;

@@ -40,6 +40,8 @@ defaults="$build/parlova-defaults"
 "$defaults" write com.hollowmere.parlova emailOutgoing parlova@example.org
 "$defaults" write com.hollowmere.parlova handleURLs -bool YES
 "$defaults" write com.hollowmere.parlova handleImages -bool YES
+"$defaults" write com.hollowmere.parlova keepHistory -bool YES
+"$defaults" write com.hollowmere.parlova keepChatPages -bool YES
 
 echo
 echo "== What a catch-up would do (parlova --dry-run --catch-up) =="
@@ -48,6 +50,10 @@ echo "== What a catch-up would do (parlova --dry-run --catch-up) =="
 echo
 echo "== Carrying every transcript through (parlova --catch-up) =="
 "$build/parlova" --catch-up
+
+echo
+echo "== Finding a chat again (parlova-search --context 1 holiday) =="
+"$build/parlova-search" --context 1 holiday || true
 
 pages="$HOME/Library/Parlova"
 echo
@@ -63,5 +69,6 @@ echo
 echo "Open these in a browser:"
 echo "  Links:      file://$pages/Links.html"
 echo "  Pictures:   file://$pages/Images.html"
-echo "  Statistics: file://$pages/stats.html"
+echo "  Statistics: file://$pages/stats.html (with charts from $pages/history.sqlite)"
+echo "  Chat library: file://$pages/Chats/index.html"
 echo "  Newest pictures: $pages/Images/topimages"

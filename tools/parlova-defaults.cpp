@@ -71,7 +71,7 @@ int usage() {
                "  emailSecurity (none, starttls, tls) emailCAFile emailAllowUnverifiedCertificate\n"
                "  emailNeedsUsername emailUsername emailPassword emailPasswordCommand\n"
                "  emailDelivery (smtp, imap, maildir) emailFolder emailMaildir emailDateFromChat\n"
-               "  escapeHTML\n"
+               "  escapeHTML keepHistory keepChatPages\n"
                "  errorStatus emailFails reportThis subjectNumber (written by Parlova)\n";
   return 2;
 }

@@ -20,6 +20,7 @@ import plistlib
 import random
 import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -81,12 +82,28 @@ def prepare_template(tool: Tool, root: Path, backlog: int = 0) -> Path:
         plistlib.dump({"chatcount": 0, "startDate": start}, out, fmt=plistlib.FMT_XML)
     tool.defaults(home, "handleURLs", "-bool", "YES")
     tool.defaults(home, "handleImages", "-bool", "YES")
+    tool.defaults(home, "keepHistory", "-bool", "YES")
     return home
 
 
+def history_rows(home: Path) -> bytes:
+    """The chat history as its rows, sorted, with the home folder's path
+    (which the transcripts' paths begin with) as "~": its file's bytes
+    depend on the order of what was written and undone, its rows must not."""
+    with sqlite3.connect(home / LIBRARY / "history.sqlite") as db:  # a kill's journal is rolled back here
+        rows = [repr(sorted(db.execute(f"SELECT * FROM {table}"))) for table in ("chats", "slots")]
+        rows.append(repr(sorted(db.execute("SELECT key, time, account, speaker, text FROM texts"))))
+    db.close()
+    return "\n".join(rows).replace(str(home), "~").encode()
+
+
 def snapshot(home: Path) -> dict:
-    """Every file and folder the runs leave, by path, with its bytes."""
+    """Every file and folder the runs leave, by path, with its bytes (the
+    history by its rows)."""
     state = {}
+    history = home / LIBRARY / "history.sqlite"
+    if history.exists():
+        state[str(history.relative_to(home))] = history_rows(home)
     for base in (LIBRARY, ARCHIVED, CHATS):
         top = home / base
         for folder, folders, files in os.walk(top):
@@ -94,7 +111,7 @@ def snapshot(home: Path) -> dict:
             for name in folders:
                 state[str(relative / name) + "/"] = b""
             for name in files:
-                if name == ".parlova.lock":
+                if name in (".parlova.lock", "history.sqlite"):
                     continue
                 state[str(relative / name)] = (Path(folder) / name).read_bytes()
     return state

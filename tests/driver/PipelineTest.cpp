@@ -18,18 +18,6 @@ using namespace fixtures;
 
 const Account kMe{"AIM", "parlovauser"};
 
-MessageSpec withLink(const Account &who, double time, const std::string &address) {
-  RunSpec link = text(address);
-  link.link = LinkSpec{address, false, std::nullopt};
-  return MessageSpec{who, time, {text("look: "), link}};
-}
-
-MessageSpec withPicture(const Account &who, double time, const std::string &name, std::vector<uint8_t> bytes) {
-  RunSpec picture = text("\uFFFC");
-  picture.attachment = AttachmentSpec{.fileName = name, .bytes = std::move(bytes)};
-  return MessageSpec{who, time, {picture}};
-}
-
 class Pipeline : public ::testing::Test {
 protected:
   void SetUp() override {

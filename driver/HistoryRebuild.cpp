@@ -1,0 +1,121 @@
+#include "driver/HistoryRebuild.h"
+
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "driver/CatchUpProgress.h"
+#include "driver/ExtractChatLog.h"
+#include "driver/RunDriver.h"
+#include "driver/TranscriptJournal.h"
+#include "generator/ChatHistory.h"
+#include "generator/ChatLibrary.h"
+#include "generator/ICLPLogGenerator.h"
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/StopSignals.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The history is written this many chats at a time: one transaction each.
+constexpr size_t kRecordsPerWrite = 1000;
+
+std::string thousands(size_t number) {
+  std::string digits = std::to_string(number);
+  for (size_t at = digits.size(); at > 3; at -= 3)
+    digits.insert(at - 3, ",");
+  return digits;
+}
+
+} // namespace
+
+int rebuildHistory(const RunOptions &options) {
+  // No run may move transcripts out from under the walk, nor count them.
+  const auto started = startRun();
+  if (!started)
+    return 0;
+  StopSignals::install();
+  const auto start = Clock::now();
+  if (!ChatHistory::open())
+    return 1;
+
+  std::vector<std::string> entries;
+  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();)
+    if (ICLPChatLog::hasTranscriptExtension(*entry))
+      entries.push_back(*entry);
+
+  const ICLPLogGenerator::WordLists lists = ICLPLogGenerator::ReadWordLists();
+  const bool library = ChatLibrary::wanted();
+  CatchUpProgress progress(entries.size(), options.quiet);
+  std::vector<ChatRecord> records;
+  size_t read = 0, added = 0, notLoaded = 0;
+  bool failed = false;
+  std::string stopped;
+  const auto write = [&] {
+    if (records.empty())
+      return;
+    if (const auto count = ChatHistory::store(records))
+      added += *count;
+    else
+      failed = true;
+    records.clear();
+  };
+  for (const std::string &entry : entries) {
+    if (const int signal = StopSignals::requested()) {
+      stopped = signal == SIGINT ? "interrupted" : "asked to stop";
+      break;
+    }
+    progress.show(read, entry);
+    ++read;
+    const fs::path path = ArchiveFolder() / entry;
+    const auto identity = TranscriptJournal::identify(path);
+    const auto log = identity ? ICLPChatLog::initWithFilePath(path) : std::nullopt;
+    if (!log) {
+      ++notLoaded;
+      continue;
+    }
+    ChatRecord record = ChatRecord::of(*log, lists, identity->key(), path);
+    // The pages missing from the library; a chat's row that has none yet
+    // is given its page.
+    if (library) {
+      record.page = ChatLibrary::pagePath(record);
+      if (!fileExistsAtPath(ChatLibrary::folder() / *record.page))
+        ChatLibrary::writeChatPage(*log, record);
+    }
+    records.push_back(std::move(record));
+    if (records.size() >= kRecordsPerWrite)
+      write();
+    if (failed) {
+      stopped = "the history could not be written";
+      break;
+    }
+  }
+  write();
+  progress.clear();
+  if (failed && stopped.empty())
+    stopped = "the history could not be written";
+  if (const auto totals = ICLPLogGenerator::StoredTotals())
+    ICLPLogGenerator::RebuildStatisticsPage(*totals);
+  if (library)
+    ChatLibrary::rebuildIndexPages();
+
+  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  logLine(std::string(stopped.empty() ? "History rebuilt: " : "History rebuild stopped (" + stopped + "): ") +
+          thousands(read) + " transcripts read, " + thousands(added) + " added, " +
+          thousands(read - notLoaded - added) + " there already, " + thousands(notLoaded) + " did not load, " +
+          CatchUpProgress::clockText(elapsed) + " elapsed.");
+  if (!ChatHistory::wanted())
+    logLine("New chats go into the history once keepHistory is on: parlova-defaults write com.hollowmere.parlova "
+            "keepHistory -bool YES");
+  return stopped.empty() ? 0 : 1;
+}
+
+} // namespace parlova

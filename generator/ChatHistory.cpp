@@ -1,0 +1,363 @@
+#include "generator/ChatHistory.h"
+
+#include <ctime>
+
+#include "context/Settings.h"
+#include "foundation/Unicode.h"
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Chats are found by month and by person with the words summed: both
+// indexes cover their queries, so neither reads the table.
+constexpr const char *kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS chats (
+  key TEXT PRIMARY KEY,
+  transcript TEXT NOT NULL,
+  participants TEXT NOT NULL,
+  account TEXT NOT NULL,
+  display_name TEXT NOT NULL,
+  is_group INTEGER NOT NULL,
+  first_time REAL,
+  last_time REAL,
+  month INTEGER,
+  messages INTEGER NOT NULL,
+  user_words INTEGER NOT NULL,
+  other_words INTEGER NOT NULL,
+  user_curses INTEGER NOT NULL,
+  other_curses INTEGER NOT NULL,
+  user_netspeak INTEGER NOT NULL,
+  other_netspeak INTEGER NOT NULL,
+  links INTEGER NOT NULL,
+  pictures INTEGER NOT NULL,
+  first_line TEXT NOT NULL,
+  page TEXT
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS slots (
+  key TEXT NOT NULL,
+  weekday INTEGER NOT NULL,
+  hour INTEGER NOT NULL,
+  messages INTEGER NOT NULL,
+  PRIMARY KEY (key, weekday, hour)
+) WITHOUT ROWID;
+CREATE VIRTUAL TABLE IF NOT EXISTS texts USING fts5 (
+  text, key UNINDEXED, time UNINDEXED, account UNINDEXED, speaker UNINDEXED,
+  tokenize = 'unicode61 remove_diacritics 2'
+);
+CREATE INDEX IF NOT EXISTS chats_by_month ON chats (month, user_words, other_words);
+CREATE INDEX IF NOT EXISTS chats_by_account ON chats (account, user_words, other_words, last_time, display_name);
+)sql";
+
+std::tm localTime(double secondsSince1970) {
+  const auto seconds = static_cast<std::time_t>(secondsSince1970);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  return local;
+}
+
+void logFailure(const std::string &what, const SqliteError &error) {
+  logFormat("The chat history (%@) could not be %@: %@", ChatHistory::file().string(), what, error.message);
+}
+
+// A file SQLite cannot read as a database is kept for whoever wants to
+// look at it, and the history starts afresh.
+bool setAside() {
+  const fs::path damaged = ChatHistory::file().string() + ".damaged";
+  std::error_code error;
+  fs::rename(ChatHistory::file(), damaged, error);
+  for (const char *suffix : {"-journal", "-wal", "-shm"})
+    fs::remove(ChatHistory::file().string() + suffix, error);
+  if (fileExistsAtPath(ChatHistory::file())) {
+    logFormat("The chat history %@ is damaged and could not be set aside.", ChatHistory::file().string());
+    return false;
+  }
+  logFormat("The chat history %@ was damaged; it is kept as %@ and a new one begun.", ChatHistory::file().string(),
+            damaged.string());
+  return true;
+}
+
+} // namespace
+
+ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, std::string key,
+                          fs::path transcript) {
+  ChatRecord record;
+  record.key = std::move(key);
+  record.transcript = std::move(transcript).string();
+  const auto participants = log.participants();
+  record.group = participants.size() > 1;
+  record.displayName = log.primaryOtherParty();
+  record.account = participants.size() == 1 && !participants.front()->rawName().empty()
+                       ? participants.front()->rawName()
+                       : record.displayName;
+  for (const auto &participant : participants)
+    record.participants.push_back(participant->rawName());
+  for (const auto &message : log.messages()) {
+    if (message->isStatusMessage())
+      continue;
+    ++record.messages;
+    const auto time = message->TimeStamp();
+    record.texts.push_back({time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
+                            message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)"),
+                            message->SearchableText()});
+    if (time) {
+      const double seconds = time->timeIntervalSince1970();
+      if (!record.firstTime)
+        record.firstTime = seconds;
+      const std::tm local = localTime(seconds);
+      ++record.slots[static_cast<size_t>(local.tm_wday)][static_cast<size_t>(local.tm_hour)];
+    }
+  }
+  constexpr size_t kLongestFirstLine = 120;
+  for (const auto &text : record.texts)
+    if (!text.text.empty()) {
+      const std::u16string units = utf8ToUtf16(text.text);
+      record.firstLine = utf16ToUtf8(units.substr(0, kLongestFirstLine)) +
+                         (units.size() > kLongestFirstLine ? "\xE2\x80\xA6" : "");
+      break;
+    }
+  if (const auto last = log.LastMessageDate())
+    record.lastTime = last->timeIntervalSince1970();
+  const WordSet *curses = lists.curses ? &*lists.curses : nullptr;
+  const WordSet *netspeak = lists.netspeak ? &*lists.netspeak : nullptr;
+  const auto words = log.CountWordsInSets(curses, netspeak);
+  record.userWords = words.user.all;
+  record.otherWords = words.others.all;
+  record.userCurses = words.user.inFirst;
+  record.otherCurses = words.others.inFirst;
+  record.userNetspeak = words.user.inSecond;
+  record.otherNetspeak = words.others.inSecond;
+  for (const ImageRecord &item : log.GatheredImages())
+    record.pictures += static_cast<int64_t>(item.images.size());
+  for (const LinkRecord &item : log.GatheredURLs())
+    record.links += static_cast<int64_t>(item.urls.size());
+  return record;
+}
+
+fs::path ChatHistory::file() { return ICLPLogGenerator::parlovaFolder() / "history.sqlite"; }
+
+bool ChatHistory::wanted() {
+  Preferences &settings = appSettings();
+  return settings.boolValue("keepHistory") || settings.boolValue("keepChatPages");
+}
+
+std::optional<ChatHistory> ChatHistory::opened(bool create) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    auto database = SqliteDatabase::open(file());
+    if (auto *error = std::get_if<SqliteError>(&database)) {
+      if (error->damaged && attempt == 0 && setAside())
+        continue;
+      logFailure("opened", *error);
+      return std::nullopt;
+    }
+    auto &opened = std::get<SqliteDatabase>(database);
+    const auto failed = create ? opened.execute(kSchema) : opened.execute("SELECT count(*) FROM chats");
+    if (!failed)
+      return ChatHistory(std::move(opened));
+    if (failed->damaged && attempt == 0) {
+      if (setAside())
+        continue;
+    } else if (create) {
+      logFailure("opened", *failed);
+    }
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::optional<ChatHistory> ChatHistory::open() {
+  fs::create_directories(file().parent_path());
+  return opened(true);
+}
+
+std::optional<ChatHistory> ChatHistory::openExisting() {
+  if (!fileExistsAtPath(file()))
+    return std::nullopt;
+  return opened(false);
+}
+
+std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records) {
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    auto history = open();
+    if (!history)
+      return std::nullopt;
+    auto added = history->add(records);
+    if (const size_t *count = std::get_if<size_t>(&added))
+      return *count;
+    const SqliteError &error = std::get<SqliteError>(added);
+    if (!error.damaged || attempt > 0) {
+      logFailure("written", error);
+      return std::nullopt;
+    }
+    history.reset();
+    if (!setAside())
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::variant<size_t, SqliteError> ChatHistory::add(const std::vector<ChatRecord> &records) {
+  if (records.empty())
+    return size_t{0};
+  auto chat = database_.prepare(
+      "INSERT OR IGNORE INTO chats VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16, ?17, ?18, "
+      "?19, ?20)");
+  auto slot = database_.prepare("INSERT OR IGNORE INTO slots VALUES (?1, ?2, ?3, ?4)");
+  auto message = database_.prepare("INSERT INTO texts VALUES (?1, ?2, ?3, ?4, ?5)");
+  auto changes = database_.prepare("SELECT changes()");
+  // A chat kept before the library was asked for gets its page later.
+  auto paged = database_.prepare("UPDATE chats SET page = ?2 WHERE key = ?1 AND page IS NULL");
+  for (auto *failed : {std::get_if<SqliteError>(&chat), std::get_if<SqliteError>(&slot),
+                       std::get_if<SqliteError>(&message), std::get_if<SqliteError>(&changes),
+                       std::get_if<SqliteError>(&paged)})
+    if (failed)
+      return *failed;
+  auto &insertChat = std::get<SqliteStatement>(chat);
+  auto &insertSlot = std::get<SqliteStatement>(slot);
+  auto &insertMessage = std::get<SqliteStatement>(message);
+  auto &changed = std::get<SqliteStatement>(changes);
+  if (const auto failed = database_.execute("BEGIN IMMEDIATE"))
+    return *failed;
+  size_t added = 0;
+  std::optional<SqliteError> failed;
+  for (const ChatRecord &record : records) {
+    std::string participants;
+    for (const std::string &account : record.participants)
+      participants += account + "\n";
+    insertChat.bind(1, record.key).bind(2, record.transcript).bind(3, participants).bind(4, record.account);
+    insertChat.bind(5, record.displayName).bind(6, int64_t{record.group});
+    if (record.firstTime) {
+      const std::tm local = localTime(*record.firstTime);
+      insertChat.bind(7, *record.firstTime).bind(9, int64_t{local.tm_year + 1900} * 12 + local.tm_mon);
+    }
+    if (record.lastTime)
+      insertChat.bind(8, *record.lastTime);
+    const int64_t counts[] = {record.messages,      record.userWords,    record.otherWords,
+                              record.userCurses,    record.otherCurses,  record.userNetspeak,
+                              record.otherNetspeak, record.links,        record.pictures};
+    for (int i = 0; i < 9; ++i)
+      insertChat.bind(10 + i, counts[i]);
+    insertChat.bind(19, record.firstLine);
+    if (record.page)
+      insertChat.bind(20, *record.page);
+    if ((failed = insertChat.run()))
+      break;
+    const auto step = changed.step();
+    const bool isNew = std::holds_alternative<bool>(step) && changed.integer(0) > 0;
+    changed.reset();
+    if (!isNew) {
+      if (record.page && (failed = std::get<SqliteStatement>(paged).bind(1, record.key).bind(2, *record.page).run()))
+        break;
+      continue;
+    }
+    ++added;
+    for (int day = 0; day < 7 && !failed; ++day)
+      for (int hour = 0; hour < 24 && !failed; ++hour)
+        if (const int64_t messages = record.slots[day][hour]; messages > 0)
+          failed = insertSlot.bind(1, record.key).bind(2, int64_t{day}).bind(3, int64_t{hour}).bind(4, messages).run();
+    // A chat's messages follow each other in the index, so the ones around
+    // a hit are its neighbours by row.
+    for (size_t i = 0; i < record.texts.size() && !failed; ++i) {
+      const ChatRecord::Message &text = record.texts[i];
+      insertMessage.bind(1, text.text).bind(2, record.key);
+      if (text.time)
+        insertMessage.bind(3, *text.time);
+      failed = insertMessage.bind(4, text.account).bind(5, text.speaker).run();
+    }
+    if (failed)
+      break;
+  }
+  if (!failed)
+    failed = database_.execute("COMMIT");
+  if (failed) {
+    database_.execute("ROLLBACK");
+    return *failed;
+  }
+  return added;
+}
+
+std::optional<std::vector<LibraryChat>> ChatHistory::library() {
+  auto prepared = database_.prepare("SELECT account, display_name, first_time, last_time, messages, "
+                                    "user_words + other_words, first_line, page FROM chats WHERE page IS NOT NULL "
+                                    "ORDER BY account, first_time");
+  if (auto *error = std::get_if<SqliteError>(&prepared)) {
+    logFailure("read", *error);
+    return std::nullopt;
+  }
+  auto &statement = std::get<SqliteStatement>(prepared);
+  std::vector<LibraryChat> chats;
+  while (true) {
+    const auto step = statement.step();
+    if (auto *error = std::get_if<SqliteError>(&step)) {
+      logFailure("read", *error);
+      return std::nullopt;
+    }
+    if (!std::get<bool>(step))
+      return chats;
+    LibraryChat chat{statement.text(0), statement.text(1), std::nullopt, std::nullopt, statement.integer(4),
+                     statement.integer(5), statement.text(6), statement.text(7)};
+    if (!statement.isNull(2))
+      chat.firstTime = statement.real(2);
+    if (!statement.isNull(3))
+      chat.lastTime = statement.real(3);
+    chats.push_back(std::move(chat));
+  }
+}
+
+std::optional<HistorySummary> ChatHistory::summary() {
+  HistorySummary summary;
+  const auto query = [&](std::string_view sql, auto &&row) -> bool {
+    auto prepared = database_.prepare(sql);
+    if (auto *error = std::get_if<SqliteError>(&prepared)) {
+      logFailure("read", *error);
+      return false;
+    }
+    auto &statement = std::get<SqliteStatement>(prepared);
+    while (true) {
+      const auto step = statement.step();
+      if (auto *error = std::get_if<SqliteError>(&step)) {
+        logFailure("read", *error);
+        return false;
+      }
+      if (!std::get<bool>(step))
+        return true;
+      row(statement);
+    }
+  };
+  const bool read =
+      query("SELECT count(*), min(first_time), max(last_time) FROM chats",
+            [&](SqliteStatement &row) {
+              summary.chats = row.integer(0);
+              if (!row.isNull(1))
+                summary.firstTime = row.real(1);
+              if (!row.isNull(2))
+                summary.lastTime = row.real(2);
+            }) &&
+      query("SELECT month, count(*), sum(user_words + other_words) FROM chats WHERE month IS NOT NULL "
+            "GROUP BY month ORDER BY month",
+            [&](SqliteStatement &row) {
+              const int64_t month = row.integer(0);
+              summary.months.push_back({static_cast<int>(month / 12), static_cast<int>(month % 12) + 1,
+                                        row.integer(1), row.integer(2)});
+            }) &&
+      // The name shown is the one of the latest chat (SQLite takes the
+      // other columns from the row that gave the max()).
+      query("SELECT display_name, max(last_time), sum(user_words), sum(other_words) FROM chats "
+            "GROUP BY account ORDER BY sum(user_words) + sum(other_words) DESC, account LIMIT 15",
+            [&](SqliteStatement &row) { summary.people.push_back({row.text(0), row.integer(2), row.integer(3)}); }) &&
+      query("SELECT weekday, hour, sum(messages) FROM slots GROUP BY weekday, hour", [&](SqliteStatement &row) {
+        const int64_t day = row.integer(0), hour = row.integer(1);
+        if (day >= 0 && day < 7 && hour >= 0 && hour < 24)
+          summary.slots[static_cast<size_t>(day)][static_cast<size_t>(hour)] = row.integer(2);
+      });
+  if (!read)
+    return std::nullopt;
+  return summary;
+}
+
+} // namespace parlova

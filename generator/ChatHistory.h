@@ -1,0 +1,127 @@
+// The history of every processed chat, one row each, in an SQLite database
+// beside the archives (history.sqlite). The totals file knows how much was
+// said in all; the history knows when, and with whom, which is what the
+// charts of the statistics page are drawn from.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "generator/ICLPLogGenerator.h"
+#include "platform/SqliteDatabase.h"
+
+namespace parlova {
+
+class ICLPChatLog;
+
+// One processed chat, counted as the totals count it.
+struct ChatRecord {
+  std::string key; // the transcript's size and digest: the same bytes, the same key
+  std::string transcript; // where it is kept: its path in the processed folder
+  std::string account;
+  std::string displayName;
+  bool group = false;
+  std::optional<double> firstTime; // seconds since 1970
+  std::optional<double> lastTime;
+  int64_t messages = 0;
+  int64_t userWords = 0;
+  int64_t otherWords = 0;
+  int64_t userCurses = 0;
+  int64_t otherCurses = 0;
+  int64_t userNetspeak = 0;
+  int64_t otherNetspeak = 0;
+  int64_t links = 0;
+  int64_t pictures = 0;
+  // Messages by weekday (0 is Sunday) and hour, in the machine's time zone.
+  std::array<std::array<int64_t, 24>, 7> slots{};
+  // The other participants' accounts.
+  std::vector<std::string> participants;
+  // Every message as the search index keeps it.
+  struct Message {
+    std::optional<double> time;
+    std::string account;
+    std::string speaker;
+    std::string text;
+  };
+  std::vector<Message> texts;
+  // The first message's text, shortened, for the library's lists.
+  std::string firstLine;
+  // Its page in the chat library, relative to the library's folder.
+  std::optional<std::string> page;
+
+  static ChatRecord of(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, std::string key,
+                       std::filesystem::path transcript);
+};
+
+// What the charts show, each from one grouped query.
+struct HistorySummary {
+  struct Month {
+    int year = 0;
+    int month = 0; // 1 to 12
+    int64_t chats = 0;
+    int64_t words = 0;
+  };
+  struct Person {
+    std::string name;
+    int64_t userWords = 0;
+    int64_t otherWords = 0;
+  };
+  int64_t chats = 0;
+  std::optional<double> firstTime;
+  std::optional<double> lastTime;
+  std::vector<Month> months; // those with chats, oldest first
+  std::vector<Person> people; // most words first, at most 15
+  std::array<std::array<int64_t, 24>, 7> slots{};
+};
+
+// A chat of the library, as its lists show it.
+struct LibraryChat {
+  std::string account;
+  std::string displayName;
+  std::optional<double> firstTime;
+  std::optional<double> lastTime;
+  int64_t messages = 0;
+  int64_t words = 0;
+  std::string firstLine;
+  std::string page;
+};
+
+class ChatHistory {
+public:
+  // ~/Library/Parlova/history.sqlite.
+  static std::filesystem::path file();
+  // Whether the user asked for the history to be kept (keepHistory, or
+  // keepChatPages, whose lists are drawn from it).
+  static bool wanted();
+
+  // The history, made when missing. A file that is not a sound database
+  // is set aside as history.sqlite.damaged (logged) and a new one begun;
+  // nothing when even that fails (logged).
+  static std::optional<ChatHistory> open();
+  // The history as it is, for reading: nothing when there is none.
+  static std::optional<ChatHistory> openExisting();
+
+  // Adds the chats not there yet, all or none, and answers how many were
+  // new; nothing when they could not be written (logged). The history is
+  // opened for it (made, or set aside when damaged, as open() does; a
+  // database found damaged while writing is set aside too, and the chats
+  // go into a new one).
+  static std::optional<size_t> store(const std::vector<ChatRecord> &records);
+  // Nothing when it cannot be read (logged).
+  std::optional<HistorySummary> summary();
+  // The chats that have a page in the library, by person and time.
+  std::optional<std::vector<LibraryChat>> library();
+
+private:
+  explicit ChatHistory(SqliteDatabase database) : database_(std::move(database)) {}
+  static std::optional<ChatHistory> opened(bool create);
+  std::variant<size_t, SqliteError> add(const std::vector<ChatRecord> &records);
+  SqliteDatabase database_;
+};
+
+} // namespace parlova

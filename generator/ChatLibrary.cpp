@@ -1,0 +1,196 @@
+#include "generator/ChatLibrary.h"
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <vector>
+
+#include "context/Settings.h"
+#include "generator/ChatHistory.h"
+#include "generator/ICLPLogGenerator.h"
+#include "generator/PageText.h"
+#include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
+#include "platform/Log.h"
+#include "platform/SafeFileName.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Names in the library's folders that a person or a chat must not take.
+constexpr std::array<std::string_view, 1> kLibraryOwnNames = {"index.html"};
+
+std::string localTime(std::optional<double> seconds, const char *format) {
+  if (!seconds)
+    return {};
+  const auto time = static_cast<std::time_t>(*seconds);
+  std::tm local{};
+  localtime_r(&time, &local);
+  char text[64];
+  std::strftime(text, sizeof text, format, &local);
+  return text;
+}
+
+// A path for an href: every byte but the unreserved ones and "/" as %XX
+// of its UTF-8.
+std::string hrefOf(std::string_view path) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string href;
+  for (const char c : path) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
+      href += c;
+    } else {
+      href += '%';
+      href += kHex[byte >> 4];
+      href += kHex[byte & 0xF];
+    }
+  }
+  return href;
+}
+
+std::string personFolder(const std::string &account) { return safeFileStem(account, "", kLibraryOwnNames); }
+
+std::string filled(std::string page, const std::string &title, const std::string &heading, const std::string &nav,
+                   const std::string &contents) {
+  replaceOccurrences(page, "____TITLE", title);
+  replaceOccurrences(page, "____HEADING", heading);
+  replaceOccurrences(page, "____NAV", nav);
+  // Last: the rest was typed by others and may hold a placeholder.
+  replaceOccurrences(page, "____CONTENTS", contents);
+  return page;
+}
+
+std::string thousands(int64_t value) {
+  std::string digits = std::to_string(value);
+  for (size_t at = digits.size(); at > 3; at -= 3)
+    digits.insert(at - 3, ",");
+  return digits;
+}
+
+// The mail's HTML, its body only, with each attached file's label made a
+// link to the file's stored copy where the image folder holds one.
+std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
+  const std::vector<uint8_t> bytes = log.HTMLChatLog();
+  std::string html(bytes.begin(), bytes.end());
+  const size_t open = html.find("<body>");
+  const size_t close = html.rfind("</body>");
+  if (open != std::string::npos && close != std::string::npos && close > open)
+    html = html.substr(open + 6, close - open - 6);
+  const fs::path images = ICLPLogGenerator::parlovaFolder() / "Images";
+  size_t from = 0;
+  for (const ImageRecord &item : log.GatheredImages())
+    for (const auto &attachment : item.images) {
+      const auto &name = attachment->preferredFilename();
+      const std::string label = name && !name->empty() ? "[" + escaping.text(*name) + "]" : "[attached item]";
+      const size_t at = html.find(label, from);
+      if (at == std::string::npos)
+        continue;
+      const std::string stored = ICLPLogGenerator::StoredImageName(*attachment, item.speaker, item.time);
+      if (!fileExistsAtPath(images / stored)) {
+        from = at + label.size();
+        continue;
+      }
+      const std::string link = "<a href=\"../../Images/" + hrefOf(stored) + "\">" + label + "</a>";
+      html.replace(at, label.size(), link);
+      from = at + link.size();
+    }
+  return html;
+}
+
+} // namespace
+
+bool ChatLibrary::wanted() { return appSettings().boolValue("keepChatPages"); }
+
+fs::path ChatLibrary::folder() { return ICLPLogGenerator::parlovaFolder() / "Chats"; }
+
+std::string ChatLibrary::pagePath(const ChatRecord &record) {
+  const std::string when = record.firstTime ? localTime(record.firstTime, "%Y-%m-%d at %H.%M.%S") : record.key;
+  return personFolder(record.account) + "/" + safeFileStem(when, ".html", kLibraryOwnNames) + ".html";
+}
+
+bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record) {
+  const auto pageTemplate = readTemplate(ICLPLogGenerator::parlovaFolder() / "chattemplate.html");
+  if (!pageTemplate)
+    return false;
+  const PageEscaping escaping = PageEscaping::fromSettings();
+  const std::string name = escaping.text(record.displayName);
+  const std::string when = localTime(record.firstTime, "%Y-%m-%d %H:%M");
+  const std::string nav = "<a href=\"../index.html\">All people</a> &middot; <a href=\"index.html\">All chats with " +
+                          name + "</a>" + (when.empty() ? "" : " &middot; " + when);
+  const fs::path page = folder() / pagePath(record);
+  std::error_code error;
+  fs::create_directories(page.parent_path(), error);
+  return writePage(page, filled(*pageTemplate, name + (when.empty() ? "" : ", " + when), "Chat with " + name, nav,
+                                chatBody(log, escaping)));
+}
+
+void ChatLibrary::rebuildIndexPages() {
+  const auto pageTemplate = readTemplate(ICLPLogGenerator::parlovaFolder() / "chattemplate.html");
+  auto history = ChatHistory::openExisting();
+  const auto chats = history ? history->library() : std::nullopt;
+  if (!pageTemplate || !chats)
+    return;
+  const PageEscaping escaping = PageEscaping::fromSettings();
+  struct Person {
+    std::string name;
+    std::optional<double> last;
+    int64_t chats = 0;
+    int64_t words = 0;
+    std::string rows;
+    std::string year;
+  };
+  // By account, each person's chats oldest first, as the query gives them.
+  std::map<std::string, Person> people;
+  for (const LibraryChat &chat : *chats) {
+    Person &person = people[chat.account];
+    person.name = chat.displayName;
+    person.last = chat.lastTime ? chat.lastTime : person.last;
+    ++person.chats;
+    person.words += chat.words;
+    const std::string year = localTime(chat.firstTime, "%Y");
+    if (year != person.year || person.rows.empty()) {
+      if (!person.rows.empty())
+        person.rows += "</table>\n";
+      person.rows += "<h3>" + (year.empty() ? std::string("Undated") : year) +
+                     "</h3>\n<table><tr><th>Date</th><th>Messages</th><th>First line</th></tr>\n";
+      person.year = year;
+    }
+    const std::string page = chat.page.substr(chat.page.find('/') + 1);
+    person.rows += "<tr><td><a href=\"" + hrefOf(page) + "\">" +
+                   (chat.firstTime ? localTime(chat.firstTime, "%Y-%m-%d %H:%M") : std::string("undated")) +
+                   "</a></td><td class=\"n\">" + thousands(chat.messages) + "</td><td class=\"first\">" +
+                   escaping.text(chat.firstLine) + "</td></tr>\n";
+  }
+  std::vector<std::pair<std::string, const Person *>> byLast;
+  for (auto &[account, person] : people) {
+    person.rows += "</table>";
+    const std::string name = escaping.text(person.name);
+    const fs::path page = folder() / personFolder(account) / "index.html";
+    std::error_code error;
+    fs::create_directories(page.parent_path(), error);
+    writePage(page, filled(*pageTemplate, name, "Chats with " + name,
+                           "<a href=\"../index.html\">All people</a> &middot; " + thousands(person.chats) +
+                               (person.chats == 1 ? " chat" : " chats"),
+                           person.rows));
+    byLast.emplace_back(account, &person);
+  }
+  std::stable_sort(byLast.begin(), byLast.end(),
+                   [](const auto &a, const auto &b) { return a.second->last.value_or(0) > b.second->last.value_or(0); });
+  std::string rows = "<table><tr><th>Person</th><th>Last chat</th><th>Chats</th><th>Words</th></tr>\n";
+  for (const auto &[account, person] : byLast)
+    rows += "<tr><td><a href=\"" + hrefOf(personFolder(account)) + "/index.html\">" + escaping.text(person->name) +
+            "</a></td><td>" + localTime(person->last, "%Y-%m-%d") + "</td><td class=\"n\">" +
+            thousands(person->chats) + "</td><td class=\"n\">" + thousands(person->words) + "</td></tr>\n";
+  rows += "</table>";
+  writePage(folder() / "index.html",
+            filled(*pageTemplate, "All people", "Chats", thousands(static_cast<int64_t>(chats->size())) + " chats with " +
+                                                             thousands(static_cast<int64_t>(people.size())) + " people",
+                   rows));
+}
+
+} // namespace parlova

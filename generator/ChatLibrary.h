@@ -1,0 +1,35 @@
+// The chat library (keepChatPages): every processed chat as a page of its
+// own under ~/Library/Parlova/Chats, one folder per person, with a page
+// listing each person's chats by year and an index of the people, all made
+// from chattemplate.html.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace parlova {
+
+class ICLPChatLog;
+struct ChatRecord;
+
+class ChatLibrary {
+public:
+  // Whether the user asked for the library (keepChatPages).
+  static bool wanted();
+  // ~/Library/Parlova/Chats.
+  static std::filesystem::path folder();
+  // Where the chat's page goes, relative to folder(): the person's folder
+  // (named as the picture archive names files) and the chat's start,
+  // "alice1979/2005-12-30 at 10.00.12.html".
+  static std::string pagePath(const ChatRecord &record);
+
+  // Writes the chat's page: the HTML the mail carries, its attached files
+  // pointing at their stored copies where the image archive has them.
+  // False when there is no template or the page could not be written.
+  static bool writeChatPage(const ICLPChatLog &log, const ChatRecord &record);
+  // The people's index and each person's list of chats, from the history.
+  static void rebuildIndexPages();
+};
+
+} // namespace parlova

@@ -1,0 +1,133 @@
+#include "platform/SqliteDatabase.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace parlova {
+
+SqliteError sqliteError(sqlite3 *database, int code) {
+  const int primary = code & 0xFF;
+  const char *message = database ? sqlite3_errmsg(database) : sqlite3_errstr(code);
+  std::string text = message ? message : sqlite3_errstr(code);
+  // "disk I/O error" or "database or disk is full" say less than the
+  // system's own reason.
+  int system = database ? sqlite3_system_errno(database) : 0;
+  if (system == 0 && primary == SQLITE_FULL)
+    system = ENOSPC;
+  if (system != 0)
+    text += std::string(" (") + std::strerror(system) + ")";
+  return {text, primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB};
+}
+
+void SqliteStatement::Finalizer::operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+
+void SqliteDatabase::Closer::operator()(sqlite3 *database) const { sqlite3_close_v2(database); }
+
+SqliteStatement &SqliteStatement::bind(int index, int64_t value) {
+  sqlite3_bind_int64(statement_.get(), index, value);
+  return *this;
+}
+
+SqliteStatement &SqliteStatement::bind(int index, double value) {
+  sqlite3_bind_double(statement_.get(), index, value);
+  return *this;
+}
+
+SqliteStatement &SqliteStatement::bind(int index, std::string_view text) {
+  sqlite3_bind_text64(statement_.get(), index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+  return *this;
+}
+
+SqliteStatement &SqliteStatement::bindNull(int index) {
+  sqlite3_bind_null(statement_.get(), index);
+  return *this;
+}
+
+std::variant<bool, SqliteError> SqliteStatement::step() {
+  const int code = sqlite3_step(statement_.get());
+  if (code == SQLITE_ROW)
+    return true;
+  if (code == SQLITE_DONE)
+    return false;
+  SqliteError error = sqliteError(database_, code);
+  sqlite3_reset(statement_.get());
+  return error;
+}
+
+std::optional<SqliteError> SqliteStatement::run() {
+  while (true) {
+    auto stepped = step();
+    if (auto *error = std::get_if<SqliteError>(&stepped))
+      return *error;
+    if (!std::get<bool>(stepped)) {
+      reset();
+      return std::nullopt;
+    }
+  }
+}
+
+void SqliteStatement::reset() {
+  sqlite3_reset(statement_.get());
+  sqlite3_clear_bindings(statement_.get());
+}
+
+int64_t SqliteStatement::integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+
+double SqliteStatement::real(int column) const { return sqlite3_column_double(statement_.get(), column); }
+
+std::string SqliteStatement::text(int column) const {
+  const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(statement_.get(), column));
+  return bytes ? std::string(bytes, static_cast<size_t>(sqlite3_column_bytes(statement_.get(), column))) : "";
+}
+
+bool SqliteStatement::isNull(int column) const { return sqlite3_column_type(statement_.get(), column) == SQLITE_NULL; }
+
+std::variant<SqliteDatabase, SqliteError> SqliteDatabase::open(const std::filesystem::path &file, unsigned mode) {
+  // SQLite makes a new file with the process's umask; the mode is set by
+  // making it first.
+  if (const int made = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode); made >= 0)
+    close(made);
+  sqlite3 *handle = nullptr;
+  const int code = sqlite3_open_v2(file.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  SqliteDatabase database(handle);
+  if (code != SQLITE_OK)
+    return sqliteError(handle, code);
+  sqlite3_extended_result_codes(handle, 1);
+  // Another run may hold the file a moment (a catch-up's commit).
+  sqlite3_busy_timeout(handle, 10000);
+  return database;
+}
+
+std::variant<SqliteDatabase, SqliteError> SqliteDatabase::openForReading(const std::filesystem::path &file) {
+  sqlite3 *handle = nullptr;
+  const int code = sqlite3_open_v2(file.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr);
+  SqliteDatabase database(handle);
+  if (code != SQLITE_OK)
+    return sqliteError(handle, code);
+  sqlite3_extended_result_codes(handle, 1);
+  sqlite3_busy_timeout(handle, 10000);
+  return database;
+}
+
+std::variant<SqliteStatement, SqliteError> SqliteDatabase::prepare(std::string_view sql) {
+  sqlite3_stmt *statement = nullptr;
+  const int code = sqlite3_prepare_v2(database_.get(), sql.data(), static_cast<int>(sql.size()), &statement, nullptr);
+  if (code != SQLITE_OK) {
+    sqlite3_finalize(statement);
+    return sqliteError(database_.get(), code);
+  }
+  return SqliteStatement(database_.get(), statement);
+}
+
+std::optional<SqliteError> SqliteDatabase::execute(const std::string &sql) {
+  const int code = sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr);
+  if (code != SQLITE_OK)
+    return sqliteError(database_.get(), code);
+  return std::nullopt;
+}
+
+} // namespace parlova

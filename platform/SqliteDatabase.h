@@ -1,0 +1,81 @@
+// An SQLite database file and its prepared statements, closed and
+// finalised when they go. Failures are values: what SQLite said, and
+// whether it said that the file is not a sound database.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace parlova {
+
+struct SqliteError {
+  std::string message;
+  bool damaged = false; // the file is not a database, or a damaged one
+};
+
+class SqliteStatement {
+public:
+  SqliteStatement(SqliteStatement &&) noexcept = default;
+  SqliteStatement &operator=(SqliteStatement &&) noexcept = default;
+
+  // Parameters count from 1, as in SQL's "?1".
+  SqliteStatement &bind(int index, int64_t value);
+  SqliteStatement &bind(int index, double value);
+  SqliteStatement &bind(int index, std::string_view text);
+  SqliteStatement &bindNull(int index);
+
+  // true: a row is there to read; false: done. Or why it failed.
+  std::variant<bool, SqliteError> step();
+  // Steps to the end, for statements that return no rows.
+  std::optional<SqliteError> run();
+  void reset();
+
+  int64_t integer(int column) const;
+  double real(int column) const;
+  std::string text(int column) const;
+  bool isNull(int column) const;
+
+private:
+  friend class SqliteDatabase;
+  struct Finalizer {
+    void operator()(sqlite3_stmt *statement) const;
+  };
+  SqliteStatement(sqlite3 *database, sqlite3_stmt *statement) : database_(database), statement_(statement) {}
+  sqlite3 *database_;
+  std::unique_ptr<sqlite3_stmt, Finalizer> statement_;
+};
+
+class SqliteDatabase {
+public:
+  // Opens the file, made when missing (with `mode`), or says why not.
+  static std::variant<SqliteDatabase, SqliteError> open(const std::filesystem::path &file, unsigned mode = 0600);
+  // Opens an existing file for reading only.
+  static std::variant<SqliteDatabase, SqliteError> openForReading(const std::filesystem::path &file);
+
+  SqliteDatabase(SqliteDatabase &&) noexcept = default;
+  SqliteDatabase &operator=(SqliteDatabase &&) noexcept = default;
+
+  std::variant<SqliteStatement, SqliteError> prepare(std::string_view sql);
+  // One or more statements that return nothing.
+  std::optional<SqliteError> execute(const std::string &sql);
+
+private:
+  struct Closer {
+    void operator()(sqlite3 *database) const;
+  };
+  explicit SqliteDatabase(sqlite3 *database) : database_(database) {}
+  std::unique_ptr<sqlite3, Closer> database_;
+};
+
+// What SQLite said, for a result code and the database it came from.
+SqliteError sqliteError(sqlite3 *database, int code);
+
+} // namespace parlova

@@ -1,0 +1,140 @@
+// parlova-search over the message index the runs keep: planted messages
+// found with their chat and nothing else, a count against the texts the
+// backlog generator wrote, and every way a query or an option can be wrong.
+// Its JSON is read back with Python's json module.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iterator>
+#include <sstream>
+
+#include "tests/fixtures/Backlog.h"
+#include "tests/support/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixtures;
+
+const Account kMe{"AIM", "parlovauser"};
+
+class Search : public ::testing::Test {
+protected:
+  void SetUp() override {
+    installShippedFiles(home_);
+    home_.setSetting("keepHistory", "-bool", "YES");
+  }
+  // "account|time|text" of each hit, as Python's json module reads the
+  // JSON lines; the exit status last.
+  std::string found(const std::vector<std::string> &arguments) const {
+    std::vector<std::string> withJson = {"--json"};
+    withJson.insert(withJson.end(), arguments.begin(), arguments.end());
+    const auto result = home_.run("parlova-search", withJson, {{"TZ", "UTC"}});
+    const fs::path output = home_.path() / "hits.json";
+    writeText(output, result.out);
+    return pythonReading("import json, sys\n"
+                         "for line in open(sys.argv[1], encoding='utf-8'):\n"
+                         "    hit = json.loads(line)\n"
+                         "    assert sorted(hit) == ['account', 'page', 'snippet', 'speaker', 'text', 'time',\n"
+                         "                           'transcript', 'with'] and hit['page'] is None\n"
+                         "    print(hit['account'], hit['time'], hit['text'], sep='|')\n",
+                         output) +
+           (result.out.empty() ? "" : "\n") + "exit " + std::to_string(result.exitCode);
+  }
+  ScratchHome home_;
+};
+
+TEST_F(Search, PlantedMessagesAreFoundWithTheirChatAndNothingElse) {
+  const Account alice{"AIM", "alice1979"}, bob{"AIM", "bobbytables"};
+  TranscriptSpec keyed;
+  keyed.others = {alice};
+  keyed.messages = {says(alice, 157629600, "my frequent flyer number is 4242-1717"),   // 2005-12-30 10:00
+                    says(kMe, 157629660, "Jos\xC3\xA9 says the quick brown fox jumps"),
+                    says(alice, 157629720, "antidisestablishmentarianism and pancakes"),
+                    withLink(kMe, 157629780, "http://example.com/recipe")};
+  home_.addTranscript("Alice on 2005-12-30 at 10.00.ichat", keyed);
+  TranscriptSpec typed;
+  typed.others = {bob};
+  typed.messages = {says(bob, 100000000, "pancakes for breakfast?"), // 2004-03-03 09:46
+                    says(kMe, 100000060, "sure")};
+  writeFile(home_.chats() / "Bob on 2004-03-03 at 00.53.chat", typedStreamTranscript(typed));
+  ASSERT_EQ(home_.run("parlova", {"--catch-up", "--quiet"}).exitCode, 0);
+
+  EXPECT_EQ(found({"4242"}), "alice1979|2005-12-30T10:00:00+00:00|my frequent flyer number is 4242-1717\nexit 0");
+  EXPECT_EQ(found({"jose"}), "parlovauser|2005-12-30T10:01:00+00:00|Jos\xC3\xA9 says the quick brown fox jumps\nexit 0");
+  EXPECT_EQ(found({"\"brown fox\""}).substr(0, 12), "parlovauser|");
+  EXPECT_EQ(found({"\"fox brown\""}), "exit 1");
+  EXPECT_EQ(found({"antidis*"}).substr(0, 10), "alice1979|");
+  EXPECT_EQ(found({"http://example.com/recipe"}).substr(0, 12), "parlovauser|");
+  EXPECT_EQ(found({"pancakes", "--sort", "date"}),
+            "bobbytables|2004-03-03T09:46:40+00:00|pancakes for breakfast?\n"
+            "alice1979|2005-12-30T10:02:00+00:00|antidisestablishmentarianism and pancakes\nexit 0");
+  EXPECT_EQ(found({"pancakes", "--with", "BOBBYTABLES"}).substr(0, 12), "bobbytables|");
+  EXPECT_EQ(found({"pancakes", "--with", "alice"}).substr(0, 10), "alice1979|");
+  EXPECT_EQ(found({"pancakes", "--since", "2005-12-30"}).substr(0, 10), "alice1979|");
+  EXPECT_EQ(found({"pancakes", "--until", "2005-12-29"}).substr(0, 12), "bobbytables|");
+  EXPECT_EQ(found({"pancakes", "--until", "2004-03-02"}), "exit 1");
+  const std::string all = found({"pancakes", "OR", "4242"}), first = found({"pancakes", "OR", "4242", "--limit", "1"});
+  EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 3) << all;
+  EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 1) << first;
+
+  // For people: the chat, its transcript, the hit among its neighbours.
+  const auto shown = home_.run("parlova-search", {"--context", "1", "flyer"}, {{"TZ", "UTC"}});
+  EXPECT_EQ(shown.out, "2005-12-30 10:00  Alice\n  " + (home_.archive() / "Alice on 2005-12-30 at 10.00.ichat").string() +
+                           "\n  > 10:00  alice1979: my frequent flyer number is 4242-1717\n"
+                           "    10:01  parlovauser: Jos\xC3\xA9 says the quick brown fox jumps\n")
+      << shown.err;
+
+  // Rebuilt after the history was lost, and again: the same hits, once.
+  const std::string before = found({"pancakes"});
+  fs::remove(home_.path() / "Library" / "Parlova" / "history.sqlite");
+  home_.run("parlova", {"--rebuild-history", "--quiet"});
+  home_.run("parlova", {"--rebuild-history", "--quiet"});
+  EXPECT_EQ(found({"pancakes"}), before);
+}
+
+// Every message that holds the word, as the generator wrote it, is one hit.
+TEST_F(Search, EachMessageHoldingTheWordIsOneHit) {
+  std::vector<std::string> texts;
+  writeBacklog(home_.chats(), {.transcripts = 60, .seed = 9, .people = 10, .longestChat = 30, .texts = &texts});
+  ASSERT_EQ(home_.run("parlova", {"--catch-up", "--quiet"}).exitCode, 0);
+  for (const std::string word : {"movie", "tonight"}) {
+    const size_t holding = static_cast<size_t>(std::count_if(texts.begin(), texts.end(), [&](const std::string &text) {
+      std::istringstream words(text);
+      return std::any_of(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>(),
+                         [&](const std::string &each) { return each == word; });
+    }));
+    ASSERT_GT(holding, 0u);
+    const auto result = home_.run("parlova-search", {"--json", "--limit", "0", word});
+    EXPECT_EQ(static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')), holding) << word;
+  }
+}
+
+TEST_F(Search, BadQueriesAndOptionsSayWhatIsWrongInOneLine) {
+  const std::vector<std::vector<std::string>> wrong = {
+      {"--json"}, {"\"unclosed"}, {"OR"}, {"AND", "pancakes"}, {"pancakes", "NOT"},
+      {"--since", "2005-13-01", "x"}, {"--until", "yesterday", "x"}, {"--limit", "many", "x"},
+      {"--sort", "best", "x"}, {"--context"}, {"--colour", "x"}};
+  const auto noIndex = home_.run("parlova-search", {"pancakes"});
+  EXPECT_EQ(noIndex.exitCode, 2);
+  EXPECT_NE(noIndex.err.find("make it with: parlova --rebuild-history"), std::string::npos) << noIndex.err;
+  home_.addTranscript("Carol on 2006-01-01 at 10.00.ichat", simpleChat("carol"));
+  ASSERT_EQ(home_.run("parlova").exitCode, 0);
+  for (const auto &arguments : wrong) {
+    const auto result = home_.run("parlova-search", arguments);
+    std::string said;
+    for (const auto &argument : arguments)
+      said += argument + " ";
+    EXPECT_EQ(result.exitCode, 2) << said;
+    EXPECT_EQ(result.out, "") << said;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << said << result.err;
+    EXPECT_EQ(result.err.rfind("parlova-search: ", 0), 0u) << said << result.err;
+    for (const char *sqlite : {"fts5", "SQL", "sqlite", "no such"})
+      EXPECT_EQ(result.err.find(sqlite), std::string::npos) << said << result.err;
+  }
+  EXPECT_EQ(home_.run("parlova-search", {"nowhere"}).exitCode, 1);
+}
+
+} // namespace
+} // namespace parlova::testing

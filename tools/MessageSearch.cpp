@@ -1,0 +1,219 @@
+#include "tools/MessageSearch.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace parlova {
+
+namespace {
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+// What FTS5 takes as a bare word: ASCII letters and digits, "_", and every
+// byte of a character beyond ASCII.
+bool isBareWord(std::string_view word) {
+  if (word.empty())
+    return false;
+  for (const char c : word) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (!(std::isalnum(byte) || c == '_' || byte >= 0x80))
+      return false;
+  }
+  return true;
+}
+
+std::string quoted(std::string_view word) {
+  std::string text = "\"";
+  for (const char c : word) {
+    text += c;
+    if (c == '"')
+      text += '"';
+  }
+  return text + "\"";
+}
+
+// FTS5's complaint in the user's words.
+SearchFailure badQuery(const std::string &sqlite) {
+  if (sqlite.find("unterminated string") != std::string::npos)
+    return {SearchFailure::Kind::BadQuery, "a quote in the query is not closed"};
+  const size_t near = sqlite.find("syntax error near ");
+  if (near != std::string::npos) {
+    const std::string at = sqlite.substr(near + 18);
+    return {SearchFailure::Kind::BadQuery,
+            (at == "\"\"" ? std::string("the query ends too soon") : "the query does not read at " + at) +
+                " (AND, OR and NOT need words on both sides, and every parenthesis its partner)"};
+  }
+  return {SearchFailure::Kind::BadQuery, "the query cannot be read"};
+}
+
+SearchHit::Message messageOf(const SqliteStatement &row, int first) {
+  SearchHit::Message message;
+  if (!row.isNull(first))
+    message.time = row.real(first);
+  message.account = row.text(first + 1);
+  message.speaker = row.text(first + 2);
+  message.text = row.text(first + 3);
+  return message;
+}
+
+std::vector<std::string> lines(const std::string &text) {
+  std::vector<std::string> found;
+  for (size_t start = 0; start < text.size();) {
+    const size_t end = text.find('\n', start);
+    found.push_back(text.substr(start, end - start));
+    start = end == std::string::npos ? text.size() : end + 1;
+  }
+  return found;
+}
+
+} // namespace
+
+std::string ftsQuery(std::string_view typed) {
+  std::string query;
+  int nearDepth = 0, depth = 0;
+  bool afterNear = false;
+  size_t i = 0;
+  while (i < typed.size()) {
+    const char c = typed[i];
+    if (isBlank(c)) {
+      ++i;
+      continue;
+    }
+    if (!query.empty() && c != ')' && c != ',' && query.back() != '(')
+      query += ' ';
+    if (c == '"') {
+      size_t end = i + 1;
+      while (end < typed.size() && !(typed[end] == '"' && (end + 1 >= typed.size() || typed[end + 1] != '"')))
+        end += typed[end] == '"' ? 2 : 1;
+      query += typed.substr(i, std::min(end + 1, typed.size()) - i);
+      i = end + 1;
+      if (i < typed.size() && typed[i] == '*')
+        query += typed[i++];
+      afterNear = false;
+      continue;
+    }
+    if (c == '(' || c == ')') {
+      if (c == '(') {
+        ++depth;
+        if (afterNear)
+          nearDepth = depth;
+      } else if (depth-- == nearDepth) {
+        nearDepth = 0;
+      }
+      query += c;
+      ++i;
+      afterNear = false;
+      continue;
+    }
+    // Inside NEAR(...), a comma before the distance is its syntax.
+    if (c == ',' && nearDepth != 0) {
+      query += c;
+      ++i;
+      continue;
+    }
+    size_t end = i;
+    while (end < typed.size() && !isBlank(typed[end]) && typed[end] != '"' && typed[end] != '(' &&
+           typed[end] != ')' && !(typed[end] == ',' && nearDepth != 0))
+      ++end;
+    const std::string_view word = typed.substr(i, end - i);
+    i = end;
+    afterNear = word == "NEAR";
+    if (word == "AND" || word == "OR" || word == "NOT" || word == "NEAR") {
+      query += word;
+      continue;
+    }
+    const bool prefix = word.size() > 1 && word.back() == '*';
+    const std::string_view stem = prefix ? word.substr(0, word.size() - 1) : word;
+    if (isBareWord(stem) || (nearDepth != 0 && std::all_of(stem.begin(), stem.end(), [](char d) {
+                               return std::isdigit(static_cast<unsigned char>(d));
+                             })))
+      query += word;
+    else
+      query += quoted(stem) + (prefix ? "*" : "");
+  }
+  return query;
+}
+
+std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabase &history,
+                                                                   const SearchOptions &options) {
+  const std::string query = ftsQuery(options.query);
+  if (query.empty())
+    return SearchFailure{SearchFailure::Kind::BadQuery, "there are no words to search for"};
+  {
+    auto indexed = history.prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'texts'");
+    auto *statement = std::get_if<SqliteStatement>(&indexed);
+    const auto step = statement ? statement->step() : std::variant<bool, SqliteError>(SqliteError{});
+    if (!statement || std::holds_alternative<SqliteError>(step))
+      return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
+    if (!std::get<bool>(step))
+      return SearchFailure{SearchFailure::Kind::NoIndex, "the chat history has no index of the messages"};
+  }
+  const std::string sql =
+      "SELECT texts.rowid, texts.key, texts.time, texts.account, texts.speaker, texts.text, "
+      "highlight(texts, 0, ?6, ?7), snippet(texts, 0, '', '', '\xE2\x80\xA6', 16), "
+      "c.transcript, c.participants, c.display_name, c.first_time, c.page "
+      "FROM texts JOIN chats c ON c.key = texts.key "
+      "WHERE texts MATCH ?1 "
+      "AND (?2 IS NULL OR lower(c.account) = lower(?2) OR lower(c.display_name) = lower(?2) "
+      "     OR instr(char(10) || lower(c.participants), char(10) || lower(?2) || char(10)) > 0) "
+      "AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) " +
+      std::string(options.byDate ? "ORDER BY texts.time, texts.rowid " : "ORDER BY rank ") + "LIMIT ?5";
+  auto prepared = history.prepare(sql);
+  if (std::holds_alternative<SqliteError>(prepared))
+    return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
+  auto &statement = std::get<SqliteStatement>(prepared);
+  statement.bind(1, query);
+  if (options.with)
+    statement.bind(2, *options.with);
+  if (options.since)
+    statement.bind(3, *options.since);
+  if (options.until)
+    statement.bind(4, *options.until);
+  statement.bind(5, options.limit == 0 ? int64_t{-1} : static_cast<int64_t>(options.limit));
+  statement.bind(6, options.markOpen).bind(7, options.markClose);
+
+  std::vector<SearchHit> hits;
+  while (true) {
+    const auto step = statement.step();
+    if (const auto *error = std::get_if<SqliteError>(&step))
+      return badQuery(error->message);
+    if (!std::get<bool>(step))
+      break;
+    SearchHit hit;
+    hit.row = statement.integer(0);
+    hit.chat = statement.text(1);
+    hit.message = messageOf(statement, 2);
+    hit.marked = statement.text(6);
+    hit.snippet = statement.text(7);
+    hit.transcript = statement.text(8);
+    hit.with = lines(statement.text(9));
+    hit.chatName = statement.text(10);
+    if (!statement.isNull(11))
+      hit.chatTime = statement.real(11);
+    hit.page = statement.text(12);
+    hits.push_back(std::move(hit));
+  }
+
+  if (options.context > 0) {
+    auto around = history.prepare(
+        "SELECT rowid, time, account, speaker, text FROM texts WHERE rowid BETWEEN ?1 AND ?2 AND key = ?3 "
+        "ORDER BY rowid");
+    if (auto *neighbours = std::get_if<SqliteStatement>(&around))
+      for (SearchHit &hit : hits) {
+        const auto reach = static_cast<int64_t>(options.context);
+        neighbours->bind(1, hit.row - reach).bind(2, hit.row + reach).bind(3, hit.chat);
+        while (true) {
+          const auto step = neighbours->step();
+          if (!std::holds_alternative<bool>(step) || !std::get<bool>(step))
+            break;
+          const int64_t row = neighbours->integer(0);
+          if (row != hit.row)
+            (row < hit.row ? hit.before : hit.after).push_back(messageOf(*neighbours, 1));
+        }
+        neighbours->reset();
+      }
+  }
+  return hits;
+}
+
+} // namespace parlova

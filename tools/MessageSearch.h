@@ -1,0 +1,66 @@
+// Searching the messages of every chat in the history's full-text index:
+// the query as a person types it, made fit for SQLite's FTS5, and the hits
+// with what a reader wants around them.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "platform/SqliteDatabase.h"
+
+namespace parlova {
+
+// Words, "phrases", prefix*, AND, OR, NOT, NEAR(...) and parentheses are
+// kept as FTS5 reads them; any other word (one holding a colon, a dot, an
+// apostrophe...) is quoted, so that an address or "it's" is searched for
+// as typed instead of read as syntax. An unclosed quote stays unclosed:
+// FTS5 says so and the user is told.
+std::string ftsQuery(std::string_view typed);
+
+struct SearchOptions {
+  std::string query; // as typed
+  std::optional<std::string> with;
+  std::optional<double> since; // seconds since 1970, from this instant
+  std::optional<double> until; // before this instant
+  size_t limit = 50;           // 0: all
+  bool byDate = false;         // oldest first, else best first
+  size_t context = 0;          // messages before and after each hit
+  // Put around the matched words in `marked`.
+  std::string markOpen;
+  std::string markClose;
+};
+
+struct SearchHit {
+  struct Message {
+    std::optional<double> time;
+    std::string account;
+    std::string speaker;
+    std::string text;
+  };
+  int64_t row = 0;
+  std::string chat; // the history's key
+  std::string transcript;
+  std::string page; // in the chat library, relative to its folder; empty: none
+  std::vector<std::string> with; // the other participants' accounts
+  std::string chatName;
+  std::optional<double> chatTime;
+  Message message;
+  std::string marked;
+  std::string snippet;
+  std::vector<Message> before;
+  std::vector<Message> after;
+};
+
+struct SearchFailure {
+  enum class Kind { BadQuery, NoIndex, Unreadable } kind;
+  std::string reason; // in the user's words, never SQLite's
+};
+
+std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabase &history,
+                                                                   const SearchOptions &options);
+
+} // namespace parlova

@@ -1,0 +1,263 @@
+// parlova-search: finds messages in every chat the history holds.
+//
+//   parlova-search [--with PERSON] [--since DATE] [--until DATE] [--limit N]
+//                  [--sort rank|date] [--context N] [--json] QUERY...
+//
+// Exit status as grep's: 0 something found, 1 nothing found, 2 trouble.
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <unistd.h>
+#include <variant>
+#include <vector>
+
+#include "foundation/Unicode.h"
+#include "platform/Home.h"
+#include "platform/SqliteDatabase.h"
+#include "tools/MessageSearch.h"
+
+namespace {
+
+using parlova::SearchHit;
+
+constexpr const char *kUsage =
+    "usage: parlova-search [--with PERSON] [--since DATE] [--until DATE] [--limit N]\n"
+    "                      [--sort rank|date] [--context N] [--json] QUERY...\n"
+    "\n"
+    "Finds messages in every chat of the history (~/Library/Parlova/history.sqlite).\n"
+    "QUERY: words (all must occur), \"a phrase\", prefix*, OR, NOT, NEAR(a b, 5).\n"
+    "  --with PERSON    only chats with this account or name (any case)\n"
+    "  --since DATE     from this day (YYYY-MM-DD, local time)\n"
+    "  --until DATE     up to and including this day\n"
+    "  --limit N        at most N hits (default 50; 0: all)\n"
+    "  --sort rank|date best first (default) or oldest first\n"
+    "  --context N      N messages before and after each hit\n"
+    "  --json           one JSON object per hit and line\n"
+    "  --               the rest is the query, even where it starts with -\n"
+    "Exit status: 0 found, 1 nothing found, 2 trouble.\n";
+
+int trouble(const std::string &line) {
+  std::fprintf(stderr, "parlova-search: %s\n", line.c_str());
+  return 2;
+}
+
+// A day as YYYY-MM-DD: its first instant in local time, or nothing.
+std::optional<double> startOfDay(const std::string &text, int addDays = 0) {
+  int year = 0, month = 0, day = 0;
+  char rest = 0;
+  if (text.size() != 10 || std::sscanf(text.c_str(), "%4d-%2d-%2d%c", &year, &month, &day, &rest) != 3 ||
+      text[4] != '-' || text[7] != '-')
+    return std::nullopt;
+  std::tm local{};
+  local.tm_year = year - 1900;
+  local.tm_mon = month - 1;
+  local.tm_mday = day;
+  local.tm_isdst = -1;
+  std::tm checked = local;
+  if (std::mktime(&checked) == -1 || checked.tm_mday != day || checked.tm_mon != month - 1)
+    return std::nullopt;
+  local.tm_mday += addDays;
+  return static_cast<double>(std::mktime(&local));
+}
+
+std::string localTime(std::optional<double> seconds, const char *format) {
+  if (!seconds)
+    return "?";
+  const auto time = static_cast<std::time_t>(*seconds);
+  std::tm local{};
+  localtime_r(&time, &local);
+  char text[64];
+  std::strftime(text, sizeof text, format, &local);
+  return text;
+}
+
+std::string isoTime(std::optional<double> seconds) {
+  if (!seconds)
+    return {};
+  const auto time = static_cast<std::time_t>(*seconds);
+  std::tm local{};
+  localtime_r(&time, &local);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+  const long offset = local.tm_gmtoff / 60;
+  char zone[48];
+  std::snprintf(zone, sizeof zone, "%c%02ld:%02ld", offset < 0 ? '-' : '+', std::labs(offset) / 60,
+                std::labs(offset) % 60);
+  return std::string(text) + zone;
+}
+
+// A JSON string: typed by others, so every control character escaped and
+// whatever is not UTF-8 made U+FFFD.
+std::string json(const std::string &text) {
+  const std::string valid = parlova::utf16ToUtf8(parlova::utf8ToUtf16(text));
+  std::string out = "\"";
+  for (const char c : valid) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (byte < 0x20) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
+      out += escaped;
+    } else {
+      out += c;
+    }
+  }
+  return out + "\"";
+}
+
+// A message on one line for the terminal: its line breaks as blanks.
+std::string oneLine(std::string text) {
+  for (char &c : text)
+    if (c == '\n' || c == '\r' || c == '\t')
+      c = ' ';
+  return text;
+}
+
+// The chat's page in the library, when it has one that is there.
+std::optional<std::string> pageOf(const SearchHit &hit) {
+  if (hit.page.empty())
+    return std::nullopt;
+  const auto page = parlova::homeDirectory() / "Library" / "Parlova" / "Chats" / hit.page;
+  std::error_code error;
+  return std::filesystem::exists(page, error) ? std::optional(page.string()) : std::nullopt;
+}
+
+void printJson(const std::vector<SearchHit> &hits) {
+  for (const SearchHit &hit : hits) {
+    std::string with = "[";
+    for (const std::string &account : hit.with)
+      with += (with.size() > 1 ? "," : "") + json(account);
+    std::printf("{\"transcript\":%s,\"with\":%s],\"account\":%s,\"speaker\":%s,\"time\":%s,\"text\":%s,"
+                "\"snippet\":%s,\"page\":%s}\n",
+                json(hit.transcript).c_str(), with.c_str(), json(hit.message.account).c_str(),
+                json(hit.message.speaker).c_str(),
+                hit.message.time ? json(isoTime(hit.message.time)).c_str() : "null", json(hit.message.text).c_str(),
+                json(hit.snippet).c_str(), pageOf(hit) ? json(*pageOf(hit)).c_str() : "null");
+  }
+}
+
+// Per chat, in the order its first hit came: a header line, the
+// transcript's path, then each hit with the messages around it.
+void printForPeople(const std::vector<SearchHit> &hits, bool context) {
+  std::vector<std::string> order;
+  for (const SearchHit &hit : hits)
+    if (std::find(order.begin(), order.end(), hit.chat) == order.end())
+      order.push_back(hit.chat);
+  const auto message = [](const SearchHit::Message &said, const std::string &text, const char *mark) {
+    std::printf("%s%s  %s: %s\n", mark, localTime(said.time, "%H:%M").c_str(), oneLine(said.speaker).c_str(),
+                oneLine(text).c_str());
+  };
+  bool first = true;
+  for (const std::string &chat : order) {
+    std::vector<const SearchHit *> inChat;
+    for (const SearchHit &hit : hits)
+      if (hit.chat == chat)
+        inChat.push_back(&hit);
+    std::sort(inChat.begin(), inChat.end(), [](const SearchHit *a, const SearchHit *b) { return a->row < b->row; });
+    const SearchHit &any = *inChat.front();
+    std::printf("%s%s  %s\n  %s\n", first ? "" : "\n", localTime(any.chatTime, "%Y-%m-%d %H:%M").c_str(),
+                oneLine(any.chatName).c_str(), any.transcript.c_str());
+    if (const auto page = pageOf(any))
+      std::printf("  %s\n", page->c_str());
+    first = false;
+    for (const SearchHit *hit : inChat) {
+      if (context && hit != inChat.front())
+        std::printf("  --\n");
+      for (const auto &said : hit->before)
+        message(said, said.text, "    ");
+      message(hit->message, hit->marked, context ? "  > " : "  ");
+      for (const auto &said : hit->after)
+        message(said, said.text, "    ");
+    }
+  }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  parlova::SearchOptions options;
+  bool asJson = false;
+  bool endOfOptions = false; // after "--" every argument is the query's
+  std::string query;
+  for (int i = 1; i < argc; ++i) {
+    const std::string argument = argv[i];
+    const auto value = [&]() -> std::optional<std::string> {
+      return i + 1 < argc ? std::optional<std::string>(argv[++i]) : std::nullopt;
+    };
+    const auto count = [](const std::optional<std::string> &text) -> std::optional<size_t> {
+      if (!text || text->empty() || text->find_first_not_of("0123456789") != std::string::npos || text->size() > 9)
+        return std::nullopt;
+      return static_cast<size_t>(std::stoul(*text));
+    };
+    if (endOfOptions) {
+      query += (query.empty() ? "" : " ") + argument;
+    } else if (argument == "--help" || argument == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    } else if (argument == "--json") {
+      asJson = true;
+    } else if (argument == "--with") {
+      options.with = value();
+      if (!options.with || options.with->empty())
+        return trouble("--with needs a person's account or name");
+    } else if (argument == "--since" || argument == "--until") {
+      const auto text = value();
+      const auto day = text ? startOfDay(*text, argument == "--until" ? 1 : 0) : std::nullopt;
+      if (!day)
+        return trouble(argument + " needs a day as YYYY-MM-DD");
+      (argument == "--since" ? options.since : options.until) = day;
+    } else if (argument == "--limit" || argument == "--context") {
+      const auto number = count(value());
+      if (!number)
+        return trouble(argument + " needs a whole number (0 or more)");
+      (argument == "--limit" ? options.limit : options.context) = *number;
+    } else if (argument == "--sort") {
+      const auto order = value();
+      if (order != "rank" && order != "date")
+        return trouble("--sort takes rank or date");
+      options.byDate = order == "date";
+    } else if (argument == "--" && !endOfOptions) {
+      endOfOptions = true;
+    } else if (argument.size() > 1 && argument[0] == '-' && !endOfOptions) {
+      return trouble("unknown option '" + argument + "' (try --help)");
+    } else {
+      query += (query.empty() ? "" : " ") + argument;
+    }
+  }
+  options.query = query;
+  if (!asJson && isatty(STDOUT_FILENO)) {
+    options.markOpen = "\x1b[1m";
+    options.markClose = "\x1b[0m";
+  }
+
+  const std::filesystem::path file = parlova::homeDirectory() / "Library" / "Parlova" / "history.sqlite";
+  const std::string noIndex =
+      "there is no index of the chats yet; make it with: parlova --rebuild-history (and keep it with "
+      "parlova-defaults write com.hollowmere.parlova keepHistory -bool YES)";
+  if (!std::filesystem::exists(file))
+    return trouble(noIndex);
+  auto opened = parlova::SqliteDatabase::openForReading(file);
+  if (std::holds_alternative<parlova::SqliteError>(opened))
+    return trouble("the chat history " + file.string() + " cannot be read");
+  const auto found = parlova::searchMessages(std::get<parlova::SqliteDatabase>(opened), options);
+  if (const auto *failure = std::get_if<parlova::SearchFailure>(&found)) {
+    if (failure->kind == parlova::SearchFailure::Kind::NoIndex)
+      return trouble(noIndex);
+    if (failure->kind == parlova::SearchFailure::Kind::Unreadable)
+      return trouble("the chat history " + file.string() + " cannot be read");
+    return trouble(failure->reason);
+  }
+  const auto &hits = std::get<std::vector<SearchHit>>(found);
+  if (asJson)
+    printJson(hits);
+  else
+    printForPeople(hits, options.context > 0);
+  return hits.empty() ? 1 : 0;
+}
