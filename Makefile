@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 
-.PHONY: all deps check demo bench fuzz crashtest install clean
+.PHONY: all deps check demo bench fuzz crashtest install deb deb-check clean
 
 all: $(BUILD)/Makefile
 	cmake --build $(BUILD) -j$(JOBS)
@@ -46,11 +46,24 @@ crashtest: deps
 	/usr/bin/python3 tests/crash/crashtest.py $(BUILD) --kills $(CRASH_KILLS) \
 	  --catch-up-kills $(CRASH_CATCH_UP_KILLS) --pairs $(CRASH_PAIRS)
 
-# The tools into $(PREFIX)/bin, then the templates, word lists, icon and the
-# systemd user units into this user's home (existing files are kept).
+# The tools into $(PREFIX)/bin (their modules, manual pages, shipped files
+# and systemd user units beside), then parlova --setup for this user: the
+# templates, word lists and icon into ~/Library/Parlova (yours are kept).
 install: all
-	cmake --install $(BUILD) --prefix $(PREFIX)
-	tools/install-user-files $(PREFIX)/bin
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS)
+	cmake --install $(BUILD)
+	$(PREFIX)/bin/parlova --setup
+
+# The Debian package (build/parlova_*.deb), and its check: lintian, installed
+# into this machine (as root), used in a scratch home, removed again.
+deb: deps
+	tools/make-deb $(BUILD)
+
+deb-check: deb
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target parlova-samples
+	tools/deb-check $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-bench

@@ -14,6 +14,7 @@
 #include "driver/CatchUpProgress.h"
 #include "driver/ExtractChatLog.h"
 #include "driver/RunDriver.h"
+#include "driver/Setup.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ArchiveBatch.h"
 #include "generator/ChatHistory.h"
@@ -145,6 +146,7 @@ int catchUp(const RunOptions &options) {
   }
 
   readDebugMode();
+  noteMissingTemplates();
 
   Tally tally;
   Batch batch;

@@ -39,6 +39,8 @@ std::variant<RunOptions, std::string> parseCommandLine(std::span<const char *con
       options.version = true;
     } else if (argument == "--catch-up") {
       options.catchUp = true;
+    } else if (argument == "--setup") {
+      options.setup = true;
     } else if (argument == "--rebuild-history") {
       options.rebuildHistory = true;
     } else if (argument == "--dry-run" || argument == "-n") {
@@ -69,7 +71,7 @@ std::variant<RunOptions, std::string> parseCommandLine(std::span<const char *con
 
 std::string usageText() {
   return "usage: parlova [--catch-up] [--rebuild-history] [--dry-run] [--quiet] [--pause SECONDS]\n"
-         "               [--commit-every N]\n"
+         "               [--commit-every N] [--setup]\n"
          "\n"
          "Carries finished iChat transcripts from ~/Documents/iChats through: mails them,\n"
          "gathers their links and pictures, counts them, and moves them into\n"
@@ -86,6 +88,9 @@ std::string usageText() {
          "  --pause SECONDS     pause after every entry (a run's own pause is 5 seconds)\n"
          "  --commit-every N    a catch-up writes its archives and pages after every N\n"
          "                      transcripts (default 10000) and at least once a minute\n"
+         "  --setup             copy the shipped templates and word lists into\n"
+         "                      ~/Library/Parlova (keeping yours), make the transcript\n"
+         "                      folders, and say what to do next\n"
          "  -h, --help          this text\n"
          "  --version           the version\n"
          "\n"

@@ -16,6 +16,8 @@ struct RunOptions {
   bool catchUp = false;
   // Reads every processed transcript into the chat history.
   bool rebuildHistory = false;
+  // Puts the shipped templates and word lists into the user's home.
+  bool setup = false;
   bool dryRun = false;
   bool quiet = false;
   // A pause after every entry in place of the usual one (a catch-up has

@@ -10,6 +10,7 @@
 #include "driver/DryRun.h"
 #include "driver/ExtractChatLog.h"
 #include "driver/HistoryRebuild.h"
+#include "driver/Setup.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -140,6 +141,8 @@ void judgeEntry(const std::string &entry, std::chrono::milliseconds reuseFor) {
 int runParlova(const RunOptions &options) {
   if (options.dryRun)
     return dryRun(options);
+  if (options.setup)
+    return setUp();
   if (options.rebuildHistory)
     return rebuildHistory(options);
   if (options.catchUp)

@@ -247,24 +247,28 @@ TEST_F(Pipeline, WithLinksAndPicturesOffOnlyStatisticsAreKept) {
 namespace parlova::testing {
 namespace {
 
-TEST(Install, PutsTheShippedFilesInPlaceAndKeepsTheUsersOwn) {
+TEST(Setup, PutsTheShippedFilesInPlaceAndKeepsTheUsersOwn) {
   ScratchHome home;
   const fs::path folder = home.path() / "Library" / "Parlova";
   fs::create_directories(folder);
   writeText(folder / "linktemplate.html", "my own template");
-  const std::string command = "HOME='" + home.path().string() + "' XDG_CONFIG_HOME= '" PARLOVA_SOURCE_DIR
-                              "/tools/install-user-files' /opt/parlova/bin > /dev/null";
-  ASSERT_EQ(std::system(command.c_str()), 0);
+  const auto result = home.run("parlova", {"--setup"});
+  ASSERT_EQ(result.exitCode, 0) << result.err;
 
   EXPECT_EQ(readText(folder / "linktemplate.html"), "my own template");
+  EXPECT_NE(result.out.find("kept     " + (folder / "linktemplate.html").string() + "\n"), std::string::npos)
+      << result.out;
   EXPECT_EQ(readText(folder / "statstemplate.html"),
             readText(fs::path(PARLOVA_SOURCE_DIR) / "resources" / "statstemplate.html"));
-  for (const char *name : {"imagetemplate.html", "curses.plist", "netspeak.plist", "Images/pdf.png"})
+  for (const char *name : {"imagetemplate.html", "chattemplate.html", "curses.plist", "netspeak.plist", "Images/pdf.png"})
     EXPECT_TRUE(fs::is_regular_file(folder / name)) << name;
-  const fs::path units = home.path() / ".config" / "systemd" / "user";
-  EXPECT_NE(readText(units / "parlova.service").find("ExecStart=/opt/parlova/bin/parlova\n"), std::string::npos);
-  EXPECT_NE(readText(units / "parlova.timer").find("WantedBy=timers.target"), std::string::npos);
+  EXPECT_TRUE(fs::is_directory(home.path() / "Documents" / "iChats"));
   EXPECT_TRUE(fs::is_directory(home.path() / "Documents" / "iChats (Parlovaed)"));
+  EXPECT_NE(result.out.find("systemctl --user enable --now parlova.timer"), std::string::npos);
+  // A catch-up without any template says how to get them.
+  ScratchHome bare;
+  EXPECT_NE(bare.run("parlova", {"--catch-up", "--quiet"}).err.find("; parlova --setup puts them there."),
+            std::string::npos);
 }
 
 } // namespace

@@ -1,0 +1,105 @@
+#include "driver/Setup.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <system_error>
+#include <vector>
+
+#include "generator/ICLPLogGenerator.h"
+#include "platform/Home.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char *kTemplates[] = {"linktemplate.html", "imagetemplate.html", "statstemplate.html",
+                                      "chattemplate.html"};
+
+} // namespace
+
+std::optional<fs::path> shippedFilesFolder() {
+  std::vector<fs::path> candidates;
+  std::error_code error;
+  const fs::path program = fs::read_symlink("/proc/self/exe", error);
+  if (!error)
+    candidates.push_back(program.parent_path().parent_path() / "share" / "parlova");
+#ifdef PARLOVA_SHARE_DIR
+  candidates.push_back(PARLOVA_SHARE_DIR);
+#endif
+#ifdef PARLOVA_SOURCE_RESOURCES
+  candidates.push_back(PARLOVA_SOURCE_RESOURCES);
+#endif
+  for (const fs::path &folder : candidates)
+    if (fs::exists(folder / "statstemplate.html", error))
+      return folder;
+  return std::nullopt;
+}
+
+int setUp() {
+  const auto shipped = shippedFilesFolder();
+  if (!shipped) {
+    std::fprintf(stderr, "parlova: the shipped templates and word lists are not installed (looked for "
+                         "share/parlova beside the program); reinstall Parlova\n");
+    return 1;
+  }
+  const fs::path library = ICLPLogGenerator::parlovaFolder();
+  const fs::path home = homeDirectory();
+  std::error_code error;
+  for (const fs::path &folder : {library / "Images", home / "Documents" / "iChats",
+                                 home / "Documents" / "iChats (Parlovaed)"}) {
+    if (!fs::exists(folder, error) && fs::create_directories(folder, error))
+      std::printf("made     %s\n", folder.c_str());
+    if (error) {
+      std::fprintf(stderr, "parlova: could not make %s: %s\n", folder.c_str(), error.message().c_str());
+      return 1;
+    }
+  }
+  std::vector<fs::path> files;
+  for (const auto &entry : fs::directory_iterator(*shipped, error))
+    files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  int failed = 0;
+  for (const fs::path &file : files) {
+    const fs::path name = file.filename();
+    const fs::path target = (name == "pdf.png" ? library / "Images" : library) / name;
+    if (fs::exists(target, error) || fs::is_symlink(target, error)) {
+      std::printf("kept     %s\n", target.c_str());
+    } else if (fs::copy_file(file, target, error)) {
+      std::printf("added    %s\n", target.c_str());
+    } else {
+      std::fprintf(stderr, "parlova: could not copy %s to %s: %s\n", file.c_str(), target.c_str(),
+                   error.message().c_str());
+      failed = 1;
+    }
+  }
+  std::printf("\nNext steps:\n"
+              "  1. Settings, for example (man parlova-defaults lists them all):\n"
+              "       parlova-defaults write com.hollowmere.parlova sendEmails -bool YES\n"
+              "       parlova-defaults write com.hollowmere.parlova emailDelivery maildir\n"
+              "       parlova-defaults write com.hollowmere.parlova handleURLs -bool YES\n"
+              "       parlova-defaults write com.hollowmere.parlova handleImages -bool YES\n"
+              "       parlova-defaults write com.hollowmere.parlova keepHistory -bool YES\n"
+              "  2. Carry the transcripts already in %s through once:\n"
+              "       parlova --dry-run --catch-up\n"
+              "       parlova --catch-up\n"
+              "  3. Run parlova every five minutes:\n"
+              "       systemctl --user daemon-reload && systemctl --user enable --now parlova.timer\n"
+              "     or, without systemd, with this line in crontab -e:\n"
+              "       */5 * * * * parlova\n",
+              (home / "Documents" / "iChats").c_str());
+  return failed;
+}
+
+void noteMissingTemplates() {
+  const fs::path library = ICLPLogGenerator::parlovaFolder();
+  std::error_code error;
+  for (const char *name : kTemplates)
+    if (fs::exists(library / name, error))
+      return;
+  logFormat("No page templates in %@, so no pages are made; parlova --setup puts them there.", library.string());
+}
+
+} // namespace parlova
