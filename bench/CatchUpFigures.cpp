@@ -311,17 +311,17 @@ void printSearch(const fs::path &binaryDir) {
     floor = std::chrono::duration<double>(Clock::now() - start).count();
   }
 
-  // The plain texts, one file per transcript's share, for grep.
+  // The plain rendering of each chat, one file each, for grep.
   const fs::path plainTexts = root / "texts";
   fs::create_directories(plainTexts);
-  const size_t perFile = texts.size() / kDecade + 1;
-  for (size_t first = 0, file = 0; first < texts.size(); first += perFile, ++file) {
-    std::string chunk;
-    for (size_t i = first; i < std::min(texts.size(), first + perFile); ++i)
-      chunk += texts[i] + "\n";
-    writeFileAtomically(plainTexts / (std::to_string(file) + ".txt"),
-                        std::vector<uint8_t>(chunk.begin(), chunk.end()));
-  }
+  size_t plainBytes = 0;
+  for (size_t i = 0; i < transcripts.size(); ++i)
+    if (const auto log = ICLPChatLog::initWithFilePath(backlog / transcripts[i])) {
+      const std::string plainText = log->PlainChatLog();
+      plainBytes += plainText.size();
+      writeFileAtomically(plainTexts / (std::to_string(i) + ".txt"),
+                          std::vector<uint8_t>(plainText.begin(), plainText.end()));
+    }
   const auto best = [](const std::function<double()> &timed) {
     double fastest = 1e9;
     for (int round = 0; round < 5; ++round)
@@ -351,9 +351,9 @@ void printSearch(const fs::path &binaryDir) {
   const auto size = fs::file_size(indexedHome / "Library" / "Parlova" / "history.sqlite", ignored);
   line("search: history with its index", static_cast<double>(size) / (1 << 20), "MiB", "the text it indexes",
        static_cast<double>(size) / static_cast<double>(std::max<size_t>(textBytes, 1)), "<= 3");
-  std::printf("%-44s %9.2f %-5s (%zu messages, grep: %.0f ms rare, %.0f ms common)\n",
+  std::printf("%-44s %9.2f %-5s (%zu messages; plain renderings %.1f MiB; grep: %.0f ms rare, %.0f ms common)\n",
               "search: the text indexed", static_cast<double>(textBytes) / (1 << 20), "MiB", texts.size(),
-              grepRare * 1000, grepCommon * 1000);
+              static_cast<double>(plainBytes) / (1 << 20), grepRare * 1000, grepCommon * 1000);
   fs::remove_all(root);
 }
 

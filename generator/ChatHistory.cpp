@@ -1,6 +1,8 @@
 #include "generator/ChatHistory.h"
 
+#include <cmath>
 #include <ctime>
+#include <map>
 
 #include "context/Settings.h"
 #include "foundation/Unicode.h"
@@ -15,10 +17,16 @@ namespace fs = std::filesystem;
 namespace {
 
 // Chats are found by month and by person with the words summed: both
-// indexes cover their queries, so neither reads the table.
+// indexes cover their queries, so neither reads the table. A chat's hours
+// and messages name it by its row number, which costs a byte or three
+// where its key would cost twenty, and a message its speaker by a number
+// too: the index is most of the file. The index keeps no sizes of its own
+// (columnsize=0): ranking, which needs them, reads the few thousand rows it
+// ranks instead.
 constexpr const char *kSchema = R"sql(
 CREATE TABLE IF NOT EXISTS chats (
-  key TEXT PRIMARY KEY,
+  id INTEGER PRIMARY KEY,
+  key TEXT NOT NULL UNIQUE,
   transcript TEXT NOT NULL,
   participants TEXT NOT NULL,
   account TEXT NOT NULL,
@@ -38,17 +46,23 @@ CREATE TABLE IF NOT EXISTS chats (
   pictures INTEGER NOT NULL,
   first_line TEXT NOT NULL,
   page TEXT
-) WITHOUT ROWID;
+);
 CREATE TABLE IF NOT EXISTS slots (
-  key TEXT NOT NULL,
+  chat INTEGER NOT NULL,
   weekday INTEGER NOT NULL,
   hour INTEGER NOT NULL,
   messages INTEGER NOT NULL,
-  PRIMARY KEY (key, weekday, hour)
+  PRIMARY KEY (chat, weekday, hour)
 ) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS speakers (
+  id INTEGER PRIMARY KEY,
+  account TEXT NOT NULL,
+  name TEXT NOT NULL,
+  UNIQUE (account, name)
+);
 CREATE VIRTUAL TABLE IF NOT EXISTS texts USING fts5 (
-  text, key UNINDEXED, time UNINDEXED, account UNINDEXED, speaker UNINDEXED,
-  tokenize = 'unicode61 remove_diacritics 2'
+  text, chat UNINDEXED, time UNINDEXED, speaker UNINDEXED,
+  tokenize = 'unicode61 remove_diacritics 2', columnsize = 0
 );
 CREATE INDEX IF NOT EXISTS chats_by_month ON chats (month, user_words, other_words);
 CREATE INDEX IF NOT EXISTS chats_by_account ON chats (account, user_words, other_words, last_time, display_name);
@@ -205,21 +219,41 @@ std::variant<size_t, SqliteError> ChatHistory::add(const std::vector<ChatRecord>
   if (records.empty())
     return size_t{0};
   auto chat = database_.prepare(
-      "INSERT OR IGNORE INTO chats VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16, ?17, ?18, "
-      "?19, ?20)");
+      "INSERT OR IGNORE INTO chats VALUES (NULL, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16, "
+      "?17, ?18, ?19, ?20)");
   auto slot = database_.prepare("INSERT OR IGNORE INTO slots VALUES (?1, ?2, ?3, ?4)");
-  auto message = database_.prepare("INSERT INTO texts VALUES (?1, ?2, ?3, ?4, ?5)");
-  auto changes = database_.prepare("SELECT changes()");
+  auto message = database_.prepare("INSERT INTO texts VALUES (?1, ?2, ?3, ?4)");
+  auto speaker = database_.prepare("INSERT OR IGNORE INTO speakers (account, name) VALUES (?1, ?2)");
+  auto speakerId = database_.prepare("SELECT id FROM speakers WHERE account = ?1 AND name = ?2");
+  auto changes = database_.prepare("SELECT changes(), last_insert_rowid()");
   // A chat kept before the library was asked for gets its page later.
   auto paged = database_.prepare("UPDATE chats SET page = ?2 WHERE key = ?1 AND page IS NULL");
   for (auto *failed : {std::get_if<SqliteError>(&chat), std::get_if<SqliteError>(&slot),
                        std::get_if<SqliteError>(&message), std::get_if<SqliteError>(&changes),
-                       std::get_if<SqliteError>(&paged)})
+                       std::get_if<SqliteError>(&paged), std::get_if<SqliteError>(&speaker),
+                       std::get_if<SqliteError>(&speakerId)})
     if (failed)
       return *failed;
   auto &insertChat = std::get<SqliteStatement>(chat);
   auto &insertSlot = std::get<SqliteStatement>(slot);
   auto &insertMessage = std::get<SqliteStatement>(message);
+  std::map<std::pair<std::string, std::string>, int64_t> speakers;
+  const auto speakerOf = [&](const ChatRecord::Message &text) -> std::variant<int64_t, SqliteError> {
+    const auto known = speakers.find({text.account, text.speaker});
+    if (known != speakers.end())
+      return known->second;
+    if (auto failed = std::get<SqliteStatement>(speaker).bind(1, text.account).bind(2, text.speaker).run())
+      return *failed;
+    auto &select = std::get<SqliteStatement>(speakerId);
+    select.bind(1, text.account).bind(2, text.speaker);
+    const auto step = select.step();
+    if (const auto *error = std::get_if<SqliteError>(&step))
+      return *error;
+    const int64_t id = select.integer(0);
+    select.reset();
+    speakers.emplace(std::pair(text.account, text.speaker), id);
+    return id;
+  };
   auto &changed = std::get<SqliteStatement>(changes);
   if (const auto failed = database_.execute("BEGIN IMMEDIATE"))
     return *failed;
@@ -249,6 +283,7 @@ std::variant<size_t, SqliteError> ChatHistory::add(const std::vector<ChatRecord>
       break;
     const auto step = changed.step();
     const bool isNew = std::holds_alternative<bool>(step) && changed.integer(0) > 0;
+    const int64_t chat = changed.integer(1);
     changed.reset();
     if (!isNew) {
       if (record.page && (failed = std::get<SqliteStatement>(paged).bind(1, record.key).bind(2, *record.page).run()))
@@ -259,15 +294,20 @@ std::variant<size_t, SqliteError> ChatHistory::add(const std::vector<ChatRecord>
     for (int day = 0; day < 7 && !failed; ++day)
       for (int hour = 0; hour < 24 && !failed; ++hour)
         if (const int64_t messages = record.slots[day][hour]; messages > 0)
-          failed = insertSlot.bind(1, record.key).bind(2, int64_t{day}).bind(3, int64_t{hour}).bind(4, messages).run();
+          failed = insertSlot.bind(1, chat).bind(2, int64_t{day}).bind(3, int64_t{hour}).bind(4, messages).run();
     // A chat's messages follow each other in the index, so the ones around
-    // a hit are its neighbours by row.
+    // a hit are its neighbours by row. Times in whole seconds.
     for (size_t i = 0; i < record.texts.size() && !failed; ++i) {
       const ChatRecord::Message &text = record.texts[i];
-      insertMessage.bind(1, text.text).bind(2, record.key);
+      const auto who = speakerOf(text);
+      if (const auto *error = std::get_if<SqliteError>(&who)) {
+        failed = *error;
+        break;
+      }
+      insertMessage.bind(1, text.text).bind(2, chat);
       if (text.time)
-        insertMessage.bind(3, *text.time);
-      failed = insertMessage.bind(4, text.account).bind(5, text.speaker).run();
+        insertMessage.bind(3, static_cast<int64_t>(std::floor(*text.time)));
+      failed = insertMessage.bind(4, std::get<int64_t>(who)).run();
     }
     if (failed)
       break;

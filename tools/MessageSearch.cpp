@@ -148,16 +148,32 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
     if (!std::get<bool>(step))
       return SearchFailure{SearchFailure::Kind::NoIndex, "the chat history has no index of the messages"};
   }
+  // Ranking reads every hit; for a word in many thousands of messages the
+  // ranks barely differ and the reader waits for nothing: the most recently
+  // kept come first then. A count is cheap.
+  bool best = !options.byDate;
+  if (best && options.limit != 0) {
+    auto counted = history.prepare("SELECT count(*) FROM texts WHERE texts MATCH ?1");
+    auto *count = std::get_if<SqliteStatement>(&counted);
+    if (!count)
+      return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
+    count->bind(1, query);
+    const auto step = count->step();
+    if (const auto *error = std::get_if<SqliteError>(&step))
+      return badQuery(error->message);
+    best = count->integer(0) <= kMostRanked;
+  }
   const std::string sql =
-      "SELECT texts.rowid, texts.key, texts.time, texts.account, texts.speaker, texts.text, "
+      "SELECT texts.rowid, texts.chat, texts.time, s.account, s.name, texts.text, "
       "highlight(texts, 0, ?6, ?7), snippet(texts, 0, '', '', '\xE2\x80\xA6', 16), "
       "c.transcript, c.participants, c.display_name, c.first_time, c.page "
-      "FROM texts JOIN chats c ON c.key = texts.key "
+      "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
       "WHERE texts MATCH ?1 "
       "AND (?2 IS NULL OR lower(c.account) = lower(?2) OR lower(c.display_name) = lower(?2) "
       "     OR instr(char(10) || lower(c.participants), char(10) || lower(?2) || char(10)) > 0) "
       "AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) " +
-      std::string(options.byDate ? "ORDER BY texts.time, texts.rowid " : "ORDER BY rank ") + "LIMIT ?5";
+      std::string(options.byDate ? "ORDER BY texts.time, texts.rowid " : best ? "ORDER BY rank " : "ORDER BY texts.rowid DESC ") +
+      "LIMIT ?5";
   auto prepared = history.prepare(sql);
   if (std::holds_alternative<SqliteError>(prepared))
     return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
@@ -181,7 +197,7 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
       break;
     SearchHit hit;
     hit.row = statement.integer(0);
-    hit.chat = statement.text(1);
+    hit.chat = statement.integer(1);
     hit.message = messageOf(statement, 2);
     hit.marked = statement.text(6);
     hit.snippet = statement.text(7);
@@ -196,8 +212,9 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
 
   if (options.context > 0) {
     auto around = history.prepare(
-        "SELECT rowid, time, account, speaker, text FROM texts WHERE rowid BETWEEN ?1 AND ?2 AND key = ?3 "
-        "ORDER BY rowid");
+        "SELECT texts.rowid, texts.time, s.account, s.name, texts.text FROM texts "
+        "JOIN speakers s ON s.id = texts.speaker WHERE texts.rowid BETWEEN ?1 AND ?2 AND texts.chat = ?3 "
+        "ORDER BY texts.rowid");
     if (auto *neighbours = std::get_if<SqliteStatement>(&around))
       for (SearchHit &hit : hits) {
         const auto reach = static_cast<int64_t>(options.context);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,7 +43,7 @@ struct SearchHit {
     std::string text;
   };
   int64_t row = 0;
-  std::string chat; // the history's key
+  int64_t chat = 0; // the chat's row in the history
   std::string transcript;
   std::string page; // in the chat library, relative to its folder; empty: none
   std::vector<std::string> with; // the other participants' accounts
@@ -54,6 +55,9 @@ struct SearchHit {
   std::vector<Message> before;
   std::vector<Message> after;
 };
+
+// Above this many matching messages, hits come newest first, unranked.
+inline constexpr int64_t kMostRanked = 10000;
 
 struct SearchFailure {
   enum class Kind { BadQuery, NoIndex, Unreadable } kind;

@@ -146,7 +146,7 @@ void printJson(const std::vector<SearchHit> &hits) {
 // Per chat, in the order its first hit came: a header line, the
 // transcript's path, then each hit with the messages around it.
 void printForPeople(const std::vector<SearchHit> &hits, bool context) {
-  std::vector<std::string> order;
+  std::vector<int64_t> order;
   for (const SearchHit &hit : hits)
     if (std::find(order.begin(), order.end(), hit.chat) == order.end())
       order.push_back(hit.chat);
@@ -155,7 +155,7 @@ void printForPeople(const std::vector<SearchHit> &hits, bool context) {
                 oneLine(text).c_str());
   };
   bool first = true;
-  for (const std::string &chat : order) {
+  for (const int64_t chat : order) {
     std::vector<const SearchHit *> inChat;
     for (const SearchHit &hit : hits)
       if (hit.chat == chat)

@@ -91,8 +91,10 @@ def history_rows(home: Path) -> bytes:
     (which the transcripts' paths begin with) as "~": its file's bytes
     depend on the order of what was written and undone, its rows must not."""
     with sqlite3.connect(home / LIBRARY / "history.sqlite") as db:  # a kill's journal is rolled back here
-        rows = [repr(sorted(db.execute(f"SELECT * FROM {table}"))) for table in ("chats", "slots")]
-        rows.append(repr(sorted(db.execute("SELECT key, time, account, speaker, text FROM texts"))))
+        rows = [repr(sorted(row[1:] for row in db.execute("SELECT * FROM chats")))]
+        rows.append(repr(sorted(db.execute("SELECT c.key, t.* FROM slots t JOIN chats c ON c.id = t.chat"))))
+        rows.append(repr(sorted(db.execute("SELECT c.key, t.text, t.time, s.account, s.name FROM texts t "
+                                           "JOIN chats c ON c.id = t.chat JOIN speakers s ON s.id = t.speaker"))))
     db.close()
     return "\n".join(rows).replace(str(home), "~").encode()
 
