@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 
-.PHONY: all deps check demo bench fuzz crashtest install deb deb-check clean
+.PHONY: all deps check demo bench fuzz fuzz-mutations crashtest install deb deb-check clean
 
 all: $(BUILD)/Makefile
 	cmake --build $(BUILD) -j$(JOBS)
@@ -15,10 +15,16 @@ $(BUILD)/Makefile:
 deps:
 	tools/install-deps
 
+# The tests, then every fuzz target briefly (FUZZ_CHECK_SECONDS each) from
+# its seeds and saved regression inputs.
+FUZZ_CHECK_SECONDS ?= 15
 check: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+	cmake -S tests/fuzz/targets -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++
+	cmake --build $(BUILD)-fuzz -j$(JOBS)
+	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_CHECK_SECONDS)
 
 demo: deps all
 	tools/demo.sh $(BUILD)
@@ -28,9 +34,19 @@ bench: deps
 	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults parlova-search
 	$(BUILD)-bench/bench/parlova_bench
 
+# Every coverage-guided fuzz target (clang's libFuzzer with AddressSanitizer
+# and UBSan) for FUZZ_SECONDS each; the grown corpora stay in $(BUILD)-fuzz.
+FUZZ_SECONDS ?= 600
+fuzz: deps
+	cmake -S tests/fuzz/targets -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++
+	cmake --build $(BUILD)-fuzz -j$(JOBS)
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+	cmake --build $(BUILD) -j$(JOBS) --target parlova-samples
+	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_SECONDS)
+
 # A long mutation run over both transcript formats under AddressSanitizer.
 FUZZ_CASES ?= 2000000
-fuzz: deps
+fuzz-mutations: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target parlova_fuzz_mutations
 	$(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
@@ -66,4 +82,4 @@ deb-check: deb
 	tools/deb-check $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz

@@ -524,7 +524,7 @@ const TypedStreamUnarchiver::KnownClass &TypedStreamUnarchiver::knownClass(size_
   // Classes are shared by every object of them, so each is looked up once.
   ClassEntry &entry = classes_[classIndex];
   if (!entry.known) {
-    entry.known.emplace();
+    entry.known = KnownClass{FoundationClass::None, nullptr};
     for (const ArchivedClass *c = entry.archivedClass.get(); c; c = c->superclass().get()) {
       if (const auto substitution = substitutions_.find(c->name()); substitution != substitutions_.end()) {
         entry.known->factory = &substitution->second;

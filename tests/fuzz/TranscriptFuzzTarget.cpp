@@ -42,18 +42,19 @@ size_t walk(const ICLPChatLog &log) {
 
 } // namespace
 
-int decodeTranscriptBytes(const uint8_t *data, size_t size) {
-  int loaded = 0;
-  for (const auto format : {ICLPChatLog::Format::iChat2, ICLPChatLog::Format::iChat3}) {
-    if (const auto log = ICLPChatLog::initWithArchiveData({data, size}, format, "fuzz")) {
-      walk(*log);
-      ++loaded;
-    }
+bool decodeTranscriptFormat(const uint8_t *data, size_t size, ICLPChatLog::Format format) {
+  const auto log = ICLPChatLog::initWithArchiveData({data, size}, format, "fuzz");
+  if (log) {
+    walk(*log);
+    log->PlainChatLog();
+    log->HTMLChatLog();
   }
-  return loaded;
+  return log.has_value();
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  decodeTranscriptBytes(data, size);
-  return 0;
+int decodeTranscriptBytes(const uint8_t *data, size_t size) {
+  int loaded = 0;
+  for (const auto format : {ICLPChatLog::Format::iChat2, ICLPChatLog::Format::iChat3})
+    loaded += decodeTranscriptFormat(data, size, format) ? 1 : 0;
+  return loaded;
 }

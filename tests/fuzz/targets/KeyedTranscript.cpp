@@ -1,0 +1,8 @@
+// A keyed-archive transcript (.ichat), loaded and walked as a run would.
+#include "model/ICLPChatLog.h"
+#include "tests/fuzz/TranscriptFuzzTarget.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  decodeTranscriptFormat(data, size, parlova::ICLPChatLog::Format::iChat3);
+  return 0;
+}
