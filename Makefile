@@ -15,16 +15,10 @@ $(BUILD)/Makefile:
 deps:
 	tools/install-deps
 
-# The tests, then every fuzz target briefly (FUZZ_CHECK_SECONDS each) from
-# its seeds and saved regression inputs.
-FUZZ_CHECK_SECONDS ?= 15
 check: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
-	cmake -S tests/fuzz/targets -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++
-	cmake --build $(BUILD)-fuzz -j$(JOBS)
-	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_CHECK_SECONDS)
 
 demo: deps all
 	tools/demo.sh $(BUILD)
