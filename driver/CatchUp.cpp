@@ -19,6 +19,7 @@
 #include "generator/ArchiveBatch.h"
 #include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -54,13 +55,6 @@ struct Tally {
     pending = {};
   }
 };
-
-std::string thousands(size_t number) {
-  std::string digits = std::to_string(number);
-  for (size_t at = digits.size(); at > 3; at -= 3)
-    digits.insert(at - 3, ",");
-  return digits;
-}
 
 class Batch {
 public:

@@ -12,6 +12,7 @@
 #include "generator/ChatHistory.h"
 #include "generator/ChatLibrary.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
@@ -27,13 +28,6 @@ using Clock = std::chrono::steady_clock;
 
 // The history is written this many chats at a time: one transaction each.
 constexpr size_t kRecordsPerWrite = 1000;
-
-std::string thousands(size_t number) {
-  std::string digits = std::to_string(number);
-  for (size_t at = digits.size(); at > 3; at -= 3)
-    digits.insert(at - 3, ",");
-  return digits;
-}
 
 } // namespace
 

@@ -65,13 +65,6 @@ std::string filled(std::string page, const std::string &title, const std::string
   return page;
 }
 
-std::string thousands(int64_t value) {
-  std::string digits = std::to_string(value);
-  for (size_t at = digits.size(); at > 3; at -= 3)
-    digits.insert(at - 3, ",");
-  return digits;
-}
-
 // The mail's HTML, its body only, with each attached file's label made a
 // link to the file's stored copy where the image folder holds one.
 std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
@@ -188,8 +181,8 @@ void ChatLibrary::rebuildIndexPages() {
             thousands(person->chats) + "</td><td class=\"n\">" + thousands(person->words) + "</td></tr>\n";
   rows += "</table>";
   writePage(folder() / "index.html",
-            filled(*pageTemplate, "All people", "Chats", thousands(static_cast<int64_t>(chats->size())) + " chats with " +
-                                                             thousands(static_cast<int64_t>(people.size())) + " people",
+            filled(*pageTemplate, "All people", "Chats", thousands(chats->size()) + " chats with " +
+                                                             thousands(people.size()) + " people",
                    rows));
 }
 

@@ -25,13 +25,6 @@ std::string number(double value) {
   return text;
 }
 
-std::string thousands(int64_t value) {
-  std::string digits = std::to_string(value < 0 ? -value : value);
-  for (size_t at = digits.size(); at > 3; at -= 3)
-    digits.insert(at - 3, ",");
-  return value < 0 ? "-" + digits : digits;
-}
-
 // Names were typed by others: as XML text they must be escaped, and
 // characters XML cannot hold at all (controls, bytes that are no UTF-8)
 // become U+FFFD.

@@ -50,6 +50,13 @@ void replaceOccurrences(std::string &text, std::string_view placeholder, std::st
   text = std::move(out);
 }
 
+std::string thousands(uint64_t count) {
+  std::string digits = std::to_string(count);
+  for (size_t at = digits.size(); at > 3; at -= 3)
+    digits.insert(at - 3, ",");
+  return digits;
+}
+
 std::optional<std::string> readTemplate(const std::filesystem::path &path) {
   const auto bytes = readFileContents(path);
   if (!bytes)

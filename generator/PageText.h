@@ -2,6 +2,7 @@
 // placeholder replacement in the templates.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <initializer_list>
 #include <optional>
@@ -33,6 +34,9 @@ public:
 private:
   bool on_;
 };
+
+// A count with its thousands parted by commas: "3,412".
+std::string thousands(uint64_t count);
 
 // A template's text; nothing when it is missing or unreadable.
 std::optional<std::string> readTemplate(const std::filesystem::path &path);

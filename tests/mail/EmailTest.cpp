@@ -528,11 +528,11 @@ protected:
   // bytes without the parts that differ from one sending to the next.
   static std::vector<std::string> storedIn(const ImapServer &server, const std::string &folder) {
     const std::string read = server.reading(
-        "import email.utils, imaplib\n"
+        "import email.utils, imaplib, time\n"
         "imap.select('" + folder + "', readonly=True)\n"
         "for uid in imap.uid('SEARCH', 'ALL')[1][0].split():\n"
         "    data = imap.uid('FETCH', uid, '(INTERNALDATE RFC822)')[1][0]\n"
-        "    when = int(imaplib.Internaldate2tuple(data[0]) and __import__('time').mktime(imaplib.Internaldate2tuple(data[0])))\n"
+        "    when = int(time.mktime(imaplib.Internaldate2tuple(data[0])))\n"
         "    message = email.message_from_bytes(data[1])\n"
         "    date = int(email.utils.parsedate_to_datetime(message['Date']).timestamp())\n"
         "    print(when, date, data[1].decode().replace('\\r', '').replace('\\n', '\\\\n'), sep='|')\n");
