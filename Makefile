@@ -26,7 +26,7 @@ demo: deps all
 bench: deps
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
 	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults parlova-search
-	$(BUILD)-bench/bench/parlova_bench
+	$(BUILD)-bench/bench/parlova_bench $(FIGURES)
 
 # Every coverage-guided fuzz target (clang's libFuzzer with AddressSanitizer
 # and UBSan) for FUZZ_SECONDS each; the grown corpora stay in $(BUILD)-fuzz.

@@ -161,7 +161,11 @@ int catchUp(const RunOptions &options) {
     judgeEntry(entry, std::chrono::seconds(1));
     if (verbose)
       logFormat("Processing %@", entry);
-    auto log = ICLPChatLog::initWithFilePath(path);
+    // Read here, so that the history knows the chat by the very bytes
+    // that were decoded.
+    const auto contents = candidate ? readFileContents(path) : std::nullopt;
+    auto log = candidate ? ICLPChatLog::initWithFileContents(path, contents.value_or(std::vector<uint8_t>{}))
+                         : std::nullopt;
     if (options.pause)
       pauseFor(*options.pause);
     seen += candidate ? 1 : 0;
@@ -211,14 +215,11 @@ int catchUp(const RunOptions &options) {
       stopped = "the journal could not be written";
       break;
     }
-    if (preparation.handleURLs)
-      tally.pending.links += batch.archives().addLinks(*log);
-    if (preparation.handleImages)
-      tally.pending.pictures += batch.archives().addImages(*log);
-    batch.archives().addStatistics(*log);
-    if (keepHistory)
-      if (const auto identity = TranscriptJournal::identify(path))
-        batch.archives().addHistory(*log, identity->key(), target);
+    const auto added = batch.archives().add(
+        *log, preparation.handleURLs, preparation.handleImages,
+        keepHistory && contents ? std::optional(TranscriptJournal::identityOf(*contents).key()) : std::nullopt, target);
+    tally.pending.links += added.links;
+    tally.pending.pictures += added.pictures;
     const bool moved = MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero, Durability::ByNextSync);
     ++tally.pending.transcripts;
     if (!moved) {

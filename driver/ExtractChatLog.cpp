@@ -484,7 +484,8 @@ void ExtractChatLog(const std::string &path, ICLPChatLog *log) {
   const fs::path target = ArchiveTargetFor(path);
   if (ChatHistory::wanted())
     if (const auto identity = TranscriptJournal::identify(path)) {
-      ChatRecord record = ChatRecord::of(*log, ICLPLogGenerator::ReadWordLists(), identity->key(), target);
+      ChatRecord record = ChatRecord::of(*log, ICLPLogGenerator::CountChat(*log, ICLPLogGenerator::ReadWordLists()),
+                                         identity->key(), target);
       const bool library = ChatLibrary::wanted();
       if (library) {
         record.page = ChatLibrary::pagePath(record);
@@ -517,17 +518,13 @@ bool FinishInterruptedArchiving() {
     ArchiveBatch archives;
     for (const auto &move : recovery.moved) {
       // What was archived is the file as it is now, where it was moved.
-      const auto log = ICLPChatLog::initWithFilePath(move.target);
+      const auto contents = readFileContents(move.target);
+      const auto log = contents ? ICLPChatLog::initWithFileContents(move.target, *contents) : std::nullopt;
       if (!log)
         continue;
-      if (move.links)
-        archives.addLinks(*log);
-      if (move.images)
-        archives.addImages(*log);
-      archives.addStatistics(*log);
-      if (ChatHistory::wanted())
-        if (const auto identity = TranscriptJournal::identify(move.target))
-          archives.addHistory(*log, identity->key(), move.target);
+      archives.add(*log, move.links, move.images,
+                   ChatHistory::wanted() ? std::optional(TranscriptJournal::identityOf(*contents).key()) : std::nullopt,
+                   move.target);
     }
     if (!archives.commit()) {
       logLine("A catch-up ended half-way through a batch, and its archives cannot be written yet; the next run "

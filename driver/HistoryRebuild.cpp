@@ -70,13 +70,14 @@ int rebuildHistory(const RunOptions &options) {
     progress.show(read, entry);
     ++read;
     const fs::path path = ArchiveFolder() / entry;
-    const auto identity = TranscriptJournal::identify(path);
-    const auto log = identity ? ICLPChatLog::initWithFilePath(path) : std::nullopt;
+    const auto contents = readFileContents(path);
+    const auto log = contents ? ICLPChatLog::initWithFileContents(path, *contents) : std::nullopt;
     if (!log) {
       ++notLoaded;
       continue;
     }
-    ChatRecord record = ChatRecord::of(*log, lists, identity->key(), path);
+    ChatRecord record = ChatRecord::of(*log, ICLPLogGenerator::CountChat(*log, lists),
+                                       TranscriptJournal::identityOf(*contents).key(), path);
     // The pages missing from the library; a chat's row that has none yet
     // is given its page.
     if (library) {

@@ -37,7 +37,11 @@ std::optional<TranscriptJournal::Identity> TranscriptJournal::identify(const fs:
   const auto bytes = readFileContents(transcript);
   if (!bytes)
     return std::nullopt;
-  return Identity{bytes->size(), digestOf(*bytes)};
+  return identityOf(*bytes);
+}
+
+TranscriptJournal::Identity TranscriptJournal::identityOf(std::span<const uint8_t> contents) {
+  return Identity{contents.size(), digestOf(contents)};
 }
 
 PlistValue TranscriptJournal::existedBefore() const {

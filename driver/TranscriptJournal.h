@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -86,6 +87,7 @@ public:
     std::string key() const { return std::to_string(size) + "." + digest; }
   };
   static std::optional<Identity> identify(const std::filesystem::path &transcript);
+  static Identity identityOf(std::span<const uint8_t> contents);
 
 private:
   bool keepArchives();

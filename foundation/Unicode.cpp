@@ -106,6 +106,18 @@ std::string utf16ToUtf8(std::u16string_view in) {
   std::string out;
   out.reserve(in.size());
   for (size_t i = 0; i < in.size(); ++i) {
+    // Most of any chat is ASCII: such a run is copied a unit a byte.
+    size_t end = i;
+    while (end < in.size() && in[end] < 0x80)
+      ++end;
+    if (end > i) {
+      const size_t at = out.size();
+      out.resize(at + (end - i));
+      for (size_t k = i; k < end; ++k)
+        out[at + (k - i)] = static_cast<char>(in[k]);
+      i = end - 1;
+      continue;
+    }
     char32_t cp = in[i];
     if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < in.size() && in[i + 1] >= 0xDC00 &&
         in[i + 1] <= 0xDFFF) {

@@ -58,10 +58,11 @@ size_t ArchiveBatch::addImages(const ICLPChatLog &log) {
   return count;
 }
 
-void ArchiveBatch::addStatistics(const ICLPChatLog &log) {
+ICLPLogGenerator::ChatCounts ArchiveBatch::addStatistics(const ICLPChatLog &log) {
   if (!wordLists_)
     wordLists_ = ICLPLogGenerator::ReadWordLists();
-  const StatisticsTotals totals = ICLPLogGenerator::AddToTotals(&log, totals_, *wordLists_);
+  const ICLPLogGenerator::ChatCounts counts = ICLPLogGenerator::CountChat(log, *wordLists_);
+  const StatisticsTotals totals = ICLPLogGenerator::AddToTotals(log, counts, totals_);
   std::vector<uint8_t> bytes = ICLPLogGenerator::SerializedTotals(totals);
   // A totals file that cannot be made is not written, and the next
   // transcript starts from the one before.
@@ -69,12 +70,15 @@ void ArchiveBatch::addStatistics(const ICLPChatLog &log) {
     totals_ = {true, std::move(bytes)};
   lastTotals_ = totals;
   statisticsChanged_ = true;
+  return counts;
 }
 
-void ArchiveBatch::addHistory(const ICLPChatLog &log, std::string key, fs::path transcript) {
-  if (!wordLists_)
-    wordLists_ = ICLPLogGenerator::ReadWordLists();
-  ChatRecord record = ChatRecord::of(log, *wordLists_, std::move(key), std::move(transcript));
+void ArchiveBatch::addHistory(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
+                              fs::path transcript) {
+  statisticsChanged_ = true;
+  if (historyFailed_)
+    return;
+  ChatRecord record = ChatRecord::of(log, counts, std::move(key), std::move(transcript));
   // A chat's own page is written now, while its transcript is loaded; the
   // lists of the library wait for the commit.
   if (ChatLibrary::wanted()) {
@@ -82,17 +86,36 @@ void ArchiveBatch::addHistory(const ICLPChatLog &log, std::string key, fs::path 
     ChatLibrary::writeChatPage(log, record);
     libraryPagesDue_ = true;
   }
-  history_.push_back(std::move(record));
-  statisticsChanged_ = true;
+  if (!history_)
+    history_ = ChatHistory::Additions::begin();
+  historyFailed_ = !history_ || !history_->add(record);
+}
+
+ArchiveBatch::Added ArchiveBatch::add(const ICLPChatLog &log, bool links, bool images,
+                                      std::optional<std::string> historyKey, fs::path transcript) {
+  Added added;
+  if (links)
+    added.links = addLinks(log);
+  if (images)
+    added.pictures = addImages(log);
+  const ICLPLogGenerator::ChatCounts counts = addStatistics(log);
+  if (historyKey)
+    addHistory(log, counts, std::move(*historyKey), std::move(transcript));
+  return added;
 }
 
 bool ArchiveBatch::commit() {
   // The history first: a batch it could not take changes no archive, and
   // is done again from the journal (its rows are kept once however often).
-  if (!history_.empty()) {
-    if (!ChatHistory::store(history_))
+  if (historyFailed_)
+    return false;
+  if (history_) {
+    const bool kept = history_->commit().has_value();
+    history_.reset();
+    if (!kept) {
+      historyFailed_ = true;
       return false;
-    history_.clear();
+    }
   }
   // The stored pictures reach the disk before the archives that name them.
   if (imagePagesDue_)

@@ -31,15 +31,27 @@ public:
   // many links or files the transcript had.
   size_t addLinks(const ICLPChatLog &log);
   size_t addImages(const ICLPChatLog &log);
-  void addStatistics(const ICLPChatLog &log);
+  // Answers what the transcript added.
+  ICLPLogGenerator::ChatCounts addStatistics(const ICLPChatLog &log);
   // The chat for the history, under `key` (the transcript's size and
-  // digest), kept at `transcript`; written at commit().
-  void addHistory(const ICLPChatLog &log, std::string key, std::filesystem::path transcript);
+  // digest), kept at `transcript`; kept at commit().
+  void addHistory(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
+                  std::filesystem::path transcript);
 
-  // Writes the history and every archive changed since the last commit,
-  // then the pages of every stage that ran. False when the history or an
-  // archive could not be written (that is logged); the pages are then left
-  // alone.
+  // One transcript through the stages it is due: links, pictures, the
+  // statistics always and the history when it has a key.
+  struct Added {
+    size_t links = 0;
+    size_t pictures = 0;
+  };
+  Added add(const ICLPChatLog &log, bool links, bool images, std::optional<std::string> historyKey,
+            std::filesystem::path transcript);
+
+  // Keeps the history and writes every archive changed since the last
+  // commit, then the pages of every stage that ran. False when the history
+  // or an archive could not be written (that is logged); the pages are
+  // then left alone, and a history that failed fails every later commit:
+  // the batch is to be done again.
   bool commit();
 
 private:
@@ -50,7 +62,9 @@ private:
   ICLPLogGenerator::TotalsFile totals_;
   std::optional<StatisticsTotals> lastTotals_;
   std::optional<ICLPLogGenerator::WordLists> wordLists_;
-  std::vector<ChatRecord> history_;
+  // The history's rows of the batch, in a transaction until commit().
+  std::optional<ChatHistory::Additions> history_;
+  bool historyFailed_ = false;
   bool linksSorted_ = false;
   bool imagesSorted_ = false;
   bool linksChanged_ = false;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <ctime>
+#include <limits>
 #include <map>
 
 #include "context/Settings.h"
@@ -98,7 +99,7 @@ bool setAside() {
 
 } // namespace
 
-ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, std::string key,
+ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
                           fs::path transcript) {
   ChatRecord record;
   record.key = std::move(key);
@@ -111,6 +112,10 @@ ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::WordLi
                        : record.displayName;
   for (const auto &participant : participants)
     record.participants.push_back(participant->rawName());
+  // Every zone's offset, and every change of it, falls on a quarter hour,
+  // so the messages of one quarter hour share one conversion.
+  int64_t convertedQuarter = std::numeric_limits<int64_t>::min();
+  std::tm local{};
   for (const auto &message : log.messages()) {
     if (message->isStatusMessage())
       continue;
@@ -123,7 +128,10 @@ ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::WordLi
       const double seconds = time->timeIntervalSince1970();
       if (!record.firstTime)
         record.firstTime = seconds;
-      const std::tm local = localTime(seconds);
+      if (const auto quarter = static_cast<int64_t>(std::floor(seconds / 900)); quarter != convertedQuarter) {
+        local = localTime(seconds);
+        convertedQuarter = quarter;
+      }
       ++record.slots[static_cast<size_t>(local.tm_wday)][static_cast<size_t>(local.tm_hour)];
     }
   }
@@ -137,19 +145,14 @@ ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::WordLi
     }
   if (const auto last = log.LastMessageDate())
     record.lastTime = last->timeIntervalSince1970();
-  const WordSet *curses = lists.curses ? &*lists.curses : nullptr;
-  const WordSet *netspeak = lists.netspeak ? &*lists.netspeak : nullptr;
-  const auto words = log.CountWordsInSets(curses, netspeak);
-  record.userWords = words.user.all;
-  record.otherWords = words.others.all;
-  record.userCurses = words.user.inFirst;
-  record.otherCurses = words.others.inFirst;
-  record.userNetspeak = words.user.inSecond;
-  record.otherNetspeak = words.others.inSecond;
-  for (const ImageRecord &item : log.GatheredImages())
-    record.pictures += static_cast<int64_t>(item.images.size());
-  for (const LinkRecord &item : log.GatheredURLs())
-    record.links += static_cast<int64_t>(item.urls.size());
+  record.userWords = counts.user.all;
+  record.otherWords = counts.others.all;
+  record.userCurses = counts.user.inFirst;
+  record.otherCurses = counts.others.inFirst;
+  record.userNetspeak = counts.user.inSecond;
+  record.otherNetspeak = counts.others.inSecond;
+  record.pictures = counts.pictures;
+  record.links = counts.links;
   return record;
 }
 
@@ -195,130 +198,195 @@ std::optional<ChatHistory> ChatHistory::openExisting() {
   return opened(false);
 }
 
-std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records) {
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    auto history = open();
-    if (!history)
-      return std::nullopt;
-    auto added = history->add(records);
-    if (const size_t *count = std::get_if<size_t>(&added))
-      return *count;
-    const SqliteError &error = std::get<SqliteError>(added);
-    if (!error.damaged || attempt > 0) {
-      logFailure("written", error);
-      return std::nullopt;
-    }
-    history.reset();
-    if (!setAside())
-      return std::nullopt;
+// One open transaction of additions, with its statements prepared once.
+struct ChatHistory::Additions::Writing {
+  explicit Writing(ChatHistory opened) : history(std::move(opened)) {}
+  ~Writing() {
+    if (open)
+      history->database_.execute("ROLLBACK");
   }
-  return std::nullopt;
-}
 
-std::variant<size_t, SqliteError> ChatHistory::add(const std::vector<ChatRecord> &records) {
-  if (records.empty())
-    return size_t{0};
-  auto chat = database_.prepare(
-      "INSERT OR IGNORE INTO chats VALUES (NULL, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16, "
-      "?17, ?18, ?19, ?20)");
-  auto slot = database_.prepare("INSERT OR IGNORE INTO slots VALUES (?1, ?2, ?3, ?4)");
-  auto message = database_.prepare("INSERT INTO texts VALUES (?1, ?2, ?3, ?4)");
-  auto speaker = database_.prepare("INSERT OR IGNORE INTO speakers (account, name) VALUES (?1, ?2)");
-  auto speakerId = database_.prepare("SELECT id FROM speakers WHERE account = ?1 AND name = ?2");
-  auto changes = database_.prepare("SELECT changes(), last_insert_rowid()");
-  // A chat kept before the library was asked for gets its page later.
-  auto paged = database_.prepare("UPDATE chats SET page = ?2 WHERE key = ?1 AND page IS NULL");
-  for (auto *failed : {std::get_if<SqliteError>(&chat), std::get_if<SqliteError>(&slot),
-                       std::get_if<SqliteError>(&message), std::get_if<SqliteError>(&changes),
-                       std::get_if<SqliteError>(&paged), std::get_if<SqliteError>(&speaker),
-                       std::get_if<SqliteError>(&speakerId)})
-    if (failed)
-      return *failed;
-  auto &insertChat = std::get<SqliteStatement>(chat);
-  auto &insertSlot = std::get<SqliteStatement>(slot);
-  auto &insertMessage = std::get<SqliteStatement>(message);
-  std::map<std::pair<std::string, std::string>, int64_t> speakers;
-  const auto speakerOf = [&](const ChatRecord::Message &text) -> std::variant<int64_t, SqliteError> {
+  std::optional<SqliteError> prepare() {
+    SqliteDatabase &database = history->database_;
+    const auto prepared = [&](std::optional<SqliteStatement> &into, std::string_view sql) -> std::optional<SqliteError> {
+      auto made = database.prepare(sql);
+      if (auto *error = std::get_if<SqliteError>(&made))
+        return *error;
+      into.emplace(std::move(std::get<SqliteStatement>(made)));
+      return std::nullopt;
+    };
+    // A batch's pages stay in memory until it commits, instead of spilling
+    // into the file early and holding readers off for the rest of it.
+    if (auto failed = database.execute("PRAGMA cache_size = -65536"))
+      return failed;
+    for (const auto &[into, sql] : std::initializer_list<std::pair<std::optional<SqliteStatement> *, const char *>>{
+             {&chat, "INSERT OR IGNORE INTO chats VALUES (NULL, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, "
+                     "?13, ?14, ?15, ?16, ?17, ?18, ?19, ?20)"},
+             {&slot, "INSERT OR IGNORE INTO slots VALUES (?1, ?2, ?3, ?4)"},
+             {&message, "INSERT INTO texts VALUES (?1, ?2, ?3, ?4)"},
+             {&speaker, "INSERT OR IGNORE INTO speakers (account, name) VALUES (?1, ?2)"},
+             {&speakerId, "SELECT id FROM speakers WHERE account = ?1 AND name = ?2"},
+             {&changes, "SELECT changes(), last_insert_rowid()"},
+             // A chat kept before the library was asked for gets its page later.
+             {&paged, "UPDATE chats SET page = ?2 WHERE key = ?1 AND page IS NULL"}})
+      if (auto failed = prepared(*into, sql))
+        return failed;
+    if (auto failed = database.execute("BEGIN IMMEDIATE"))
+      return failed;
+    open = true;
+    return std::nullopt;
+  }
+
+  std::variant<int64_t, SqliteError> speakerOf(const ChatRecord::Message &text) {
     const auto known = speakers.find({text.account, text.speaker});
     if (known != speakers.end())
       return known->second;
-    if (auto failed = std::get<SqliteStatement>(speaker).bind(1, text.account).bind(2, text.speaker).run())
+    if (auto failed = speaker->bind(1, text.account).bind(2, text.speaker).run())
       return *failed;
-    auto &select = std::get<SqliteStatement>(speakerId);
-    select.bind(1, text.account).bind(2, text.speaker);
-    const auto step = select.step();
+    speakerId->bind(1, text.account).bind(2, text.speaker);
+    const auto step = speakerId->step();
     if (const auto *error = std::get_if<SqliteError>(&step))
       return *error;
-    const int64_t id = select.integer(0);
-    select.reset();
+    const int64_t id = speakerId->integer(0);
+    speakerId->reset();
     speakers.emplace(std::pair(text.account, text.speaker), id);
     return id;
-  };
-  auto &changed = std::get<SqliteStatement>(changes);
-  if (const auto failed = database_.execute("BEGIN IMMEDIATE"))
-    return *failed;
-  size_t added = 0;
-  std::optional<SqliteError> failed;
-  for (const ChatRecord &record : records) {
+  }
+
+  std::optional<SqliteError> add(const ChatRecord &record) {
     std::string participants;
     for (const std::string &account : record.participants)
       participants += account + "\n";
-    insertChat.bind(1, record.key).bind(2, record.transcript).bind(3, participants).bind(4, record.account);
-    insertChat.bind(5, record.displayName).bind(6, int64_t{record.group});
+    chat->bind(1, record.key).bind(2, record.transcript).bind(3, participants).bind(4, record.account);
+    chat->bind(5, record.displayName).bind(6, int64_t{record.group});
     if (record.firstTime) {
       const std::tm local = localTime(*record.firstTime);
-      insertChat.bind(7, *record.firstTime).bind(9, int64_t{local.tm_year + 1900} * 12 + local.tm_mon);
+      chat->bind(7, *record.firstTime).bind(9, int64_t{local.tm_year + 1900} * 12 + local.tm_mon);
     }
     if (record.lastTime)
-      insertChat.bind(8, *record.lastTime);
+      chat->bind(8, *record.lastTime);
     const int64_t counts[] = {record.messages,      record.userWords,    record.otherWords,
                               record.userCurses,    record.otherCurses,  record.userNetspeak,
                               record.otherNetspeak, record.links,        record.pictures};
     for (int i = 0; i < 9; ++i)
-      insertChat.bind(10 + i, counts[i]);
-    insertChat.bind(19, record.firstLine);
+      chat->bind(10 + i, counts[i]);
+    chat->bind(19, record.firstLine);
     if (record.page)
-      insertChat.bind(20, *record.page);
-    if ((failed = insertChat.run()))
-      break;
-    const auto step = changed.step();
-    const bool isNew = std::holds_alternative<bool>(step) && changed.integer(0) > 0;
-    const int64_t chat = changed.integer(1);
-    changed.reset();
-    if (!isNew) {
-      if (record.page && (failed = std::get<SqliteStatement>(paged).bind(1, record.key).bind(2, *record.page).run()))
-        break;
-      continue;
-    }
+      chat->bind(20, *record.page);
+    if (auto failed = chat->run())
+      return failed;
+    const auto step = changes->step();
+    const bool isNew = std::holds_alternative<bool>(step) && changes->integer(0) > 0;
+    const int64_t id = changes->integer(1);
+    changes->reset();
+    if (!isNew)
+      return record.page ? paged->bind(1, record.key).bind(2, *record.page).run() : std::nullopt;
     ++added;
-    for (int day = 0; day < 7 && !failed; ++day)
-      for (int hour = 0; hour < 24 && !failed; ++hour)
+    for (int day = 0; day < 7; ++day)
+      for (int hour = 0; hour < 24; ++hour)
         if (const int64_t messages = record.slots[day][hour]; messages > 0)
-          failed = insertSlot.bind(1, chat).bind(2, int64_t{day}).bind(3, int64_t{hour}).bind(4, messages).run();
+          if (auto failed = slot->bind(1, id).bind(2, int64_t{day}).bind(3, int64_t{hour}).bind(4, messages).run())
+            return failed;
     // A chat's messages follow each other in the index, so the ones around
     // a hit are its neighbours by row. Times in whole seconds.
-    for (size_t i = 0; i < record.texts.size() && !failed; ++i) {
-      const ChatRecord::Message &text = record.texts[i];
+    for (const ChatRecord::Message &text : record.texts) {
       const auto who = speakerOf(text);
-      if (const auto *error = std::get_if<SqliteError>(&who)) {
-        failed = *error;
-        break;
-      }
-      insertMessage.bind(1, text.text).bind(2, chat);
+      if (const auto *error = std::get_if<SqliteError>(&who))
+        return *error;
+      message->bind(1, text.text).bind(2, id);
       if (text.time)
-        insertMessage.bind(3, static_cast<int64_t>(std::floor(*text.time)));
-      failed = insertMessage.bind(4, std::get<int64_t>(who)).run();
+        message->bind(3, static_cast<int64_t>(std::floor(*text.time)));
+      if (auto failed = message->bind(4, std::get<int64_t>(who)).run())
+        return failed;
     }
-    if (failed)
-      break;
+    return std::nullopt;
   }
-  if (!failed)
-    failed = database_.execute("COMMIT");
-  if (failed) {
-    database_.execute("ROLLBACK");
-    return *failed;
+
+  // Gives up the batch: nothing of it is kept, and a damaged file is set
+  // aside for the next try.
+  void abandon(const SqliteError &error) {
+    logFailure("written", error);
+    if (open)
+      history->database_.execute("ROLLBACK");
+    open = false;
+    failed = true;
+    if (error.damaged) {
+      for (auto *statement : {&chat, &slot, &message, &speaker, &speakerId, &changes, &paged})
+        statement->reset();
+      history.reset();
+      setAsideDamaged = setAside();
+    }
   }
-  return added;
+
+  std::optional<ChatHistory> history;
+  bool open = false;
+  bool failed = false;
+  bool setAsideDamaged = false;
+  size_t added = 0;
+  std::optional<SqliteStatement> chat, slot, message, speaker, speakerId, changes, paged;
+  std::map<std::pair<std::string, std::string>, int64_t> speakers;
+};
+
+ChatHistory::Additions::Additions(std::unique_ptr<Writing> writing) : writing_(std::move(writing)) {}
+ChatHistory::Additions::Additions(Additions &&) noexcept = default;
+ChatHistory::Additions &ChatHistory::Additions::operator=(Additions &&) noexcept = default;
+ChatHistory::Additions::~Additions() = default;
+
+std::optional<ChatHistory::Additions> ChatHistory::Additions::begin() {
+  auto history = open();
+  if (!history)
+    return std::nullopt;
+  auto writing = std::make_unique<Writing>(std::move(*history));
+  if (const auto failed = writing->prepare()) {
+    writing->abandon(*failed);
+    return std::nullopt;
+  }
+  return Additions(std::move(writing));
+}
+
+bool ChatHistory::Additions::add(const ChatRecord &record) {
+  if (writing_->failed)
+    return false;
+  if (const auto failed = writing_->add(record)) {
+    writing_->abandon(*failed);
+    return false;
+  }
+  return true;
+}
+
+bool ChatHistory::Additions::setAsideDamaged() const { return writing_->setAsideDamaged; }
+
+std::optional<size_t> ChatHistory::Additions::commit() {
+  if (writing_->failed)
+    return std::nullopt;
+  if (const auto failed = writing_->history->database_.execute("COMMIT")) {
+    writing_->abandon(*failed);
+    return std::nullopt;
+  }
+  writing_->open = false;
+  writing_->failed = true; // one commit a batch
+  return writing_->added;
+}
+
+std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records) {
+  if (records.empty())
+    return size_t{0};
+  // A database found damaged on the way is set aside; the chats then go
+  // into a new one.
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    auto additions = Additions::begin();
+    if (!additions)
+      return std::nullopt;
+    bool written = true;
+    for (const ChatRecord &record : records)
+      if (!(written = additions->add(record)))
+        break;
+    if (written)
+      return additions->commit();
+    if (!additions->setAsideDamaged())
+      return std::nullopt;
+  }
+  return std::nullopt;
 }
 
 std::optional<std::vector<LibraryChat>> ChatHistory::library() {

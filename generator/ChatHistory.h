@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -54,7 +55,7 @@ struct ChatRecord {
   // Its page in the chat library, relative to the library's folder.
   std::optional<std::string> page;
 
-  static ChatRecord of(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, std::string key,
+  static ChatRecord of(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
                        std::filesystem::path transcript);
 };
 
@@ -112,6 +113,32 @@ public:
   // database found damaged while writing is set aside too, and the chats
   // go into a new one).
   static std::optional<size_t> store(const std::vector<ChatRecord> &records);
+
+  // Chats added one at a time and kept all or none, for a batch too large
+  // to hold as records: their rows wait in one transaction until commit().
+  // Dropped uncommitted, it keeps none of them.
+  class Additions {
+  public:
+    // Nothing when the history cannot be opened (logged).
+    static std::optional<Additions> begin();
+    Additions(Additions &&) noexcept;
+    Additions &operator=(Additions &&) noexcept;
+    ~Additions();
+    // False when the chat could not be written (logged): nothing of the
+    // batch is kept then, and commit() fails. A damaged database is set
+    // aside, so that the batch done again goes into a new one.
+    bool add(const ChatRecord &record);
+    // How many chats were new; nothing when they could not be kept
+    // (logged).
+    std::optional<size_t> commit();
+    // Whether it failed on a damaged database, now set aside.
+    bool setAsideDamaged() const;
+
+  private:
+    struct Writing;
+    explicit Additions(std::unique_ptr<Writing> writing);
+    std::unique_ptr<Writing> writing_;
+  };
   // Nothing when it cannot be read (logged).
   std::optional<HistorySummary> summary();
   // The chats that have a page in the library, by person and time.
@@ -120,7 +147,6 @@ public:
 private:
   explicit ChatHistory(SqliteDatabase database) : database_(std::move(database)) {}
   static std::optional<ChatHistory> opened(bool create);
-  std::variant<size_t, SqliteError> add(const std::vector<ChatRecord> &records);
   SqliteDatabase database_;
 };
 

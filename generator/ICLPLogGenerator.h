@@ -66,9 +66,20 @@ public:
   };
   static TotalsFile ReadTotalsFile();
   static WordLists ReadWordLists();
+  // What one transcript adds to the totals; counted once, it serves the
+  // history as well.
+  struct ChatCounts {
+    WordCounts user;
+    WordCounts others;
+    int64_t links = 0;
+    int64_t pictures = 0;
+  };
+  static ChatCounts CountChat(const ICLPChatLog &log, const WordLists &lists);
   // The totals after `log` (or, with no transcript, after a run that only
   // moves the end date), starting from `file`.
   static StatisticsTotals AddToTotals(const ICLPChatLog *log, const TotalsFile &file, const WordLists &lists);
+  // The same with the transcript's counts already made.
+  static StatisticsTotals AddToTotals(const ICLPChatLog &log, const ChatCounts &counts, const TotalsFile &file);
   // The totals file's contents; empty when they could not be serialized.
   static std::vector<uint8_t> SerializedTotals(const StatisticsTotals &totals);
   static void RebuildStatisticsPage(const StatisticsTotals &totals);

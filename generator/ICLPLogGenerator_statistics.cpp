@@ -56,20 +56,15 @@ StatisticsTotals loadTotals(const ICLPLogGenerator::TotalsFile &file, const fs::
   return totals;
 }
 
-void addTranscript(const ICLPChatLog &log, const ICLPLogGenerator::WordLists &lists, StatisticsTotals &totals) {
-  const WordSet *curseSet = lists.curses ? &*lists.curses : nullptr;
-  const WordSet *netspeakSet = lists.netspeak ? &*lists.netspeak : nullptr;
-  const auto words = log.CountWordsInSets(curseSet, netspeakSet);
-  totals.userWords = wrappingAdd(totals.userWords, words.user.all);
-  totals.otherWords = wrappingAdd(totals.otherWords, words.others.all);
-  totals.userCurses = wrappingAdd(totals.userCurses, words.user.inFirst);
-  totals.otherCurses = wrappingAdd(totals.otherCurses, words.others.inFirst);
-  totals.userNetspeak = wrappingAdd(totals.userNetspeak, words.user.inSecond);
-  totals.otherNetspeak = wrappingAdd(totals.otherNetspeak, words.others.inSecond);
-  for (const ImageRecord &item : log.GatheredImages())
-    totals.images = wrappingAdd(totals.images, static_cast<int64_t>(item.images.size()));
-  for (const LinkRecord &item : log.GatheredURLs())
-    totals.links = wrappingAdd(totals.links, static_cast<int64_t>(item.urls.size()));
+void addCounts(const ICLPLogGenerator::ChatCounts &counts, StatisticsTotals &totals) {
+  totals.userWords = wrappingAdd(totals.userWords, counts.user.all);
+  totals.otherWords = wrappingAdd(totals.otherWords, counts.others.all);
+  totals.userCurses = wrappingAdd(totals.userCurses, counts.user.inFirst);
+  totals.otherCurses = wrappingAdd(totals.otherCurses, counts.others.inFirst);
+  totals.userNetspeak = wrappingAdd(totals.userNetspeak, counts.user.inSecond);
+  totals.otherNetspeak = wrappingAdd(totals.otherNetspeak, counts.others.inSecond);
+  totals.images = wrappingAdd(totals.images, counts.pictures);
+  totals.links = wrappingAdd(totals.links, counts.links);
 }
 
 // The eleven keys in their order. Without a start date the dictionary ends
@@ -103,14 +98,34 @@ ICLPLogGenerator::WordLists ICLPLogGenerator::ReadWordLists() {
   return {loadWordList(folder / "curses.plist"), loadWordList(folder / "netspeak.plist")};
 }
 
+ICLPLogGenerator::ChatCounts ICLPLogGenerator::CountChat(const ICLPChatLog &log, const WordLists &lists) {
+  const WordSet *curseSet = lists.curses ? &*lists.curses : nullptr;
+  const WordSet *netspeakSet = lists.netspeak ? &*lists.netspeak : nullptr;
+  const auto words = log.CountWordsInSets(curseSet, netspeakSet);
+  ChatCounts counts{words.user, words.others};
+  for (const ImageRecord &item : log.GatheredImages())
+    counts.pictures += static_cast<int64_t>(item.images.size());
+  for (const LinkRecord &item : log.GatheredURLs())
+    counts.links += static_cast<int64_t>(item.urls.size());
+  return counts;
+}
+
 StatisticsTotals ICLPLogGenerator::AddToTotals(const ICLPChatLog *log, const TotalsFile &file,
                                                const WordLists &lists) {
-  StatisticsTotals totals = loadTotals(file, parlovaFolder());
   if (log)
-    addTranscript(*log, lists, totals);
+    return AddToTotals(*log, CountChat(*log, lists), file);
+  StatisticsTotals totals = loadTotals(file, parlovaFolder());
+  totals.endDate = Date::now();
+  return totals;
+}
+
+StatisticsTotals ICLPLogGenerator::AddToTotals(const ICLPChatLog &log, const ChatCounts &counts,
+                                               const TotalsFile &file) {
+  StatisticsTotals totals = loadTotals(file, parlovaFolder());
+  addCounts(counts, totals);
   // An older transcript processed later moves the end back: the end date
   // always follows the last transcript.
-  totals.endDate = log ? log->LastMessageDate() : std::optional<Date>(Date::now());
+  totals.endDate = log.LastMessageDate();
   return totals;
 }
 

@@ -47,6 +47,14 @@ std::string ICLPChatLog::reasonNotLoaded(const std::filesystem::path &path) {
 }
 
 std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::path &path) {
+  if (!hasTranscriptExtension(path))
+    return std::nullopt;
+  // An unreadable file decodes as no data at all.
+  return initWithFileContents(path, readFileContents(path).value_or(std::vector<uint8_t>{}));
+}
+
+std::optional<ICLPChatLog> ICLPChatLog::initWithFileContents(const std::filesystem::path &path,
+                                                             std::span<const uint8_t> contents) {
   const std::string fileName = path.filename().string();
   const std::string extension = pathExtension(fileName);
   Format format;
@@ -57,9 +65,7 @@ std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::
   else
     return std::nullopt;
 
-  // The file is read and decoded before its name is looked at, and an
-  // unreadable file decodes as no data at all.
-  const auto contents = readFileContents(path).value_or(std::vector<uint8_t>{});
+  // The contents are decoded before the file's name is looked at.
   const auto on = fileName.rfind(" on ");
   auto log = initWithArchiveData(contents, format, on == std::string::npos ? "" : fileName.substr(0, on));
   if (on == std::string::npos)

@@ -23,6 +23,10 @@ public:
   // an extension other than exactly "chat" or "ichat", a file name without
   // " on ", or contents that do not decode to a transcript root.
   static std::optional<ICLPChatLog> initWithFilePath(const std::filesystem::path &path);
+  // The same for `contents`, read from `path` by the caller, who wants
+  // the very bytes that were decoded (to know them again later).
+  static std::optional<ICLPChatLog> initWithFileContents(const std::filesystem::path &path,
+                                                         std::span<const uint8_t> contents);
   // The extension is exactly "chat" or "ichat".
   static bool hasTranscriptExtension(const std::filesystem::path &path);
   // Why initWithFilePath gave nothing for `path`, in the order loading

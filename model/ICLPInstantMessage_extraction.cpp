@@ -44,9 +44,13 @@ std::string ICLPInstantMessage::SearchableText() const {
     const auto file = attachment ? attachment->fileWrapper() : nullptr;
     names.push_back(file && file->preferredFilename() ? utf8ToUtf16(*file->preferredFilename()) : u"");
   });
+  const std::u16string &said = string_->string();
+  if (names.empty())
+    return utf16ToUtf8(said);
   std::u16string text;
+  text.reserve(said.size());
   size_t attached = 0;
-  for (const char16_t unit : string_->string()) {
+  for (const char16_t unit : said) {
     if (unit == 0xFFFC && attached < names.size())
       text += names[attached++];
     else

@@ -23,19 +23,22 @@ std::shared_ptr<const ICLPPresentity> ICLPPresentity::initWithCoder(Coder &coder
 
 std::string ICLPPresentity::description() const { return name_ + " on protocol " + protocol_; }
 
+// Asked for every message a participant said: each branch looks up only
+// what it needs.
 std::optional<std::string> ICLPPresentity::Name() const {
-  const char *user = std::getenv("USER");
-  const std::optional<std::string> loginName = user ? std::optional<std::string>(user) : std::nullopt;
-  const ContactCard *me = AddressBook::shared().me();
-  const std::optional<std::string> myHandle = me ? me->primaryAIMHandle() : std::nullopt;
-  const std::string fullName = me && me->firstName && me->lastName ? *me->firstName + " " + *me->lastName : name_;
-
-  if (name_ == " myself " && protocol_ == "SubNet")
-    return loginName;
+  if (name_ == " myself " && protocol_ == "SubNet") {
+    const char *user = std::getenv("USER");
+    return user ? std::optional<std::string>(user) : std::nullopt;
+  }
   if (protocol_ == "SubNet")
     return name_.substr(0, name_.find('@'));
-  if (protocol_ == "AIM")
-    return myHandle && name_ == *myHandle ? fullName : ResolveAIMName(name_);
+  if (protocol_ == "AIM") {
+    const ContactCard *me = AddressBook::shared().me();
+    const std::optional<std::string> myHandle = me ? me->primaryAIMHandle() : std::nullopt;
+    if (!myHandle || name_ != *myHandle)
+      return ResolveAIMName(name_);
+    return me->firstName && me->lastName ? *me->firstName + " " + *me->lastName : name_;
+  }
   return name_;
 }
 

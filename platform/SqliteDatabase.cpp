@@ -20,7 +20,7 @@ SqliteError sqliteError(sqlite3 *database, int code) {
     system = ENOSPC;
   if (system != 0)
     text += std::string(" (") + std::strerror(system) + ")";
-  return {text, primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB};
+  return {text, primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB, primary == SQLITE_BUSY || primary == SQLITE_LOCKED};
 }
 
 void SqliteStatement::Finalizer::operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }

@@ -19,6 +19,7 @@ namespace parlova {
 struct SqliteError {
   std::string message;
   bool damaged = false; // the file is not a database, or a damaged one
+  bool busy = false;    // another connection held it longer than we waited
 };
 
 class SqliteStatement {

@@ -33,7 +33,10 @@ std::string quoted(std::string_view word) {
 }
 
 // FTS5's complaint in the user's words.
-SearchFailure badQuery(const std::string &sqlite) {
+SearchFailure badQuery(const SqliteError &error) {
+  if (error.busy)
+    return {SearchFailure::Kind::Busy, "the chat history is being written"};
+  const std::string &sqlite = error.message;
   if (sqlite.find("unterminated string") != std::string::npos)
     return {SearchFailure::Kind::BadQuery, "a quote in the query is not closed"};
   const size_t near = sqlite.find("syntax error near ");
@@ -44,6 +47,16 @@ SearchFailure badQuery(const std::string &sqlite) {
                 " (AND, OR and NOT need words on both sides, and every parenthesis its partner)"};
   }
   return {SearchFailure::Kind::BadQuery, "the query cannot be read"};
+}
+
+// A history kept before messages were indexed has no table of them; one
+// whose tables cannot be read at all is another matter.
+SearchFailure unprepared(const SqliteError &error) {
+  if (error.busy)
+    return {SearchFailure::Kind::Busy, "the chat history is being written"};
+  if (error.message.find("no such table") != std::string::npos)
+    return {SearchFailure::Kind::NoIndex, "the chat history has no index of the messages"};
+  return {SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
 }
 
 SearchHit::Message messageOf(const SqliteStatement &row, int first) {
@@ -134,49 +147,45 @@ std::string ftsQuery(std::string_view typed) {
   return query;
 }
 
+std::string hitsStatement(HitOrder order) {
+  return std::string("SELECT texts.rowid, texts.chat, texts.time, s.account, s.name, texts.text, "
+                     "highlight(texts, 0, ?6, ?7), snippet(texts, 0, '', '', '\xE2\x80\xA6', 16), "
+                     "c.transcript, c.participants, c.display_name, c.first_time, c.page "
+                     "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
+                     "WHERE texts MATCH ?1 "
+                     "AND (?2 IS NULL OR lower(c.account) = lower(?2) OR lower(c.display_name) = lower(?2) "
+                     "     OR instr(char(10) || lower(c.participants), char(10) || lower(?2) || char(10)) > 0) "
+                     "AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) ") +
+         (order == HitOrder::Oldest ? "ORDER BY texts.time, texts.rowid "
+          : order == HitOrder::Best ? "ORDER BY rank "
+                                    : "ORDER BY texts.rowid DESC ") +
+         "LIMIT ?5";
+}
+
 std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabase &history,
                                                                    const SearchOptions &options) {
   const std::string query = ftsQuery(options.query);
   if (query.empty())
     return SearchFailure{SearchFailure::Kind::BadQuery, "there are no words to search for"};
-  {
-    auto indexed = history.prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'texts'");
-    auto *statement = std::get_if<SqliteStatement>(&indexed);
-    const auto step = statement ? statement->step() : std::variant<bool, SqliteError>(SqliteError{});
-    if (!statement || std::holds_alternative<SqliteError>(step))
-      return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
-    if (!std::get<bool>(step))
-      return SearchFailure{SearchFailure::Kind::NoIndex, "the chat history has no index of the messages"};
-  }
   // Ranking reads every hit; for a word in many thousands of messages the
   // ranks barely differ and the reader waits for nothing: the most recently
   // kept come first then. A count is cheap.
   bool best = !options.byDate;
   if (best && options.limit != 0) {
-    auto counted = history.prepare("SELECT count(*) FROM texts WHERE texts MATCH ?1");
+    auto counted = history.prepare(kCountStatement);
     auto *count = std::get_if<SqliteStatement>(&counted);
     if (!count)
-      return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
+      return unprepared(std::get<SqliteError>(counted));
     count->bind(1, query);
     const auto step = count->step();
     if (const auto *error = std::get_if<SqliteError>(&step))
-      return badQuery(error->message);
+      return badQuery(*error);
     best = count->integer(0) <= kMostRanked;
   }
-  const std::string sql =
-      "SELECT texts.rowid, texts.chat, texts.time, s.account, s.name, texts.text, "
-      "highlight(texts, 0, ?6, ?7), snippet(texts, 0, '', '', '\xE2\x80\xA6', 16), "
-      "c.transcript, c.participants, c.display_name, c.first_time, c.page "
-      "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
-      "WHERE texts MATCH ?1 "
-      "AND (?2 IS NULL OR lower(c.account) = lower(?2) OR lower(c.display_name) = lower(?2) "
-      "     OR instr(char(10) || lower(c.participants), char(10) || lower(?2) || char(10)) > 0) "
-      "AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) " +
-      std::string(options.byDate ? "ORDER BY texts.time, texts.rowid " : best ? "ORDER BY rank " : "ORDER BY texts.rowid DESC ") +
-      "LIMIT ?5";
+  const std::string sql = hitsStatement(options.byDate ? HitOrder::Oldest : best ? HitOrder::Best : HitOrder::Newest);
   auto prepared = history.prepare(sql);
-  if (std::holds_alternative<SqliteError>(prepared))
-    return SearchFailure{SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
+  if (const auto *error = std::get_if<SqliteError>(&prepared))
+    return unprepared(*error);
   auto &statement = std::get<SqliteStatement>(prepared);
   statement.bind(1, query);
   if (options.with)
@@ -192,7 +201,7 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
   while (true) {
     const auto step = statement.step();
     if (const auto *error = std::get_if<SqliteError>(&step))
-      return badQuery(error->message);
+      return badQuery(*error);
     if (!std::get<bool>(step))
       break;
     SearchHit hit;

@@ -59,8 +59,15 @@ struct SearchHit {
 // Above this many matching messages, hits come newest first, unranked.
 inline constexpr int64_t kMostRanked = 10000;
 
+// The statements a search runs: how many messages match ?1, then the hits
+// (?1 the query, ?2 the person or null, ?3 and ?4 the instants or null, ?5
+// the most hits, ?6 and ?7 the marks around matched words).
+inline constexpr const char *kCountStatement = "SELECT count(*) FROM texts WHERE texts MATCH ?1";
+enum class HitOrder { Best, Newest, Oldest };
+std::string hitsStatement(HitOrder order);
+
 struct SearchFailure {
-  enum class Kind { BadQuery, NoIndex, Unreadable } kind;
+  enum class Kind { BadQuery, NoIndex, Unreadable, Busy } kind;
   std::string reason; // in the user's words, never SQLite's
 };
 

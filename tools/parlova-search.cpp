@@ -134,12 +134,13 @@ void printJson(const std::vector<SearchHit> &hits) {
     std::string with = "[";
     for (const std::string &account : hit.with)
       with += (with.size() > 1 ? "," : "") + json(account);
+    const auto page = pageOf(hit);
     std::printf("{\"transcript\":%s,\"with\":%s],\"account\":%s,\"speaker\":%s,\"time\":%s,\"text\":%s,"
                 "\"snippet\":%s,\"page\":%s}\n",
                 json(hit.transcript).c_str(), with.c_str(), json(hit.message.account).c_str(),
                 json(hit.message.speaker).c_str(),
                 hit.message.time ? json(isoTime(hit.message.time)).c_str() : "null", json(hit.message.text).c_str(),
-                json(hit.snippet).c_str(), pageOf(hit) ? json(*pageOf(hit)).c_str() : "null");
+                json(hit.snippet).c_str(), page ? json(*page).c_str() : "null");
   }
 }
 
@@ -252,6 +253,9 @@ int main(int argc, char **argv) {
       return trouble(noIndex);
     if (failure->kind == parlova::SearchFailure::Kind::Unreadable)
       return trouble("the chat history " + file.string() + " cannot be read");
+    if (failure->kind == parlova::SearchFailure::Kind::Busy)
+      return trouble("the chat history is being written (a catch-up or a rebuild is under way); try again when it "
+                     "is done");
     return trouble(failure->reason);
   }
   const auto &hits = std::get<std::vector<SearchHit>>(found);
