@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string_view>
 
 namespace parlova {
@@ -60,9 +61,10 @@ uint64_t bigEndian(std::span<const uint8_t> bytes, size_t at, size_t width) {
 }
 
 // Binary: follows the object references from the top object with a stack of
-// its own, as deep as the containers go. Anything malformed is left for
-// libplist to refuse.
-bool binaryNestingWithinLimit(std::span<const uint8_t> bytes) {
+// its own, as deep as the containers go, and refuses a dictionary key that
+// holds a NUL: libplist reads such a key but aborts the process when it is
+// asked for it. Anything else malformed is left for libplist to refuse.
+bool binaryFitForLibplist(std::span<const uint8_t> bytes) {
   if (bytes.size() < 8 + 32)
     return true;
   const size_t trailer = bytes.size() - 32;
@@ -75,28 +77,56 @@ bool binaryNestingWithinLimit(std::span<const uint8_t> bytes) {
       top >= count || table > trailer || (trailer - table) / offsetSize < count)
     return true;
   const auto offsetOf = [&](uint64_t object) { return bigEndian(bytes, table + object * offsetSize, offsetSize); };
-  // The references a container holds: where they start and how many.
-  const auto references = [&](uint64_t object, size_t &first, uint64_t &refs) {
+  // An object's kind, where its contents start and its length (in
+  // elements or characters), or nothing when it does not read.
+  struct Object {
+    uint8_t kind;
+    size_t first;
+    uint64_t length;
+  };
+  const auto objectAt = [&](uint64_t object) -> std::optional<Object> {
     const uint64_t at = offsetOf(object);
     if (at >= trailer)
-      return false;
-    const uint8_t marker = bytes[at];
-    const uint8_t kind = marker >> 4;
-    if (kind != 0xA && kind != 0xB && kind != 0xC && kind != 0xD)
-      return false;
-    uint64_t length = marker & 0x0F;
-    first = at + 1;
-    if (length == 0x0F) {
-      if (first >= trailer || (bytes[first] >> 4) != 0x1)
-        return false;
-      const size_t width = size_t{1} << (bytes[first] & 0x0F);
-      if (width > 8 || first + 1 + width > trailer)
-        return false;
-      length = bigEndian(bytes, first + 1, width);
-      first += 1 + width;
+      return std::nullopt;
+    Object found{static_cast<uint8_t>(bytes[at] >> 4), at + 1, bytes[at] & 0x0Fu};
+    if (found.length == 0x0F) {
+      if (found.first >= trailer || (bytes[found.first] >> 4) != 0x1)
+        return std::nullopt;
+      const size_t width = size_t{1} << (bytes[found.first] & 0x0F);
+      if (width > 8 || found.first + 1 + width > trailer)
+        return std::nullopt;
+      found.length = bigEndian(bytes, found.first + 1, width);
+      found.first += 1 + width;
     }
-    refs = kind == 0xD ? length * 2 : length;
-    return refs <= (trailer - first) / refSize;
+    return found;
+  };
+  const auto holdsNul = [&](uint64_t key) {
+    const auto string = key < count ? objectAt(key) : std::nullopt;
+    if (!string || (string->kind != 0x5 && string->kind != 0x6))
+      return false;
+    const size_t width = string->kind == 0x6 ? 2 : 1;
+    if (string->length > (trailer - string->first) / width)
+      return false;
+    for (size_t i = 0; i < string->length; ++i)
+      if (bigEndian(bytes, string->first + i * width, width) == 0)
+        return true;
+    return false;
+  };
+  // The references a container holds: where they start and how many.
+  bool damagedKey = false;
+  const auto references = [&](uint64_t object, size_t &first, uint64_t &refs) {
+    const auto container = objectAt(object);
+    if (!container || (container->kind != 0xA && container->kind != 0xB && container->kind != 0xC &&
+                       container->kind != 0xD))
+      return false;
+    first = container->first;
+    refs = container->kind == 0xD ? container->length * 2 : container->length;
+    if (refs > (trailer - first) / refSize)
+      return false;
+    if (container->kind == 0xD)
+      for (uint64_t i = 0; i < container->length && !damagedKey; ++i)
+        damagedKey = holdsNul(bigEndian(bytes, first + i * refSize, refSize));
+    return true;
   };
   // Heights: unknown, being walked (a cycle when met again), or known.
   std::vector<int> height(count, -1);
@@ -120,7 +150,7 @@ bool binaryNestingWithinLimit(std::span<const uint8_t> bytes) {
     stack.push_back(frame);
     return true;
   };
-  if (!enter(top))
+  if (!enter(top) || damagedKey)
     return false;
   while (!stack.empty()) {
     Frame &frame = stack.back();
@@ -138,7 +168,7 @@ bool binaryNestingWithinLimit(std::span<const uint8_t> bytes) {
     const uint64_t child = bigEndian(bytes, frame.first + frame.next++ * refSize, refSize);
     if (child >= count || height[child] >= 0)
       continue;
-    if (height[child] == -2 || !enter(child))
+    if (height[child] == -2 || !enter(child) || damagedKey)
       return false;
   }
   return height[top] <= kMostNesting;
@@ -238,7 +268,7 @@ PlistPtr parsePropertyList(std::span<const uint8_t> bytes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max())
     return nullptr;
   const bool binary = bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist00", 8) == 0;
-  if (!(binary ? binaryNestingWithinLimit(bytes) : xmlNestingWithinLimit(bytes)))
+  if (!(binary ? binaryFitForLibplist(bytes) : xmlNestingWithinLimit(bytes)))
     return nullptr;
   plist_t node = nullptr;
   const auto *data = reinterpret_cast<const char *>(bytes.data());

@@ -41,5 +41,27 @@ TEST(PropertyListWriter, XmlThatAnyReaderTakesWhateverTheTextsHold) {
   EXPECT_EQ(plistString(plist_dict_get_item(ours.get(), "line\rbreak")), "cr\r\nlf");
 }
 
+// A damaged file whose dictionary key holds a NUL (bytes from Python's
+// plistlib, in both string forms): libplist reads it but aborts when the
+// key is asked for, so it must be refused before libplist sees it. The
+// same dictionary without the NUL still reads.
+TEST(PropertyListReader, RefusesADictionaryKeyHoldingANul) {
+  const std::string ascii("bplist00\xd2\x01\x02\x03\x04\x53\x61\x00\x62\x52\x6f\x6b\x10\x01\x51\x78\x08\x0d"
+                          "\x11\x14\x16\x00\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x05\x00"
+                          "\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x18",
+                          61);
+  const std::string utf16("bplist00\xd1\x01\x02\x65\x00\x63\x00\x61\x00\x66\x00\xe9\x00\x00\x10\x01\x08\x0b"
+                          "\x16\x00\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x03\x00\x00\x00"
+                          "\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x18",
+                          59);
+  for (const std::string &file : {ascii, utf16})
+    EXPECT_EQ(parsePropertyList({reinterpret_cast<const uint8_t *>(file.data()), file.size()}), nullptr);
+  std::string mended = ascii;
+  mended[15] = 'x';
+  const PlistPtr read = parsePropertyList({reinterpret_cast<const uint8_t *>(mended.data()), mended.size()});
+  ASSERT_NE(read, nullptr);
+  EXPECT_EQ(plistDictionaryEntries(read.get()).front().first, "axb");
+}
+
 } // namespace
 } // namespace parlova::testing
