@@ -4,7 +4,8 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 CMAKE_FLAGS ?=
 
-.PHONY: all deps check demo bench fuzz fuzz-mutations crashtest install deb deb-check clean
+.PHONY: all deps check check-fuzz check-ubsan demo bench fuzz fuzz-build fuzz-coverage fuzz-mutations crashtest \
+  install deb deb-check clean
 
 all: $(BUILD)/Makefile
 	cmake --build $(BUILD) -j$(JOBS)
@@ -15,10 +16,26 @@ $(BUILD)/Makefile:
 deps:
 	tools/install-deps
 
+# Every test; then each fuzz target briefly, over its saved failures first;
+# then the tests again with every undefined behaviour an error.
 check: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+	$(MAKE) check-fuzz
+	$(MAKE) check-ubsan
+
+FUZZ_CHECK_SECONDS ?= 15
+check-fuzz: fuzz-build
+	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_CHECK_SECONDS)
+
+# The tests under UndefinedBehaviorSanitizer, the kill tests (which prove
+# other things, at length) left out.
+check-ubsan: deps
+	cmake -S . -B $(BUILD)-ubsan -DPARLOVA_TESTS=ON -DPARLOVA_UBSAN=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD)-ubsan -j$(JOBS)
+	cd $(BUILD)-ubsan && UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j$(JOBS) -E '^(Crash|Faults|Layering)\.'
 
 demo: deps all
 	tools/demo.sh $(BUILD)
@@ -31,12 +48,20 @@ bench: deps
 # Every coverage-guided fuzz target (clang's libFuzzer with AddressSanitizer
 # and UBSan) for FUZZ_SECONDS each; the grown corpora stay in $(BUILD)-fuzz.
 FUZZ_SECONDS ?= 600
-fuzz: deps
+fuzz: fuzz-build
+	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_SECONDS)
+
+fuzz-build: deps
 	cmake -S tests/fuzz/targets -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++
 	cmake --build $(BUILD)-fuzz -j$(JOBS)
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target parlova-samples
-	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_SECONDS)
+
+# The decoders' lines that the corpora of `make fuzz` reach (goal: 90%).
+fuzz-coverage: fuzz-build
+	cmake -S tests/fuzz/targets -B $(BUILD)-fuzz-coverage -DCMAKE_CXX_COMPILER=clang++ -DPARLOVA_FUZZ_COVERAGE=ON
+	cmake --build $(BUILD)-fuzz-coverage -j$(JOBS)
+	tests/fuzz/fuzz-coverage $(BUILD)-fuzz-coverage $(BUILD)-fuzz
 
 # A long mutation run over both transcript formats under AddressSanitizer.
 FUZZ_CASES ?= 2000000
@@ -76,4 +101,4 @@ deb-check: deb
 	tools/deb-check $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-fuzz $(BUILD)-fuzz-coverage $(BUILD)-ubsan
