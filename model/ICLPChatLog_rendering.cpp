@@ -26,6 +26,12 @@ int truncated(double value) {
   return static_cast<int>(value);
 }
 
+// A colour component as a byte of the tag: cut to an integer, then times
+// 255, in the wrapping arithmetic of the machine's integers, so a damaged
+// component far outside 0 to 1 gives some number instead of undefined
+// behaviour.
+unsigned colourByte(double component) { return static_cast<unsigned>(truncated(component)) * 255u; }
+
 // The tags one run gets, in the fixed order colour, font, link, attachment.
 // Tags are not nested: a run with colour and font reads
 // <colour><font>text</colour></font>, which is the required output.
@@ -46,8 +52,8 @@ RunTags tagsFor(const TextAttributes &attributes, bool escaping) {
       // The cut to an integer comes before the multiplication, so only a
       // full 1.0 gives ff: this order is kept.
       char tag[64];
-      std::snprintf(tag, sizeof tag, "<font color=\"#%02x%02x%02x\">", truncated(rgb->red) * 255,
-                    truncated(rgb->green) * 255, truncated(rgb->blue) * 255);
+      std::snprintf(tag, sizeof tag, "<font color=\"#%02x%02x%02x\">", colourByte(rgb->red), colourByte(rgb->green),
+                    colourByte(rgb->blue));
       tags.openings.push_back(utf8ToUtf16(tag));
       tags.closings.push_back(u"</font>");
     }
