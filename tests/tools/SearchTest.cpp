@@ -111,6 +111,24 @@ TEST_F(Search, EachMessageHoldingTheWordIsOneHit) {
   }
 }
 
+// Ranking a word in many thousands of messages costs more than grep does;
+// above 10,000 the first page is the newest messages kept instead.
+TEST_F(Search, AWordInMoreThanTenThousandMessagesListsTheNewestFirst) {
+  writeBacklog(home_.chats(), {.transcripts = 3000, .seed = 4});
+  ASSERT_EQ(home_.run("parlova", {"--catch-up", "--quiet"}).exitCode, 0);
+  const fs::path output = home_.path() / "hits.json";
+  writeText(output, home_.run("parlova-search", {"--json", "movie"}).out);
+  EXPECT_EQ(pythonReading("import json, sqlite3, sys\n"
+                          "db = sqlite3.connect(sys.argv[1] + '/Library/Parlova/history.sqlite')\n"
+                          "match = \"FROM texts WHERE texts MATCH 'movie'\"\n"
+                          "count = db.execute('SELECT count(*) ' + match).fetchone()[0]\n"
+                          "newest = [t for (t,) in db.execute('SELECT text ' + match + ' ORDER BY rowid DESC LIMIT 50')]\n"
+                          "hits = [json.loads(line)['text'] for line in open(sys.argv[1] + '/hits.json')]\n"
+                          "print(count > 10000, hits == newest)\n",
+                          home_.path()),
+            "True True");
+}
+
 TEST_F(Search, BadQueriesAndOptionsSayWhatIsWrongInOneLine) {
   const std::vector<std::vector<std::string>> wrong = {
       {"--json"}, {"\"unclosed"}, {"OR"}, {"AND", "pancakes"}, {"pancakes", "NOT"},
