@@ -22,7 +22,9 @@ bool sendAll(int fd, std::string_view bytes) {
 }
 
 int millisecondsLeft(Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  // Rounded up: a poll() that wakes a fraction of a millisecond before the
+  // deadline would not know the time was up.
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return left > 0 ? static_cast<int>(std::min<long long>(left, 1 << 30)) : 0;
 }
 
