@@ -88,7 +88,7 @@ void ArchiveBatch::addHistory(const ICLPChatLog &log, const ICLPLogGenerator::Ch
   }
   if (!history_)
     history_ = ChatHistory::Additions::begin();
-  historyFailed_ = !history_ || !history_->add(record);
+  historyFailed_ = !history_ || !history_->add(std::move(record));
 }
 
 ArchiveBatch::Added ArchiveBatch::add(const ICLPChatLog &log, bool links, bool images,

@@ -1,9 +1,14 @@
 #include "generator/ChatHistory.h"
 
 #include <cmath>
+#include <condition_variable>
+#include <csignal>
 #include <ctime>
 #include <limits>
 #include <map>
+#include <mutex>
+#include <pthread.h>
+#include <thread>
 
 #include "context/Settings.h"
 #include "foundation/Unicode.h"
@@ -199,12 +204,92 @@ std::optional<ChatHistory> ChatHistory::openExisting() {
 }
 
 // One open transaction of additions, with its statements prepared once.
+//
+// The rows are written on a thread of their own: SQLite's share of a
+// catch-up (tokenizing every message into the index) then runs beside the
+// decoding and archiving of the next transcripts instead of after them.
+// From start() until finish() the connection and everything below belong
+// to that thread; the caller only hands it records. A failure there is
+// only noted: it is logged, rolled back and set aside on the caller's
+// thread, which owns the log's status line.
 struct ChatHistory::Additions::Writing {
   explicit Writing(ChatHistory opened) : history(std::move(opened)) {}
   ~Writing() {
+    finish();
     if (open)
       history->database_.execute("ROLLBACK");
   }
+
+  void start() {
+    // Stop signals are the catch-up's to take, not this thread's.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    writer = std::thread([this] { writeQueued(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+
+  // False when an earlier record has failed: the batch is lost anyway.
+  bool enqueue(ChatRecord record) {
+    std::unique_lock lock(mutex);
+    room.wait(lock, [&] { return queue.size() < kAhead || failure; });
+    if (failure)
+      return false;
+    queue.push_back(std::move(record));
+    // Woken for a handful at a time: waking a thread on another processor
+    // costs more on a virtual machine than writing a short chat.
+    if (queue.size() == kWakeAt)
+      queued.notify_one();
+    return true;
+  }
+
+  // Waits for the queued records; the writer's failure, if any.
+  std::optional<SqliteError> finish() {
+    if (writer.joinable()) {
+      {
+        std::lock_guard lock(mutex);
+        closing = true;
+      }
+      queued.notify_one();
+      writer.join();
+    }
+    return failure;
+  }
+
+  void writeQueued() {
+    std::vector<ChatRecord> taken;
+    std::unique_lock lock(mutex);
+    while (true) {
+      queued.wait(lock, [&] { return queue.size() >= kWakeAt || closing; });
+      if (queue.empty())
+        return;
+      taken.swap(queue);
+      room.notify_one();
+      lock.unlock();
+      std::optional<SqliteError> failed;
+      try {
+        for (const ChatRecord &record : taken)
+          if ((failed = add(record)))
+            break;
+      } catch (const std::exception &error) {
+        failed = SqliteError{error.what()};
+      }
+      taken.clear();
+      lock.lock();
+      if (failed) {
+        // The rest of the batch is lost with it: the caller hears of it
+        // at its next add() or at commit().
+        failure = std::move(failed);
+        room.notify_one();
+        return;
+      }
+    }
+  }
+
+  // Enough chats waiting to be worth a wake-up, and a few more: beyond
+  // that the caller waits rather than holding their texts in memory.
+  static constexpr size_t kWakeAt = 16;
+  static constexpr size_t kAhead = 4 * kWakeAt;
 
   std::optional<SqliteError> prepare() {
     SqliteDatabase &database = history->database_;
@@ -318,6 +403,13 @@ struct ChatHistory::Additions::Writing {
     }
   }
 
+  std::thread writer;
+  std::mutex mutex;
+  std::condition_variable queued, room;
+  std::vector<ChatRecord> queue;
+  bool closing = false;
+  std::optional<SqliteError> failure;
+
   std::optional<ChatHistory> history;
   bool open = false;
   bool failed = false;
@@ -341,14 +433,15 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin() {
     writing->abandon(*failed);
     return std::nullopt;
   }
+  writing->start();
   return Additions(std::move(writing));
 }
 
-bool ChatHistory::Additions::add(const ChatRecord &record) {
+bool ChatHistory::Additions::add(ChatRecord record) {
   if (writing_->failed)
     return false;
-  if (const auto failed = writing_->add(record)) {
-    writing_->abandon(*failed);
+  if (!writing_->enqueue(std::move(record))) {
+    writing_->abandon(*writing_->finish());
     return false;
   }
   return true;
@@ -359,6 +452,10 @@ bool ChatHistory::Additions::setAsideDamaged() const { return writing_->setAside
 std::optional<size_t> ChatHistory::Additions::commit() {
   if (writing_->failed)
     return std::nullopt;
+  if (const auto failed = writing_->finish()) {
+    writing_->abandon(*failed);
+    return std::nullopt;
+  }
   if (const auto failed = writing_->history->database_.execute("COMMIT")) {
     writing_->abandon(*failed);
     return std::nullopt;
@@ -377,12 +474,11 @@ std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records)
     auto additions = Additions::begin();
     if (!additions)
       return std::nullopt;
-    bool written = true;
     for (const ChatRecord &record : records)
-      if (!(written = additions->add(record)))
+      if (!additions->add(record))
         break;
-    if (written)
-      return additions->commit();
+    if (const auto added = additions->commit())
+      return added;
     if (!additions->setAsideDamaged())
       return std::nullopt;
   }

@@ -116,7 +116,9 @@ public:
 
   // Chats added one at a time and kept all or none, for a batch too large
   // to hold as records: their rows wait in one transaction until commit().
-  // Dropped uncommitted, it keeps none of them.
+  // Dropped uncommitted, it keeps none of them. The rows are written by a
+  // thread of its own while the caller goes on, so a failure may only be
+  // told by a later add() or by commit().
   class Additions {
   public:
     // Nothing when the history cannot be opened (logged).
@@ -124,10 +126,11 @@ public:
     Additions(Additions &&) noexcept;
     Additions &operator=(Additions &&) noexcept;
     ~Additions();
-    // False when the chat could not be written (logged): nothing of the
-    // batch is kept then, and commit() fails. A damaged database is set
-    // aside, so that the batch done again goes into a new one.
-    bool add(const ChatRecord &record);
+    // False when a chat of the batch could not be written (logged):
+    // nothing of the batch is kept then, and commit() fails. A damaged
+    // database is set aside, so that the batch done again goes into a new
+    // one.
+    bool add(ChatRecord record);
     // How many chats were new; nothing when they could not be kept
     // (logged).
     std::optional<size_t> commit();
