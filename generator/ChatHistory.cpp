@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 
 #include "context/Settings.h"
@@ -225,12 +226,22 @@ struct ChatHistory::Additions::Writing {
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, &before);
-    writer = std::thread([this] { writeQueued(); });
+    try {
+      writer = std::thread([this] { writeQueued(); });
+    } catch (const std::system_error &) {
+      // No thread to be had (a process limit): enqueue() then writes
+      // each chat on the caller's thread, slower but the same.
+    }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 
   // False when an earlier record has failed: the batch is lost anyway.
   bool enqueue(ChatRecord record) {
+    if (!writer.joinable()) {
+      if (!failure)
+        failure = add(record);
+      return !failure;
+    }
     std::unique_lock lock(mutex);
     room.wait(lock, [&] { return queue.size() < kAhead || failure; });
     if (failure)
