@@ -360,10 +360,6 @@ void printSearch(const fs::path &binaryDir) {
     sync();
     return home;
   };
-  const auto median = [](std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-  };
   std::vector<double> clockCosts, processorCosts, plainClock, indexedClock;
   fs::path indexedHome;
   for (int round = 0; round < kRounds; ++round) {

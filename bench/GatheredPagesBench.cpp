@@ -134,6 +134,5 @@ double parlova::bench::linkMergeSeconds(std::vector<uint8_t> &archive) {
     ICLPLogGenerator::GenerateLinkFiles(&log);
     times.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }
-  std::sort(times.begin(), times.end());
-  return times[2];
+  return median(std::move(times));
 }

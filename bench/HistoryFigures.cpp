@@ -28,8 +28,7 @@ double secondsRebuilding(const StatisticsTotals &totals) {
     ICLPLogGenerator::RebuildStatisticsPage(totals);
     times.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }
-  std::sort(times.begin(), times.end());
-  return times[2];
+  return median(std::move(times));
 }
 
 } // namespace

@@ -36,13 +36,11 @@ double secondsOf(const std::function<void()> &work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The median of `rounds` timings: steadier than the mean on a shared machine.
 double medianSeconds(int rounds, const std::function<void()> &work) {
   std::vector<double> times;
   for (int i = 0; i < rounds; ++i)
     times.push_back(secondsOf(work));
-  std::nth_element(times.begin(), times.begin() + rounds / 2, times.end());
-  return times[rounds / 2];
+  return median(std::move(times));
 }
 
 void runQuietly(const std::vector<std::string> &command, const std::vector<std::string> &environment) {
@@ -71,6 +69,11 @@ void report(const char *what, double figure, const char *unit, const char *again
 }
 
 } // namespace
+
+double median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2), values.end());
+  return values[values.size() / 2];
+}
 
 void printStartUp(const fs::path &binaryDir, const fs::path &smallTranscript) {
   const fs::path home = fs::temp_directory_path() / ("parlova-startup-" + std::to_string(getpid()));

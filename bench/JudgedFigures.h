@@ -21,6 +21,10 @@ void printSearch(const std::filesystem::path &binaryDir);
 // The statistics page drawn from a history of 100,000 chats.
 void printHistoryPage();
 
+// The middle one of timings (the upper middle of an even number): steadier
+// than the mean on a shared machine.
+double median(std::vector<double> values);
+
 // One judged figure: what, the figure, the yardstick, the ratio and its goal.
 void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
           const char *goal);
