@@ -174,24 +174,28 @@ KeyedUnarchiver::KeyedUnarchiver(std::vector<uint8_t> converted, BinaryPlistView
     : converted_(std::move(converted)), view_(view), objects_(view_.describe(objects)), top_(top),
       decoded_(objects_.length), state_(objects_.length, State::NotYet) {}
 
-std::unique_ptr<KeyedUnarchiver> KeyedUnarchiver::forData(std::span<const uint8_t> bytes) {
+std::variant<std::unique_ptr<KeyedUnarchiver>, std::string> KeyedUnarchiver::forData(std::span<const uint8_t> bytes) {
   // XML archives (rare, and written by hand more often than by a Mac) are
   // turned into the binary form once; binary ones are read where they lie.
   std::vector<uint8_t> converted;
   if (!BinaryPlistView::open(bytes)) {
     const PlistPtr parsed = parsePropertyList(bytes);
     if (!parsed)
-      return nullptr;
+      return std::string("not a property list, binary or XML");
     converted = serializePropertyList(parsed.get(), PlistFormat::Binary);
     bytes = converted;
   }
   const auto view = BinaryPlistView::open(bytes);
-  if (!view || view->type(view->top()) != Type::Dictionary)
-    return nullptr;
+  if (!view)
+    return std::string("a property list that cannot be read back");
+  if (view->type(view->top()) != Type::Dictionary)
+    return std::string("not a keyed archive: the property list is not a dictionary");
   const auto objects = view->valueForKey(view->top(), "$objects");
+  if (!objects || view->type(*objects) != Type::Array)
+    return std::string("not a keyed archive: it has no $objects array");
   const auto top = view->valueForKey(view->top(), "$top");
-  if (!objects || view->type(*objects) != Type::Array || !top || view->type(*top) != Type::Dictionary)
-    return nullptr;
+  if (!top || view->type(*top) != Type::Dictionary)
+    return std::string("not a keyed archive: it has no $top dictionary");
   return std::unique_ptr<KeyedUnarchiver>(new KeyedUnarchiver(std::move(converted), *view, *objects, *top));
 }
 
@@ -199,11 +203,11 @@ void KeyedUnarchiver::setClass(std::string archivedName, ClassFactory factory) {
   substitutions_[std::move(archivedName)] = std::move(factory);
 }
 
-std::optional<ObjectRef> KeyedUnarchiver::decodeTopLevelObjectForKey(std::string_view key) {
+std::variant<ObjectRef, std::string> KeyedUnarchiver::decodeTopLevelObjectForKey(std::string_view key) {
   try {
     return decodeValue(view_.valueForKey(top_, key));
-  } catch (const ArchiveDamaged &) {
-    return std::nullopt;
+  } catch (const ArchiveDamaged &damage) {
+    return std::string(damage.what());
   }
 }
 
@@ -265,7 +269,8 @@ ObjectRef KeyedUnarchiver::decodeValue(std::optional<Ref> ref) {
 
 ObjectRef KeyedUnarchiver::decodeReference(uint64_t uid) {
   if (uid >= decoded_.size())
-    throw ArchiveDamaged("reference to an object that is not there");
+    throw ArchiveDamaged("a reference to object " + std::to_string(uid) + ", past the end of the table of " +
+                         std::to_string(decoded_.size()) + " objects");
   switch (state_[uid]) {
   case State::Done:
     return decoded_[uid];
@@ -303,7 +308,7 @@ const KeyedUnarchiver::ClassInfo &KeyedUnarchiver::classOf(Ref classRef) {
   const Ref classRefTarget = view_.element(objects_, *classUid);
   const BinaryPlistView::Entry classInfo = view_.describe(classRefTarget);
   if (*classUid >= decoded_.size() || classInfo.type != Type::Dictionary)
-    throw ArchiveDamaged("class reference to something that is not a class");
+    throw ArchiveDamaged("a class reference to object " + std::to_string(*classUid) + ", which is not a class");
 
   // The class itself first, then its superclasses, as NSKeyedUnarchiver
   // falls back along the chain for classes it cannot find.

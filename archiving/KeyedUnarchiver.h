@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "archiving/ArchiveDecoder.h"
 #include "archiving/BinaryPlistView.h"
 #include "archiving/Coder.h"
 #include "foundation/AttributedString.h"
@@ -19,21 +20,21 @@
 
 namespace parlova {
 
-class KeyedUnarchiver {
+class KeyedUnarchiver final : public ArchiveDecoder {
 public:
-  // Nothing when the bytes are not a keyed archive at all.
-  static std::unique_ptr<KeyedUnarchiver> forData(std::span<const uint8_t> bytes);
+  // Or why the bytes are not a keyed archive at all.
+  static std::variant<std::unique_ptr<KeyedUnarchiver>, std::string> forData(std::span<const uint8_t> bytes);
 
-  // Objects archived under `archivedName` are made by `factory` instead.
-  void setClass(std::string archivedName, ClassFactory factory);
+  Format format() const override { return Format::Keyed; }
+  void setClass(std::string archivedName, ClassFactory factory) override;
+  // Generic objects hold their keys.
+  void setDecodesEverythingGenerically(bool generic) override { generic_ = generic; }
+  std::variant<ObjectRef, std::string> decodeRoot() override { return decodeTopLevelObjectForKey("root"); }
+  std::variant<ObjectRef, std::string> decodeMetadata() override { return decodeTopLevelObjectForKey("metadata"); }
 
-  // Every archived object becomes a GenericObject holding its keys, for
-  // showing an archive as it is.
-  void setDecodesEverythingGenerically(bool generic) { generic_ = generic; }
-
-  // The top-level object under `key` (null when absent), or nothing when the
-  // archive turns out to be damaged along the way.
-  std::optional<ObjectRef> decodeTopLevelObjectForKey(std::string_view key);
+  // The top-level object under `key` (null when absent), or why the archive
+  // turned out to be damaged along the way.
+  std::variant<ObjectRef, std::string> decodeTopLevelObjectForKey(std::string_view key);
 
   // A stored value, object or plain; also used by the per-object coder.
   ObjectRef decodeValue(std::optional<BinaryPlistView::Ref> ref);

@@ -244,10 +244,11 @@ private:
   size_t nextInGroup_ = 0;
 };
 
-std::unique_ptr<TypedStreamUnarchiver> TypedStreamUnarchiver::forData(std::span<const uint8_t> bytes) {
+std::variant<std::unique_ptr<TypedStreamUnarchiver>, std::string>
+TypedStreamUnarchiver::forData(std::span<const uint8_t> bytes) {
   auto reader = TypedStreamReader::forData(bytes);
   if (!reader)
-    return nullptr;
+    return std::string("not a typed stream: it does not start with a typed stream's header");
   auto unarchiver = std::unique_ptr<TypedStreamUnarchiver>(new TypedStreamUnarchiver(std::move(*reader)));
   // A transcript numbers an entry every ten bytes or so.
   unarchiver->table_.reserve(bytes.size() / 10);
@@ -258,17 +259,17 @@ void TypedStreamUnarchiver::setClass(std::string archivedName, ClassFactory fact
   substitutions_[std::move(archivedName)] = std::move(factory);
 }
 
-std::optional<ObjectRef> TypedStreamUnarchiver::decodeRootObject() {
+std::variant<ObjectRef, std::string> TypedStreamUnarchiver::decodeRoot() {
   try {
     std::vector<Value> group;
     readGroup(group);
     if (group.front().kind == Value::Kind::Nil)
       return ObjectRef();
     if (group.front().kind != Value::Kind::Object)
-      return std::nullopt;
+      return std::string("the stream starts with a value that is not an object");
     return group.front().object;
-  } catch (const ArchiveDamaged &) {
-    return std::nullopt;
+  } catch (const ArchiveDamaged &damage) {
+    return std::string(damage.what());
   }
 }
 

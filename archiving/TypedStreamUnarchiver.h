@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "archiving/ArchiveDecoder.h"
 #include "archiving/Coder.h"
 #include "archiving/TypedStreamReader.h"
 #include "foundation/AttributedString.h"
@@ -19,20 +20,19 @@
 
 namespace parlova {
 
-class TypedStreamUnarchiver {
+class TypedStreamUnarchiver final : public ArchiveDecoder {
 public:
-  // Nothing when the bytes are not a typed stream at all.
-  static std::unique_ptr<TypedStreamUnarchiver> forData(std::span<const uint8_t> bytes);
+  // Or why the bytes are not a typed stream at all.
+  static std::variant<std::unique_ptr<TypedStreamUnarchiver>, std::string> forData(std::span<const uint8_t> bytes);
 
-  // Objects archived under `archivedName` are made by `factory` instead.
-  void setClass(std::string archivedName, ClassFactory factory);
-
-  // Every object becomes a GenericObject holding its stored groups, for
-  // showing an archive as it is.
-  void setDecodesEverythingGenerically(bool generic) { generic_ = generic; }
-
-  // The archive's root object, or nothing when the stream is damaged.
-  std::optional<ObjectRef> decodeRootObject();
+  Format format() const override { return Format::TypedStream; }
+  void setClass(std::string archivedName, ClassFactory factory) override;
+  // Generic objects hold their stored groups.
+  void setDecodesEverythingGenerically(bool generic) override { generic_ = generic; }
+  // The archive's first object, or why the stream is damaged.
+  std::variant<ObjectRef, std::string> decodeRoot() override;
+  // A typed stream has none.
+  std::variant<ObjectRef, std::string> decodeMetadata() override { return ObjectRef(); }
 
   // One stored value. Objects, classes, numbers and strings as they are;
   // arrays and structs as their elements.

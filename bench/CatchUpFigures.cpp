@@ -27,10 +27,10 @@ extern char **environ;
 #include "bench/JudgedFigures.h"
 #include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
+#include "history/MessageSearch.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "tests/fixtures/Backlog.h"
-#include "tools/MessageSearch.h"
 
 namespace parlova::bench {
 

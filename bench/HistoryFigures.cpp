@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -12,8 +13,8 @@
 #include <vector>
 
 #include "bench/JudgedFigures.h"
-#include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
+#include "history/ChatHistory.h"
 
 namespace parlova::bench {
 
@@ -52,6 +53,10 @@ void printHistoryPage() {
     record.displayName = record.account;
     record.firstTime = 1.0e9 + static_cast<double>(random() % (20u * 365 * 86400));
     record.lastTime = *record.firstTime + 900;
+    const auto first = static_cast<std::time_t>(*record.firstTime);
+    std::tm local{};
+    localtime_r(&first, &local);
+    record.month = int64_t{local.tm_year + 1900} * 12 + local.tm_mon;
     record.messages = 1 + random() % 60;
     record.userWords = random() % 400;
     record.otherWords = random() % 400;

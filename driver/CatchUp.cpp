@@ -1,23 +1,22 @@
 #include "driver/CatchUp.h"
 
-#include <cerrno>
 #include <csignal>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
+#include "driver/ArchivesInBatches.h"
 #include "driver/CatchUpProgress.h"
+#include "driver/EntryJudgement.h"
 #include "driver/ExtractChatLog.h"
-#include "driver/RunDriver.h"
+#include "driver/RunStart.h"
 #include "driver/Setup.h"
 #include "driver/TranscriptJournal.h"
-#include "generator/ArchiveBatch.h"
-#include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
@@ -56,69 +55,6 @@ struct Tally {
   }
 };
 
-class Batch {
-public:
-  Batch() : journal_(ICLPLogGenerator::parlovaFolder()) {}
-
-  // Before the first archive of the batch changes. False (logged) when the
-  // journal cannot be written: nothing may change then.
-  bool open() {
-    if (open_)
-      return true;
-    if (!journal_.beginBatch()) {
-      logFormat("Could not write %@: %@", journal_.journalFile().string(), std::strerror(errno));
-      journal_.clear();
-      return false;
-    }
-    open_ = true;
-    opened_ = Clock::now();
-    return true;
-  }
-
-  ArchiveBatch &archives() { return archives_; }
-
-  bool noteMove(const TranscriptJournal::Recovery::BatchMove &move) {
-    if (journal_.noteBatchMove(move)) {
-      ++size_;
-      return true;
-    }
-    logFormat("Could not write %@: %@", journal_.movesFile().string(), std::strerror(errno));
-    return false;
-  }
-
-  bool due(const RunOptions &options) const {
-    return open_ && (size_ >= options.commitEvery ||
-                     Clock::now() - opened_ >= std::chrono::duration<double>(RunOptions::kCommitSeconds));
-  }
-
-  // Writes the archives and pages and forgets the batch. On failure the
-  // journal stays, and the next run finishes the batch from it.
-  bool commit() {
-    if (!open_)
-      return true;
-    if (!archives_.commit()) {
-      logLine("The catch-up could not write its archives; the next run adds this batch's transcripts to them.");
-      return false;
-    }
-    // The batch's moves reach the disk before the journal that could redo
-    // them is gone: a move undone by a power cut after that would bring a
-    // counted transcript back.
-    syncFileSystemOf(ArchiveFolder());
-    syncFileSystemOf(homeDirectory() / "Documents/iChats");
-    journal_.clear();
-    open_ = false;
-    size_ = 0;
-    return true;
-  }
-
-private:
-  TranscriptJournal journal_;
-  ArchiveBatch archives_;
-  bool open_ = false;
-  size_t size_ = 0;
-  Clock::time_point opened_;
-};
-
 } // namespace
 
 int catchUp(const RunOptions &options) {
@@ -143,8 +79,7 @@ int catchUp(const RunOptions &options) {
   noteMissingTemplates();
 
   Tally tally;
-  Batch batch;
-  const bool keepHistory = ChatHistory::wanted();
+  ArchivesInBatches batch;
   CatchUpProgress progress(candidates, options.quiet);
   size_t seen = 0;
   std::string stopped;
@@ -164,65 +99,55 @@ int catchUp(const RunOptions &options) {
     // Read here, so that the history knows the chat by the very bytes
     // that were decoded.
     const auto contents = candidate ? readFileContents(path) : std::nullopt;
-    auto log = candidate ? ICLPChatLog::initWithFileContents(path, contents.value_or(std::vector<uint8_t>{}))
-                         : std::nullopt;
+    auto loaded = candidate ? ICLPChatLog::load(path, contents.value_or(std::vector<uint8_t>{}))
+                            : std::variant<ICLPChatLog, std::string>(std::string());
     if (options.pause)
       pauseFor(*options.pause);
     seen += candidate ? 1 : 0;
+    auto *log = std::get_if<ICLPChatLog>(&loaded);
     if (!log) {
-      tally.notLoaded += candidate && !fs::is_directory(path) ? 1 : 0;
+      if (candidate && !fs::is_directory(path)) {
+        ++tally.notLoaded;
+        logFormat("%@ does not load and stays where it is: %@.", entry,
+                  contents ? std::get<std::string>(loaded) : std::string("cannot read the file"));
+      }
       continue;
     }
 
-    using Outcome = ChatLogPreparation::Outcome;
-    const auto beforeMail = [&] {
-      if (const auto why = WhyArchivingCannotFinish(path)) {
-        ReportArchivingCannotFinish(*why);
-        stopped = "cannot move transcripts: " + *why;
-        return false;
-      }
-      if (!batch.open()) {
-        stopped = "the journal could not be written";
-        return false;
-      }
-      return true;
-    };
-    const ChatLogPreparation preparation = PrepareChatLog(path.string(), &*log, beforeMail);
-    if (preparation.outcome == Outcome::CannotFinish)
-      break;
-    if (preparation.outcome == Outcome::LeftOpen) {
+    using Outcome = Extraction::Outcome;
+    const Extraction extraction = ExtractChatLog(path.string(), log, *contents, batch);
+    switch (extraction.outcome) {
+    case Outcome::NotLoaded:
+      continue;
+    case Outcome::LeftOpen:
       // A single run would end here and the next one stop at the same
       // chat; a catch-up leaves it for later and goes on.
       ++tally.leftOpen;
       continue;
-    }
-    if (preparation.outcome == Outcome::ErrorStands) {
-      stopped = "an email error stands (errorStatus)";
-      break;
-    }
-    if (preparation.outcome == Outcome::MailFailed) {
+    case Outcome::MailWaits:
       if (!isLikelyComplete)
         continue;
       stopped = "the mail could not be delivered";
       break;
-    }
-    tally.mailed += preparation.mailed ? 1 : 0;
-
-    // Noted before anything of it reaches the archives: a batch cut short
-    // is finished from these notes.
-    const fs::path target = ArchiveTargetFor(path);
-    if (!batch.noteMove({path, target, preparation.handleURLs, preparation.handleImages})) {
-      stopped = "the journal could not be written";
+    case Outcome::ErrorStands:
+      stopped = "an email error stands (errorStatus)";
+      break;
+    case Outcome::CannotFinish:
+      stopped = extraction.why;
+      break;
+    case Outcome::NotArchived:
+      tally.mailed += extraction.mailed ? 1 : 0;
+      stopped = extraction.why;
+      break;
+    case Outcome::NotMoved:
+    case Outcome::Moved:
+      tally.mailed += extraction.mailed ? 1 : 0;
+      tally.pending.links += extraction.added.links;
+      tally.pending.pictures += extraction.added.pictures;
+      ++tally.pending.transcripts;
       break;
     }
-    const auto added = batch.archives().add(
-        *log, preparation.handleURLs, preparation.handleImages,
-        keepHistory && contents ? std::optional(TranscriptJournal::identityOf(*contents).key()) : std::nullopt, target);
-    tally.pending.links += added.links;
-    tally.pending.pictures += added.pictures;
-    const bool moved = MoveToArchiveFolder(path, target, FailureCountReset::WhenNotZero, Durability::ByNextSync);
-    ++tally.pending.transcripts;
-    if (!moved) {
+    if (extraction.outcome == Outcome::NotMoved) {
       // Archived but not moved: once the batch is written, the journal
       // keeps this one transcript for later runs to move, and only move.
       // (The move's own line says why; writing the settings since may have
@@ -230,16 +155,17 @@ int catchUp(const RunOptions &options) {
       if (batch.commit()) {
         tally.commit();
         TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
-        if (!journal.begin(path) || !journal.markMoveFailed(target))
+        if (!journal.begin(path) || !journal.markMoveFailed(extraction.target))
           journal.clear();
       } else {
         tally.pending = {};
       }
       stopped = "could not move " + entry + ", as the line above says";
-      break;
     }
+    if (!stopped.empty())
+      break;
 
-    if (batch.due(options)) {
+    if (batch.due(options.commitEvery, RunOptions::kCommitSeconds)) {
       if (!batch.commit()) {
         tally.pending = {};
         stopped = "an archive could not be written";

@@ -6,7 +6,8 @@
 
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
-#include "driver/RunDriver.h"
+#include "driver/EntryJudgement.h"
+#include "driver/RunStart.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"

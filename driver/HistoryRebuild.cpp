@@ -5,14 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "driver/ArchiveFolder.h"
 #include "driver/CatchUpProgress.h"
-#include "driver/ExtractChatLog.h"
-#include "driver/RunDriver.h"
+#include "driver/RunStart.h"
 #include "driver/TranscriptJournal.h"
-#include "generator/ChatHistory.h"
 #include "generator/ChatLibrary.h"
+#include "generator/ChatRecords.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
+#include "history/ChatHistory.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
@@ -38,8 +39,14 @@ int rebuildHistory(const RunOptions &options) {
     return 0;
   StopSignals::install();
   const auto start = Clock::now();
-  if (!ChatHistory::open())
+  const auto history = ChatHistory::open();
+  if (!history)
     return 1;
+  if (!history->writable()) {
+    logFormat("History not rebuilt: %@ was written by a newer version of Parlova, which rebuilds it.",
+              ChatHistory::file().string());
+    return 1;
+  }
 
   std::vector<std::string> entries;
   for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();)
@@ -76,15 +83,9 @@ int rebuildHistory(const RunOptions &options) {
       ++notLoaded;
       continue;
     }
-    ChatRecord record = ChatRecord::of(*log, ICLPLogGenerator::CountChat(*log, lists),
-                                       TranscriptJournal::identityOf(*contents).key(), path);
-    // The pages missing from the library; a chat's row that has none yet
-    // is given its page.
-    if (library) {
-      record.page = ChatLibrary::pagePath(record);
-      if (!fileExistsAtPath(ChatLibrary::folder() / *record.page))
-        ChatLibrary::writeChatPage(*log, record);
-    }
+    // The pages missing from the library.
+    ChatRecord record = keptChat(*log, ICLPLogGenerator::CountChat(*log, lists),
+                                 TranscriptJournal::identityOf(*contents).key(), path, ChatPage::WriteWhenMissing);
     records.push_back(std::move(record));
     if (records.size() >= kRecordsPerWrite)
       write();

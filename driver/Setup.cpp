@@ -5,6 +5,7 @@
 #include <system_error>
 #include <vector>
 
+#include "context/MailSettings.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
@@ -78,7 +79,7 @@ int setUp() {
   std::printf("\nNext steps:\n"
               "  1. Settings, for example (man parlova-defaults lists them all):\n"
               "       parlova-defaults write com.hollowmere.parlova sendEmails -bool YES\n"
-              "       parlova-defaults write com.hollowmere.parlova emailDelivery maildir\n"
+              "       parlova-defaults write com.hollowmere.parlova emailDelivery maildir   (%s)\n"
               "       parlova-defaults write com.hollowmere.parlova handleURLs -bool YES\n"
               "       parlova-defaults write com.hollowmere.parlova handleImages -bool YES\n"
               "       parlova-defaults write com.hollowmere.parlova keepHistory -bool YES\n"
@@ -89,7 +90,7 @@ int setUp() {
               "       systemctl --user daemon-reload && systemctl --user enable --now parlova.timer\n"
               "     or, without systemd, with this line in crontab -e:\n"
               "       */5 * * * * parlova\n",
-              (home / "Documents" / "iChats").c_str());
+              deliveryNamesText(", ").c_str(), (home / "Documents" / "iChats").c_str());
   return failed;
 }
 

@@ -1,6 +1,8 @@
 #include "generator/ArchiveBatch.h"
 
+#include "context/ErrorReport.h"
 #include "generator/ChatLibrary.h"
+#include "generator/ChatRecords.h"
 #include "generator/GatheredArchive.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -34,7 +36,7 @@ size_t ArchiveBatch::addLinks(const ICLPChatLog &log) {
   if (!links_) {
     // A damaged archive is never replaced; each transcript says so again.
     logFormat("Link file failed to write to path: %@", linkArchivePath().string());
-    ICLPChatLog::reportErrorAndLog(1, "permissions");
+    reportErrorAndLog(1, "permissions");
     return 0;
   }
   using Sorting = ICLPLogGenerator::Sorting;
@@ -78,14 +80,10 @@ void ArchiveBatch::addHistory(const ICLPChatLog &log, const ICLPLogGenerator::Ch
   statisticsChanged_ = true;
   if (historyFailed_)
     return;
-  ChatRecord record = ChatRecord::of(log, counts, std::move(key), std::move(transcript));
   // A chat's own page is written now, while its transcript is loaded; the
   // lists of the library wait for the commit.
-  if (ChatLibrary::wanted()) {
-    record.page = ChatLibrary::pagePath(record);
-    ChatLibrary::writeChatPage(log, record);
-    libraryPagesDue_ = true;
-  }
+  ChatRecord record = keptChat(log, counts, std::move(key), std::move(transcript), ChatPage::Write);
+  libraryPagesDue_ = libraryPagesDue_ || record.page;
   if (!history_)
     history_ = ChatHistory::Additions::begin();
   historyFailed_ = !history_ || !history_->add(std::move(record));

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "foundation/PropertyListValue.h"
-#include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
+#include "history/ChatHistory.h"
 
 namespace parlova {
 

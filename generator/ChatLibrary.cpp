@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "context/Settings.h"
-#include "generator/ChatHistory.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
+#include "history/ChatHistory.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "generator/ChatHistory.h"
+#include "history/ChatHistory.h"
 
 namespace parlova {
 

@@ -2,8 +2,8 @@
 
 #include <array>
 
+#include "context/ParlovaFolder.h"
 #include "foundation/Unicode.h"
-#include "platform/Home.h"
 
 namespace parlova {
 
@@ -47,7 +47,7 @@ std::span<const std::string_view> ICLPLogGenerator::archiveFileNames() {
   return kNames;
 }
 
-std::filesystem::path ICLPLogGenerator::parlovaFolder() { return homeDirectory() / "Library" / "Parlova"; }
+std::filesystem::path ICLPLogGenerator::parlovaFolder() { return parlova::parlovaFolder(); }
 
 PlistValue::Array *ICLPLogGenerator::FindSpeakerArray(std::string_view speaker, PlistValue::Array *data) {
   return listOfFirstEntryNamed(speaker, data, "urls");

@@ -1,6 +1,7 @@
 // The link archive (gatheredURLs.plist) and the link pages built from it.
 #include <map>
 
+#include "context/ErrorReport.h"
 #include "foundation/CalendarFormat.h"
 #include "generator/DateComparators.h"
 #include "generator/GatheredArchive.h"
@@ -183,7 +184,7 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
     const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
     if (bytes.empty() || !writeArchive(archivePath, bytes)) {
       logFormat("Link file failed to write to path: %@", archivePath.string());
-      ICLPChatLog::reportErrorAndLog(1, "permissions");
+      reportErrorAndLog(1, "permissions");
       return;
     }
     // The archive is serialized and written a second time, as it always
@@ -191,7 +192,7 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
     const std::vector<uint8_t> again = archive->serialized(PlistFormat::XML);
     if (again.empty()) {
       logFormat("Error while serializing link database: %@", "the link archive could not be turned into XML");
-      ICLPChatLog::reportErrorAndLog(4, "corrupt cache");
+      reportErrorAndLog(4, "corrupt cache");
       return;
     }
     writeFileAtomically(archivePath, again, Durability::Now, Visibility::Private);

@@ -1,10 +1,10 @@
 // The running totals (chatgeist.plist) and the statistics page.
-#include "generator/ChatHistory.h"
 #include "generator/GatheredArchive.h"
 #include "generator/HistoryCharts.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "generator/StatisticsPage.h"
+#include "history/ChatHistory.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 

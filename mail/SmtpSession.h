@@ -42,13 +42,9 @@ public:
   virtual void connectionTimedOut() = 0;
 };
 
-// Where the message goes and how the connection is secured.
-struct MailServer {
-  std::string host;
-  unsigned port = 25;
-  MailSecurity security = MailSecurity::None;
-  std::string caFile;  // empty: the system's certificate store
-  bool verify = true;  // the certificate and the host name, when secured
+// Where the message goes and how the connection is secured, with the log
+// the module writes to.
+struct MailServer : MailServerSetting {
   LogFunction log = nullptr; // filled in by open()
 };
 

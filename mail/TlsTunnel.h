@@ -11,10 +11,9 @@
 #include <string_view>
 #include <variant>
 
-namespace parlova {
+#include "context/MailServerSetting.h"
 
-// How the mail goes over the network: the setting emailSecurity.
-enum class MailSecurity { None, StartTls, Tls };
+namespace parlova {
 
 // What is spoken through the tunnel: it decides how STARTTLS is asked for.
 enum class MailProtocol { Smtp, Imap };

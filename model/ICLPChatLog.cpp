@@ -1,7 +1,6 @@
 #include "model/ICLPChatLog.h"
 
-#include "archiving/KeyedUnarchiver.h"
-#include "archiving/TypedStreamUnarchiver.h"
+#include "archiving/ArchiveDecoder.h"
 #include "foundation/FoundationValues.h"
 #include "model/ICLPPerson.h"
 #include "platform/FileManager.h"
@@ -20,7 +19,7 @@ template <class T> std::vector<std::shared_ptr<const T>> elementsOfClass(const s
 }
 
 // iChat's names are decoded as the program's own classes, in either format.
-template <class Archive> void substituteProgramClasses(Archive &archive) {
+void substituteProgramClasses(ArchiveDecoder &archive) {
   archive.setClass("InstantMessage", [](Coder &coder) { return ICLPInstantMessage::initWithCoder(coder); });
   archive.setClass("Presentity", [](Coder &coder) { return ICLPPresentity::initWithCoder(coder); });
   archive.setClass("Person", [](Coder &coder) { return ICLPPerson::initWithCoder(coder); });
@@ -34,16 +33,15 @@ bool ICLPChatLog::hasTranscriptExtension(const std::filesystem::path &path) {
 }
 
 std::string ICLPChatLog::reasonNotLoaded(const std::filesystem::path &path) {
-  const std::string name = path.filename().string();
   if (!hasTranscriptExtension(path))
-    return "not a transcript: the extension must be exactly \"chat\" or \"ichat\"";
-  if (!readFileContents(path))
+    return std::get<std::string>(load(path, {}));
+  const auto contents = readFileContents(path);
+  if (!contents)
     return "cannot read the file";
-  if (name.rfind(" on ") == std::string::npos)
-    return "not a transcript: the file name has no \" on \" before the date";
-  if (pathExtension(name) == "chat")
-    return "the iChat 2 typed stream could not be decoded into a transcript";
-  return "the keyed archive is damaged or its root is not an array";
+  auto loaded = load(path, *contents);
+  if (const auto *why = std::get_if<std::string>(&loaded))
+    return *why;
+  return "it loads";
 }
 
 std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::path &path) {
@@ -55,6 +53,14 @@ std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::
 
 std::optional<ICLPChatLog> ICLPChatLog::initWithFileContents(const std::filesystem::path &path,
                                                              std::span<const uint8_t> contents) {
+  auto loaded = load(path, contents);
+  if (auto *log = std::get_if<ICLPChatLog>(&loaded))
+    return std::move(*log);
+  return std::nullopt;
+}
+
+std::variant<ICLPChatLog, std::string> ICLPChatLog::load(const std::filesystem::path &path,
+                                                         std::span<const uint8_t> contents) {
   const std::string fileName = path.filename().string();
   const std::string extension = pathExtension(fileName);
   Format format;
@@ -63,49 +69,63 @@ std::optional<ICLPChatLog> ICLPChatLog::initWithFileContents(const std::filesyst
   else if (extension == "ichat")
     format = Format::iChat3;
   else
-    return std::nullopt;
+    return std::string("not a transcript: the extension must be exactly \"chat\" or \"ichat\"");
 
   // The contents are decoded before the file's name is looked at.
   const auto on = fileName.rfind(" on ");
-  auto log = initWithArchiveData(contents, format, on == std::string::npos ? "" : fileName.substr(0, on));
+  auto log = decodeArchive(contents, format, on == std::string::npos ? "" : fileName.substr(0, on));
   if (on == std::string::npos)
-    return std::nullopt;
+    return std::string("not a transcript: the file name has no \" on \" before the date");
   return log;
 }
 
 std::optional<ICLPChatLog> ICLPChatLog::initWithArchiveData(std::span<const uint8_t> data, Format format,
                                                             std::string primaryOtherParty) {
+  auto decoded = decodeArchive(data, format, std::move(primaryOtherParty));
+  if (auto *log = std::get_if<ICLPChatLog>(&decoded))
+    return std::move(*log);
+  return std::nullopt;
+}
+
+std::variant<ICLPChatLog, std::string> ICLPChatLog::decodeArchive(std::span<const uint8_t> data, Format format,
+                                                                  std::string primaryOtherParty) {
   ICLPChatLog log;
   log.format_ = format;
-  if (format == Format::iChat2)
-    log.LoadiChat2Data(data);
-  else
-    log.LoadiChat3Data(data);
-  // A file that did not decode to an array is no transcript; one whose
-  // array is merely short or odd inside still loads, and the accessors
-  // guard every use of it.
-  if (!log.loadedArray_)
-    return std::nullopt;
+  const std::optional<std::string> damage = format == Format::iChat2 ? log.LoadiChat2Data(data) : log.LoadiChat3Data(data);
+  if (damage)
+    return *damage;
   log.primaryOtherParty_ = std::move(primaryOtherParty);
   return log;
 }
 
-void ICLPChatLog::LoadiChat2Data(std::span<const uint8_t> data) {
-  auto archive = TypedStreamUnarchiver::forData(data);
-  if (!archive)
-    return;
-  substituteProgramClasses(*archive);
-  if (const auto root = archive->decodeRootObject())
-    loadedArray_ = objectAs<ArrayObject>(*root);
+std::optional<std::string> ICLPChatLog::LoadiChat2Data(std::span<const uint8_t> data) {
+  return loadArchive(data, ArchiveDecoder::Format::TypedStream);
 }
 
-void ICLPChatLog::LoadiChat3Data(std::span<const uint8_t> data) {
-  auto archive = KeyedUnarchiver::forData(data);
-  if (!archive)
-    return;
-  substituteProgramClasses(*archive);
-  if (const auto root = archive->decodeTopLevelObjectForKey("root"))
-    loadedArray_ = objectAs<ArrayObject>(*root);
+std::optional<std::string> ICLPChatLog::LoadiChat3Data(std::span<const uint8_t> data) {
+  return loadArchive(data, ArchiveDecoder::Format::Keyed);
+}
+
+// A file that did not decode to an array is no transcript; one whose array
+// is merely short or odd inside still loads, and the accessors guard every
+// use of it.
+std::optional<std::string> ICLPChatLog::loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format) {
+  const std::string kind = format == ArchiveDecoder::Format::TypedStream ? "the iChat 2 typed stream" : "the keyed archive";
+  auto opened = ArchiveDecoder::open(data, format);
+  if (const auto *why = std::get_if<std::string>(&opened))
+    return *why;
+  ArchiveDecoder &archive = *std::get<std::unique_ptr<ArchiveDecoder>>(opened);
+  substituteProgramClasses(archive);
+  const auto root = archive.decodeRoot();
+  if (const auto *why = std::get_if<std::string>(&root))
+    return kind + " is damaged: " + *why;
+  const ObjectRef &object = std::get<ObjectRef>(root);
+  if (!object)
+    return kind + " has no root";
+  loadedArray_ = objectAs<ArrayObject>(object);
+  if (!loadedArray_)
+    return kind + "'s root is " + object->className() + ", not an array";
+  return std::nullopt;
 }
 
 std::shared_ptr<const ArrayObject> ICLPChatLog::rootArray(size_t index) const {

@@ -6,16 +6,17 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <variant>
 #include <vector>
 
+#include "archiving/ArchiveDecoder.h"
 #include "foundation/FoundationValues.h"
-#include "mail/SmtpSession.h"
 #include "model/ICLPInstantMessage.h"
 #include "model/ICLPPresentity.h"
 
 namespace parlova {
 
-class ICLPChatLog final : public SmtpSessionDelegate {
+class ICLPChatLog final {
 public:
   enum class Format { iChat2, iChat3 };
 
@@ -29,8 +30,13 @@ public:
                                                          std::span<const uint8_t> contents);
   // The extension is exactly "chat" or "ichat".
   static bool hasTranscriptExtension(const std::filesystem::path &path);
-  // Why initWithFilePath gave nothing for `path`, in the order loading
-  // finds it out.
+  // The same, or why `contents` are no transcript: the file name, or the
+  // decoder's own reason ("the keyed archive is damaged: a reference to
+  // object 812, past the end of the table of 40 objects").
+  static std::variant<ICLPChatLog, std::string> load(const std::filesystem::path &path,
+                                                     std::span<const uint8_t> contents);
+  // Why initWithFilePath gives nothing for `path`: its extension, a file
+  // that cannot be read, then as load() says.
   static std::string reasonNotLoaded(const std::filesystem::path &path);
 
   // A transcript from an archive's bytes, as initWithFilePath: loads it
@@ -78,10 +84,6 @@ public:
   };
   SidesWordCounts CountWordsInSets(const WordSet *first, const WordSet *second) const;
 
-  // Records an email or archive error in the settings for the settings
-  // pane; at a standing failure count of exactly 3 also makes it the
-  // standing error, beeps and sends the user to the pane.
-  static void reportErrorAndLog(int code, const std::string &text);
   // Whether the conversation is over, asking iChat when it runs: a group
   // chat is over once iChat shows no chat at all, a two-party chat once no
   // window with the other party is open. No answer counts as not over.
@@ -98,33 +100,22 @@ public:
   // The description of the decoded root, for debug output.
   std::string description() const;
 
-  // The email: the subject line, and the SMTP exchange carried out on the
-  // run loop. True when the message was neither sent nor answered by the
-  // server (unreachable, or the wait broke off); refusals, rejected logins
-  // and time-outs are reported in the settings instead and give false.
+  // The email's subject: "[IM] " and the other party, with the local date
+  // and time when forceUniqueSubjects asks for subjects that differ (which
+  // counts subjectNumber up).
   std::string subjectForEmail();
-  bool HandleEmailSending(SmtpSession &session);
-  void emailReady(SmtpSession &session);
-  void authenticationCompleted() override;
-  void authenticationFailed() override;
-  void messageSent() override;
-  void messageNotSent() override;
-  void connectionTimedOut() override;
-
-  // True once the SMTP exchange has ended, well or badly.
-  bool mailTransmissionDone = false;
-  // True once the server took the message.
-  bool messageWasSent = false;
-  // The session of the send in progress; not owned.
-  SmtpSession *smtp = nullptr;
 
 private:
   ICLPChatLog() = default;
-  void LoadiChat2Data(std::span<const uint8_t> data);
+  static std::variant<ICLPChatLog, std::string> decodeArchive(std::span<const uint8_t> data, Format format,
+                                                              std::string primaryOtherParty);
+  // Fill the loaded array from an archive's bytes; or why they hold none.
+  std::optional<std::string> LoadiChat2Data(std::span<const uint8_t> data);
+  std::optional<std::string> LoadiChat3Data(std::span<const uint8_t> data);
+  std::optional<std::string> loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format);
   // An element of the root that should be an array; null when the root is
   // too short or holds something else there.
   std::shared_ptr<const ArrayObject> rootArray(size_t index) const;
-  void LoadiChat3Data(std::span<const uint8_t> data);
 
   Format format_ = Format::iChat3;
   std::shared_ptr<const ArrayObject> loadedArray_;

@@ -47,6 +47,19 @@ SqliteStatement &SqliteStatement::bindNull(int index) {
   return *this;
 }
 
+int SqliteStatement::parameter(std::string_view name) const {
+  const int index = sqlite3_bind_parameter_index(statement_.get(), std::string(name).c_str());
+  return index > 0 ? index : -1;
+}
+
+int SqliteStatement::column(std::string_view name) const {
+  const int count = sqlite3_column_count(statement_.get());
+  for (int i = 0; i < count; ++i)
+    if (const char *named = sqlite3_column_name(statement_.get(), i); named && name == named)
+      return i;
+  return -1;
+}
+
 std::variant<bool, SqliteError> SqliteStatement::step() {
   const int code = sqlite3_step(statement_.get());
   if (code == SQLITE_ROW)
@@ -75,16 +88,24 @@ void SqliteStatement::reset() {
   sqlite3_clear_bindings(statement_.get());
 }
 
-int64_t SqliteStatement::integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+// A column that is not there (-1) reads as null: SQLite leaves reading one
+// undefined.
+int64_t SqliteStatement::integer(int column) const {
+  return column < 0 ? 0 : sqlite3_column_int64(statement_.get(), column);
+}
 
-double SqliteStatement::real(int column) const { return sqlite3_column_double(statement_.get(), column); }
+double SqliteStatement::real(int column) const { return column < 0 ? 0 : sqlite3_column_double(statement_.get(), column); }
 
 std::string SqliteStatement::text(int column) const {
+  if (column < 0)
+    return "";
   const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(statement_.get(), column));
   return bytes ? std::string(bytes, static_cast<size_t>(sqlite3_column_bytes(statement_.get(), column))) : "";
 }
 
-bool SqliteStatement::isNull(int column) const { return sqlite3_column_type(statement_.get(), column) == SQLITE_NULL; }
+bool SqliteStatement::isNull(int column) const {
+  return column < 0 || sqlite3_column_type(statement_.get(), column) == SQLITE_NULL;
+}
 
 std::variant<SqliteDatabase, SqliteError> SqliteDatabase::open(const std::filesystem::path &file, unsigned mode) {
   // SQLite makes a new file with the process's umask; the mode is set by

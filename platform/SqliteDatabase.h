@@ -32,6 +32,9 @@ public:
   SqliteStatement &bind(int index, double value);
   SqliteStatement &bind(int index, std::string_view text);
   SqliteStatement &bindNull(int index);
+  // The parameter ":name" (given with its colon); -1, which binds nothing,
+  // when the statement has none of that name.
+  int parameter(std::string_view name) const;
 
   // true: a row is there to read; false: done. Or why it failed.
   std::variant<bool, SqliteError> step();
@@ -39,6 +42,10 @@ public:
   std::optional<SqliteError> run();
   void reset();
 
+  // The result column of that name (or alias): rows are read by name, so
+  // that a column added to a table moves nothing. -1, which reads as null,
+  // when there is none.
+  int column(std::string_view name) const;
   int64_t integer(int column) const;
   double real(int column) const;
   std::string text(int column) const;

@@ -3,8 +3,7 @@
 #include <cstdio>
 #include <map>
 
-#include "archiving/KeyedUnarchiver.h"
-#include "archiving/TypedStreamUnarchiver.h"
+#include "archiving/ArchiveDecoder.h"
 #include "foundation/FoundationValues.h"
 #include "foundation/GenericObject.h"
 
@@ -90,27 +89,25 @@ std::string quotedForDisplay(std::string_view text) {
   return out + "\"";
 }
 
-std::optional<std::string> dumpArchive(std::span<const uint8_t> bytes) {
-  if (auto stream = TypedStreamUnarchiver::forData(bytes)) {
-    stream->setDecodesEverythingGenerically(true);
-    const auto root = stream->decodeRootObject();
-    if (!root)
-      return std::nullopt;
-    return "typed stream\nroot: " + Printer().print(*root, "") + "\n";
-  }
-  if (auto keyed = KeyedUnarchiver::forData(bytes)) {
-    keyed->setDecodesEverythingGenerically(true);
-    std::string out = "keyed archive\n";
-    for (const char *key : {"root", "metadata"}) {
-      const auto object = keyed->decodeTopLevelObjectForKey(key);
-      if (!object)
-        return std::nullopt;
-      if (*object)
-        out += std::string(key) + ": " + Printer().print(*object, "") + "\n";
-    }
-    return out;
-  }
-  return std::nullopt;
+std::variant<DumpedArchive, std::string> dumpArchive(std::span<const uint8_t> bytes) {
+  auto opened = ArchiveDecoder::open(bytes);
+  if (const auto *why = std::get_if<std::string>(&opened))
+    return *why;
+  ArchiveDecoder &archive = *std::get<std::unique_ptr<ArchiveDecoder>>(opened);
+  archive.setDecodesEverythingGenerically(true);
+  const std::string format(archive.formatName());
+  DumpedArchive dump{format + "\n"};
+  const auto root = archive.decodeRoot();
+  const auto metadata = archive.decodeMetadata();
+  for (const auto *part : {&root, &metadata})
+    if (const auto *why = std::get_if<std::string>(part))
+      return "the " + format + " is damaged: " + *why;
+  // A typed stream's root is shown even when it is nil.
+  if (std::get<ObjectRef>(root) || archive.format() == ArchiveDecoder::Format::TypedStream)
+    dump.text += "root: " + Printer().print(std::get<ObjectRef>(root), "") + "\n";
+  if (const ObjectRef &object = std::get<ObjectRef>(metadata))
+    dump.text += "metadata: " + Printer().print(object, "") + "\n";
+  return dump;
 }
 
 } // namespace parlova

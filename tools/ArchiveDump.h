@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 
 namespace parlova {
 
@@ -14,8 +15,12 @@ namespace parlova {
 // escaped, so that every character of it is visible.
 std::string quotedForDisplay(std::string_view text);
 
-// The printed graph, or nothing when the bytes are neither format or the
-// archive is damaged.
-std::optional<std::string> dumpArchive(std::span<const uint8_t> bytes);
+struct DumpedArchive {
+  std::string text; // the format's name, then each top-level object's graph
+};
+
+// The printed graph, or why the bytes are neither format or the archive is
+// damaged.
+std::variant<DumpedArchive, std::string> dumpArchive(std::span<const uint8_t> bytes);
 
 } // namespace parlova

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "context/MailSettings.h"
 #include "foundation/FoundationValues.h"
 #include "foundation/PropertyList.h"
 #include "platform/Preferences.h"
@@ -70,7 +71,9 @@ int usage() {
                "  emailServer emailPort emailAddress emailOutgoing\n"
                "  emailSecurity (none, starttls, tls) emailCAFile emailAllowUnverifiedCertificate\n"
                "  emailNeedsUsername emailUsername emailPassword emailPasswordCommand\n"
-               "  emailDelivery (smtp, imap, maildir) emailFolder emailMaildir emailDateFromChat\n"
+               "  emailDelivery ("
+            << deliveryNamesText(", ")
+            << ") emailFolder emailMaildir emailDateFromChat\n"
                "  escapeHTML keepHistory keepChatPages\n"
                "  errorStatus emailFails reportThis subjectNumber (written by Parlova)\n";
   return 2;

@@ -127,14 +127,13 @@ int main(int argc, char **argv) {
     int status = 0;
     for (const std::string &file : files) {
       const auto bytes = readFileContents(file);
-      const auto dump = bytes ? dumpArchive(*bytes) : std::nullopt;
-      if (!dump) {
-        std::cerr << "parlova-inspect: " << file << ": "
-                  << (bytes ? "not a keyed archive or typed stream, or damaged" : "cannot read the file") << "\n";
+      const auto dump = bytes ? dumpArchive(*bytes) : std::string("cannot read the file");
+      if (const auto *why = std::get_if<std::string>(&dump)) {
+        std::cerr << "parlova-inspect: " << file << ": " << *why << "\n";
         status = 1;
         continue;
       }
-      std::cout << "file: " << file << "\n" << *dump;
+      std::cout << "file: " << file << "\n" << std::get<DumpedArchive>(dump).text;
     }
     return status;
   }

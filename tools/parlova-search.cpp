@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "foundation/Unicode.h"
+#include "history/MessageSearch.h"
 #include "platform/Home.h"
 #include "platform/SqliteDatabase.h"
-#include "tools/MessageSearch.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include "foundation/TextAttributes.h"
 #include "model/ICLPChatLog.h"
 #include "tests/support/ToolTestSupport.h"
+#include "tests/support/ValueOf.h"
 
 namespace parlova::testing {
 namespace {
@@ -209,8 +210,8 @@ const std::string_view kFoundationURLArchive = R"(<?xml version="1.0" encoding="
 </plist>)";
 
 ObjectRef decodeFoundationArchive(std::span<const uint8_t> bytes) {
-  auto unarchiver = KeyedUnarchiver::forData(bytes);
-  return unarchiver ? unarchiver->decodeTopLevelObjectForKey("root").value_or(nullptr) : nullptr;
+  auto unarchiver = valueOf(KeyedUnarchiver::forData(bytes));
+  return unarchiver ? valueOf((*unarchiver)->decodeRoot()).value_or(nullptr) : nullptr;
 }
 
 TEST(KeyedDecodingGolden, FoundationsOwnArchivesDecodeToTheirValues) {
@@ -283,11 +284,11 @@ public:
     plist_dict_set_item(archive, "$objects", plist_copy(objects_));
     const auto bytes = serializePropertyList(archive, PlistFormat::Binary);
     plist_free(archive);
-    auto unarchiver = KeyedUnarchiver::forData(bytes);
+    auto unarchiver = valueOf(KeyedUnarchiver::forData(bytes));
     if (!unarchiver)
       return std::nullopt;
-    unarchiver->setClass("InstantMessage", [](Coder &c) { return ICLPInstantMessage::initWithCoder(c); });
-    return unarchiver->decodeTopLevelObjectForKey("root");
+    (*unarchiver)->setClass("InstantMessage", [](Coder &c) { return ICLPInstantMessage::initWithCoder(c); });
+    return valueOf((*unarchiver)->decodeRoot());
   }
 
 private:

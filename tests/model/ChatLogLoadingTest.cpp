@@ -156,25 +156,5 @@ TEST(PropertyLists, NestingTooDeepIsRefusedBeforeParsing) {
   EXPECT_EQ(filesBelow(home.archive()), std::vector<std::string>{"Alice on 2005-03-01 at 10.15.ichat"});
 }
 
-TEST(Inspect, SaysWhyAFileDoesNotLoadAndRefusesOptionsItDoesNotKnow) {
-  ScratchHome home;
-  const auto good = home.addTranscript("Alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
-  writeText(home.chats() / "notes.txt", "hello");
-  writeText(home.chats() / "Broken on 2005-01-01.chat", "not a stream");
-  const auto result = home.run("parlova-inspect", {good.string(), (home.chats() / "notes.txt").string(),
-                                                   (home.chats() / "Broken on 2005-01-01.chat").string()});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("alice"), std::string::npos);
-  EXPECT_EQ(result.err, "parlova-inspect: " + (home.chats() / "notes.txt").string() +
-                            ": not a transcript: the extension must be exactly \"chat\" or \"ichat\"\n"
-                            "parlova-inspect: " + (home.chats() / "Broken on 2005-01-01.chat").string() +
-                            ": the iChat 2 typed stream could not be decoded into a transcript\n");
-
-  const auto bogus = home.run("parlova-inspect", {"--bogus", good.string()});
-  EXPECT_EQ(bogus.exitCode, 2);
-  EXPECT_EQ(bogus.out, "");
-  EXPECT_EQ(bogus.err.rfind("parlova-inspect: unknown option '--bogus'\nusage: parlova-inspect", 0), 0u) << bogus.err;
-}
-
 } // namespace
 } // namespace parlova::testing

@@ -149,14 +149,5 @@ TEST_F(Rendering, LinearConversionMatchesThePositionTable) {
   }
 }
 
-TEST(RenderingTool, InspectPrintsBothRenderings) {
-  ScratchHome home;
-  const auto path = home.addTranscript("alice on 1.ichat", simpleChat("alice"));
-  const auto plain = home.run("parlova-inspect", {"--plain", path.string()});
-  EXPECT_EQ(plain.out, "Sent by Parlova ( http://www.hollowmere.com/parlova/ )alice: hi there\nparlovauser: hello!\n");
-  const auto html = home.run("parlova-inspect", {"--html", path.string()});
-  EXPECT_EQ(html.out.rfind("<html><head><title>Parlova log</title></head><body>", 0), 0u) << html.out;
-}
-
 } // namespace
 } // namespace parlova::testing

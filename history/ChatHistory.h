@@ -13,51 +13,10 @@
 #include <variant>
 #include <vector>
 
-#include "generator/ICLPLogGenerator.h"
+#include "history/ChatRecord.h"
 #include "platform/SqliteDatabase.h"
 
 namespace parlova {
-
-class ICLPChatLog;
-
-// One processed chat, counted as the totals count it.
-struct ChatRecord {
-  std::string key; // the transcript's size and digest: the same bytes, the same key
-  std::string transcript; // where it is kept: its path in the processed folder
-  std::string account;
-  std::string displayName;
-  bool group = false;
-  std::optional<double> firstTime; // seconds since 1970
-  std::optional<double> lastTime;
-  int64_t messages = 0;
-  int64_t userWords = 0;
-  int64_t otherWords = 0;
-  int64_t userCurses = 0;
-  int64_t otherCurses = 0;
-  int64_t userNetspeak = 0;
-  int64_t otherNetspeak = 0;
-  int64_t links = 0;
-  int64_t pictures = 0;
-  // Messages by weekday (0 is Sunday) and hour, in the machine's time zone.
-  std::array<std::array<int64_t, 24>, 7> slots{};
-  // The other participants' accounts.
-  std::vector<std::string> participants;
-  // Every message as the search index keeps it.
-  struct Message {
-    std::optional<double> time;
-    std::string account;
-    std::string speaker;
-    std::string text;
-  };
-  std::vector<Message> texts;
-  // The first message's text, shortened, for the library's lists.
-  std::string firstLine;
-  // Its page in the chat library, relative to the library's folder.
-  std::optional<std::string> page;
-
-  static ChatRecord of(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
-                       std::filesystem::path transcript);
-};
 
 // What the charts show, each from one grouped query.
 struct HistorySummary {
@@ -100,10 +59,14 @@ public:
   // keepChatPages, whose lists are drawn from it).
   static bool wanted();
 
-  // The history, made when missing. A file that is not a sound database
-  // is set aside as history.sqlite.damaged (logged) and a new one begun;
-  // nothing when even that fails (logged).
+  // The history, made when missing and brought to this program's version
+  // when older. A file that is not a sound database is set aside as
+  // history.sqlite.damaged (logged) and a new one begun; nothing when even
+  // that fails (logged).
   static std::optional<ChatHistory> open();
+  // False for a history written by a newer version: it is read, never
+  // written (additions to it keep nothing and fail nothing).
+  bool writable() const { return !newer_; }
   // The history as it is, for reading: nothing when there is none.
   static std::optional<ChatHistory> openExisting();
 
@@ -121,7 +84,9 @@ public:
   // told by a later add() or by commit().
   class Additions {
   public:
-    // Nothing when the history cannot be opened (logged).
+    // Nothing when the history cannot be opened (logged). For a history
+    // of a newer version (logged once) the chats are kept nowhere and
+    // nothing fails.
     static std::optional<Additions> begin();
     Additions(Additions &&) noexcept;
     Additions &operator=(Additions &&) noexcept;
@@ -148,9 +113,10 @@ public:
   std::optional<std::vector<LibraryChat>> library();
 
 private:
-  explicit ChatHistory(SqliteDatabase database) : database_(std::move(database)) {}
+  ChatHistory(SqliteDatabase database, bool newer) : database_(std::move(database)), newer_(newer) {}
   static std::optional<ChatHistory> opened(bool create);
   SqliteDatabase database_;
+  bool newer_ = false;
 };
 
 } // namespace parlova

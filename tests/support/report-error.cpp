@@ -2,11 +2,11 @@
 //   parlova-report-error CODE TEXT
 #include <cstdlib>
 
-#include "model/ICLPChatLog.h"
+#include "context/ErrorReport.h"
 
 int main(int argc, char **argv) {
   if (argc != 3)
     return 2;
-  parlova::ICLPChatLog::reportErrorAndLog(std::atoi(argv[1]), argv[2]);
+  parlova::reportErrorAndLog(std::atoi(argv[1]), argv[2]);
   return 0;
 }

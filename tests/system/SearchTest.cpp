@@ -154,5 +154,55 @@ TEST_F(Search, BadQueriesAndOptionsSayWhatIsWrongInOneLine) {
   EXPECT_EQ(home_.run("parlova-search", {"nowhere"}).exitCode, 1);
 }
 
+// A history written before versions were kept (the file in tests/data is
+// one, as that program wrote it) is migrated and takes new chats; one with
+// a column added at this version too; one of a newer version is searched
+// but never written, and archiving goes on without it.
+TEST_F(Search, OlderHistoriesAreMigratedAndANewerOneIsReadButNeverWritten) {
+  struct Case {
+    const char *name;
+    const char *change; // SQL run on the old file first
+    int64_t version;    // user_version after the catch-up
+    const char *chats;  // the rows after it
+    bool rebuilds;
+  };
+  const Case cases[] = {
+      {"as written", "", 1, "3", true},
+      {"with a column more", "ALTER TABLE chats ADD COLUMN mood TEXT; PRAGMA user_version = 1", 1, "3", true},
+      {"newer", "ALTER TABLE chats ADD COLUMN mood TEXT NOT NULL DEFAULT 'calm'; PRAGMA user_version = 7", 7, "2",
+       false},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchHome home;
+    installShippedFiles(home);
+    home.setSetting("keepHistory", "-bool", "YES");
+    const fs::path history = home.path() / "Library" / "Parlova" / "history.sqlite";
+    fs::copy_file(fs::path(PARLOVA_SOURCE_DIR) / "tests" / "data" / "history-before-versions.sqlite", history);
+    pythonReading(std::string("import sqlite3, sys\nsqlite3.connect(sys.argv[1]).executescript(\"") + c.change +
+                      "\")\n",
+                  history);
+    home.addTranscript("carol on 2006-05-03 at 19.33.ichat", simpleChat("carol"));
+
+    const ToolResult run = home.run("parlova", {"--catch-up", "--quiet"});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_TRUE(fs::exists(home.archive() / "carol on 2006-05-03 at 19.33.ichat"));
+    EXPECT_EQ(countOccurrences(run.err, "was written by a newer version of Parlova; this one adds no chats"),
+              c.rebuilds ? 0u : 1u)
+        << run.err;
+    EXPECT_EQ(pythonReading("import sqlite3, sys\ndb = sqlite3.connect(sys.argv[1])\n"
+                            "print(db.execute('PRAGMA user_version').fetchone()[0],\n"
+                            "      db.execute('SELECT count(*) FROM chats').fetchone()[0])\n",
+                            history),
+              std::to_string(c.version) + " " + c.chats);
+    // The old rows are found, by a search that only reads.
+    const auto old = home.run("parlova-search", {"tonight"});
+    EXPECT_EQ(old.exitCode, 0) << old.err;
+    EXPECT_NE(old.out.find("are you coming tonight"), std::string::npos) << old.out;
+    EXPECT_EQ(home.run("parlova-search", {"hi"}).exitCode, c.rebuilds ? 0 : 1);
+    EXPECT_EQ(home.run("parlova", {"--rebuild-history", "--quiet"}).exitCode, c.rebuilds ? 0 : 1);
+  }
+}
+
 } // namespace
 } // namespace parlova::testing

@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "history/ChatRecord.h"
 #include "platform/SqliteDatabase.h"
 
 namespace parlova {
@@ -36,12 +37,7 @@ struct SearchOptions {
 };
 
 struct SearchHit {
-  struct Message {
-    std::optional<double> time;
-    std::string account;
-    std::string speaker;
-    std::string text;
-  };
+  using Message = ChatRecord::Message;
   int64_t row = 0;
   int64_t chat = 0; // the chat's row in the history
   std::string transcript;

@@ -234,8 +234,7 @@ TEST(CatchUp, DryRunSaysWhatItWouldDoAndWhyAndChangesNothing) {
   std::sort(lines.begin(), lines.end());
   EXPECT_EQ(lines, (std::vector<std::string>{
                        "1 to process, 2 to leave",
-                       "leave    Broken on 2005-01-01.ichat: does not load: the keyed archive is damaged or its root "
-                       "is not an array",
+                       "leave    Broken on 2005-01-01.ichat: does not load: not a property list, binary or XML",
                        "leave    carol on 2005-03-03 at 09.00.ichat: the chat is still open",
                        "process  alice on 2005-03-01 at 10.15.ichat",
                    }));

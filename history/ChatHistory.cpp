@@ -1,19 +1,20 @@
-#include "generator/ChatHistory.h"
+#include "history/ChatHistory.h"
 
 #include <cmath>
 #include <condition_variable>
 #include <csignal>
-#include <ctime>
 #include <limits>
 #include <map>
 #include <mutex>
 #include <pthread.h>
 #include <system_error>
 #include <thread>
+#include <utility>
 
+#include "context/ParlovaFolder.h"
 #include "context/Settings.h"
 #include "foundation/Unicode.h"
-#include "model/ICLPChatLog.h"
+#include "history/HistorySchema.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 
@@ -22,65 +23,6 @@ namespace parlova {
 namespace fs = std::filesystem;
 
 namespace {
-
-// Chats are found by month and by person with the words summed: both
-// indexes cover their queries, so neither reads the table. A chat's hours
-// and messages name it by its row number, which costs a byte or three
-// where its key would cost twenty, and a message its speaker by a number
-// too: the index is most of the file. The index keeps no sizes of its own
-// (columnsize=0): ranking, which needs them, reads the few thousand rows it
-// ranks instead.
-constexpr const char *kSchema = R"sql(
-CREATE TABLE IF NOT EXISTS chats (
-  id INTEGER PRIMARY KEY,
-  key TEXT NOT NULL UNIQUE,
-  transcript TEXT NOT NULL,
-  participants TEXT NOT NULL,
-  account TEXT NOT NULL,
-  display_name TEXT NOT NULL,
-  is_group INTEGER NOT NULL,
-  first_time REAL,
-  last_time REAL,
-  month INTEGER,
-  messages INTEGER NOT NULL,
-  user_words INTEGER NOT NULL,
-  other_words INTEGER NOT NULL,
-  user_curses INTEGER NOT NULL,
-  other_curses INTEGER NOT NULL,
-  user_netspeak INTEGER NOT NULL,
-  other_netspeak INTEGER NOT NULL,
-  links INTEGER NOT NULL,
-  pictures INTEGER NOT NULL,
-  first_line TEXT NOT NULL,
-  page TEXT
-);
-CREATE TABLE IF NOT EXISTS slots (
-  chat INTEGER NOT NULL,
-  weekday INTEGER NOT NULL,
-  hour INTEGER NOT NULL,
-  messages INTEGER NOT NULL,
-  PRIMARY KEY (chat, weekday, hour)
-) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS speakers (
-  id INTEGER PRIMARY KEY,
-  account TEXT NOT NULL,
-  name TEXT NOT NULL,
-  UNIQUE (account, name)
-);
-CREATE VIRTUAL TABLE IF NOT EXISTS texts USING fts5 (
-  text, chat UNINDEXED, time UNINDEXED, speaker UNINDEXED,
-  tokenize = 'unicode61 remove_diacritics 2', columnsize = 0
-);
-CREATE INDEX IF NOT EXISTS chats_by_month ON chats (month, user_words, other_words);
-CREATE INDEX IF NOT EXISTS chats_by_account ON chats (account, user_words, other_words, last_time, display_name);
-)sql";
-
-std::tm localTime(double secondsSince1970) {
-  const auto seconds = static_cast<std::time_t>(secondsSince1970);
-  std::tm local{};
-  localtime_r(&seconds, &local);
-  return local;
-}
 
 void logFailure(const std::string &what, const SqliteError &error) {
   logFormat("The chat history (%@) could not be %@: %@", ChatHistory::file().string(), what, error.message);
@@ -105,64 +47,7 @@ bool setAside() {
 
 } // namespace
 
-ChatRecord ChatRecord::of(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
-                          fs::path transcript) {
-  ChatRecord record;
-  record.key = std::move(key);
-  record.transcript = std::move(transcript).string();
-  const auto participants = log.participants();
-  record.group = participants.size() > 1;
-  record.displayName = log.primaryOtherParty();
-  record.account = participants.size() == 1 && !participants.front()->rawName().empty()
-                       ? participants.front()->rawName()
-                       : record.displayName;
-  for (const auto &participant : participants)
-    record.participants.push_back(participant->rawName());
-  // Every zone's offset, and every change of it, falls on a quarter hour,
-  // so the messages of one quarter hour share one conversion.
-  int64_t convertedQuarter = std::numeric_limits<int64_t>::min();
-  std::tm local{};
-  for (const auto &message : log.messages()) {
-    if (message->isStatusMessage())
-      continue;
-    ++record.messages;
-    const auto time = message->TimeStamp();
-    record.texts.push_back({time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
-                            message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)"),
-                            message->SearchableText()});
-    if (time) {
-      const double seconds = time->timeIntervalSince1970();
-      if (!record.firstTime)
-        record.firstTime = seconds;
-      if (const auto quarter = static_cast<int64_t>(std::floor(seconds / 900)); quarter != convertedQuarter) {
-        local = localTime(seconds);
-        convertedQuarter = quarter;
-      }
-      ++record.slots[static_cast<size_t>(local.tm_wday)][static_cast<size_t>(local.tm_hour)];
-    }
-  }
-  constexpr size_t kLongestFirstLine = 120;
-  for (const auto &text : record.texts)
-    if (!text.text.empty()) {
-      const std::u16string units = utf8ToUtf16(text.text);
-      record.firstLine = utf16ToUtf8(units.substr(0, kLongestFirstLine)) +
-                         (units.size() > kLongestFirstLine ? "\xE2\x80\xA6" : "");
-      break;
-    }
-  if (const auto last = log.LastMessageDate())
-    record.lastTime = last->timeIntervalSince1970();
-  record.userWords = counts.user.all;
-  record.otherWords = counts.others.all;
-  record.userCurses = counts.user.inFirst;
-  record.otherCurses = counts.others.inFirst;
-  record.userNetspeak = counts.user.inSecond;
-  record.otherNetspeak = counts.others.inSecond;
-  record.pictures = counts.pictures;
-  record.links = counts.links;
-  return record;
-}
-
-fs::path ChatHistory::file() { return ICLPLogGenerator::parlovaFolder() / "history.sqlite"; }
+fs::path ChatHistory::file() { return parlovaFolder() / "history.sqlite"; }
 
 bool ChatHistory::wanted() {
   Preferences &settings = appSettings();
@@ -179,9 +64,19 @@ std::optional<ChatHistory> ChatHistory::opened(bool create) {
       return std::nullopt;
     }
     auto &opened = std::get<SqliteDatabase>(database);
-    const auto failed = create ? opened.execute(kSchema) : opened.execute("SELECT count(*) FROM chats");
+    std::optional<SqliteError> failed;
+    bool newer = false;
+    if (create) {
+      const auto prepared = HistorySchema::prepare(opened);
+      if (const auto *error = std::get_if<SqliteError>(&prepared))
+        failed = *error;
+      else
+        newer = std::get<HistorySchema::State>(prepared) == HistorySchema::State::Newer;
+    } else {
+      failed = opened.execute("SELECT count(*) FROM chats");
+    }
     if (!failed)
-      return ChatHistory(std::move(opened));
+      return ChatHistory(std::move(opened), newer);
     if (failed->damaged && attempt == 0) {
       if (setAside())
         continue;
@@ -316,15 +211,20 @@ struct ChatHistory::Additions::Writing {
     if (auto failed = database.execute("PRAGMA cache_size = -65536"))
       return failed;
     for (const auto &[into, sql] : std::initializer_list<std::pair<std::optional<SqliteStatement> *, const char *>>{
-             {&chat, "INSERT OR IGNORE INTO chats VALUES (NULL, ?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, "
-                     "?13, ?14, ?15, ?16, ?17, ?18, ?19, ?20)"},
-             {&slot, "INSERT OR IGNORE INTO slots VALUES (?1, ?2, ?3, ?4)"},
-             {&message, "INSERT INTO texts VALUES (?1, ?2, ?3, ?4)"},
-             {&speaker, "INSERT OR IGNORE INTO speakers (account, name) VALUES (?1, ?2)"},
-             {&speakerId, "SELECT id FROM speakers WHERE account = ?1 AND name = ?2"},
-             {&changes, "SELECT changes(), last_insert_rowid()"},
+             {&chat, "INSERT OR IGNORE INTO chats (key, transcript, participants, account, display_name, is_group, "
+                     "first_time, last_time, month, messages, user_words, other_words, user_curses, other_curses, "
+                     "user_netspeak, other_netspeak, links, pictures, first_line, page) VALUES (:key, :transcript, "
+                     ":participants, :account, :display_name, :is_group, :first_time, :last_time, :month, :messages, "
+                     ":user_words, :other_words, :user_curses, :other_curses, :user_netspeak, :other_netspeak, "
+                     ":links, :pictures, :first_line, :page)"},
+             {&slot, "INSERT OR IGNORE INTO slots (chat, weekday, hour, messages) "
+                     "VALUES (:chat, :weekday, :hour, :messages)"},
+             {&message, "INSERT INTO texts (text, chat, time, speaker) VALUES (:text, :chat, :time, :speaker)"},
+             {&speaker, "INSERT OR IGNORE INTO speakers (account, name) VALUES (:account, :name)"},
+             {&speakerId, "SELECT id FROM speakers WHERE account = :account AND name = :name"},
+             {&changes, "SELECT changes() AS changed, last_insert_rowid() AS id"},
              // A chat kept before the library was asked for gets its page later.
-             {&paged, "UPDATE chats SET page = ?2 WHERE key = ?1 AND page IS NULL"}})
+             {&paged, "UPDATE chats SET page = :page WHERE key = :key AND page IS NULL"}})
       if (auto failed = prepared(*into, sql))
         return failed;
     if (auto failed = database.execute("BEGIN IMMEDIATE"))
@@ -337,62 +237,82 @@ struct ChatHistory::Additions::Writing {
     const auto known = speakers.find({text.account, text.speaker});
     if (known != speakers.end())
       return known->second;
-    if (auto failed = speaker->bind(1, text.account).bind(2, text.speaker).run())
+    if (auto failed = bind(*speaker, ":account", text.account).bind(speaker->parameter(":name"), text.speaker).run())
       return *failed;
-    speakerId->bind(1, text.account).bind(2, text.speaker);
+    bind(*speakerId, ":account", text.account).bind(speakerId->parameter(":name"), text.speaker);
     const auto step = speakerId->step();
     if (const auto *error = std::get_if<SqliteError>(&step))
       return *error;
-    const int64_t id = speakerId->integer(0);
+    const int64_t id = speakerId->integer(speakerId->column("id"));
     speakerId->reset();
     speakers.emplace(std::pair(text.account, text.speaker), id);
     return id;
+  }
+
+  template <class Value> static SqliteStatement &bind(SqliteStatement &statement, std::string_view name, Value value) {
+    return statement.bind(statement.parameter(name), value);
   }
 
   std::optional<SqliteError> add(const ChatRecord &record) {
     std::string participants;
     for (const std::string &account : record.participants)
       participants += account + "\n";
-    chat->bind(1, record.key).bind(2, record.transcript).bind(3, participants).bind(4, record.account);
-    chat->bind(5, record.displayName).bind(6, int64_t{record.group});
-    if (record.firstTime) {
-      const std::tm local = localTime(*record.firstTime);
-      chat->bind(7, *record.firstTime).bind(9, int64_t{local.tm_year + 1900} * 12 + local.tm_mon);
-    }
+    SqliteStatement &row = *chat;
+    bind(row, ":key", std::string_view(record.key));
+    bind(row, ":transcript", std::string_view(record.transcript));
+    bind(row, ":participants", std::string_view(participants));
+    bind(row, ":account", std::string_view(record.account));
+    bind(row, ":display_name", std::string_view(record.displayName));
+    bind(row, ":is_group", int64_t{record.group});
+    if (record.firstTime)
+      bind(row, ":first_time", *record.firstTime);
+    if (record.month)
+      bind(row, ":month", *record.month);
     if (record.lastTime)
-      chat->bind(8, *record.lastTime);
-    const int64_t counts[] = {record.messages,      record.userWords,    record.otherWords,
-                              record.userCurses,    record.otherCurses,  record.userNetspeak,
-                              record.otherNetspeak, record.links,        record.pictures};
-    for (int i = 0; i < 9; ++i)
-      chat->bind(10 + i, counts[i]);
-    chat->bind(19, record.firstLine);
+      bind(row, ":last_time", *record.lastTime);
+    const std::pair<const char *, int64_t> counts[] = {
+        {":messages", record.messages},        {":user_words", record.userWords},
+        {":other_words", record.otherWords},   {":user_curses", record.userCurses},
+        {":other_curses", record.otherCurses}, {":user_netspeak", record.userNetspeak},
+        {":other_netspeak", record.otherNetspeak}, {":links", record.links},
+        {":pictures", record.pictures}};
+    for (const auto &[name, count] : counts)
+      bind(row, name, count);
+    bind(row, ":first_line", std::string_view(record.firstLine));
     if (record.page)
-      chat->bind(20, *record.page);
-    if (auto failed = chat->run())
+      bind(row, ":page", std::string_view(*record.page));
+    if (auto failed = row.run())
       return failed;
     const auto step = changes->step();
-    const bool isNew = std::holds_alternative<bool>(step) && changes->integer(0) > 0;
-    const int64_t id = changes->integer(1);
+    const bool isNew = std::holds_alternative<bool>(step) && changes->integer(changes->column("changed")) > 0;
+    const int64_t id = changes->integer(changes->column("id"));
     changes->reset();
     if (!isNew)
-      return record.page ? paged->bind(1, record.key).bind(2, *record.page).run() : std::nullopt;
+      return record.page ? bind(bind(*paged, ":key", std::string_view(record.key)), ":page",
+                                std::string_view(*record.page))
+                               .run()
+                         : std::nullopt;
     ++added;
     for (int day = 0; day < 7; ++day)
       for (int hour = 0; hour < 24; ++hour)
-        if (const int64_t messages = record.slots[day][hour]; messages > 0)
-          if (auto failed = slot->bind(1, id).bind(2, int64_t{day}).bind(3, int64_t{hour}).bind(4, messages).run())
+        if (const int64_t messages = record.slots[day][hour]; messages > 0) {
+          bind(*slot, ":chat", id);
+          bind(*slot, ":weekday", int64_t{day});
+          bind(*slot, ":hour", int64_t{hour});
+          if (auto failed = bind(*slot, ":messages", messages).run())
             return failed;
+        }
     // A chat's messages follow each other in the index, so the ones around
     // a hit are its neighbours by row. Times in whole seconds.
     for (const ChatRecord::Message &text : record.texts) {
       const auto who = speakerOf(text);
       if (const auto *error = std::get_if<SqliteError>(&who))
         return *error;
-      message->bind(1, text.text).bind(2, id);
+      bind(*message, ":text", std::string_view(text.text));
+      bind(*message, ":chat", id);
       if (text.time)
-        message->bind(3, static_cast<int64_t>(std::floor(*text.time)));
-      if (auto failed = message->bind(4, std::get<int64_t>(who)).run())
+        bind(*message, ":time", static_cast<int64_t>(std::floor(*text.time)));
+      if (auto failed = bind(*message, ":speaker", std::get<int64_t>(who)).run())
         return failed;
     }
     return std::nullopt;
@@ -439,6 +359,17 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin() {
   auto history = open();
   if (!history)
     return std::nullopt;
+  if (!history->writable()) {
+    // Written into, a newer version's history could be harmed in ways
+    // this program cannot know of; its chats are added by a rebuild under
+    // the version that wrote it, and archiving goes on without them.
+    static bool said = false;
+    if (!std::exchange(said, true))
+      logFormat("The chat history %@ was written by a newer version of Parlova; this one adds no chats to it. "
+                "Those processed now wait: parlova --rebuild-history adds them, run by the newer version.",
+                file().string());
+    return Additions(nullptr);
+  }
   auto writing = std::make_unique<Writing>(std::move(*history));
   if (const auto failed = writing->prepare()) {
     writing->abandon(*failed);
@@ -449,6 +380,8 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin() {
 }
 
 bool ChatHistory::Additions::add(ChatRecord record) {
+  if (!writing_)
+    return true;
   if (writing_->failed)
     return false;
   if (!writing_->enqueue(std::move(record))) {
@@ -458,9 +391,11 @@ bool ChatHistory::Additions::add(ChatRecord record) {
   return true;
 }
 
-bool ChatHistory::Additions::setAsideDamaged() const { return writing_->setAsideDamaged; }
+bool ChatHistory::Additions::setAsideDamaged() const { return writing_ && writing_->setAsideDamaged; }
 
 std::optional<size_t> ChatHistory::Additions::commit() {
+  if (!writing_)
+    return size_t{0};
   if (writing_->failed)
     return std::nullopt;
   if (const auto failed = writing_->finish()) {
@@ -498,8 +433,8 @@ std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records)
 
 std::optional<std::vector<LibraryChat>> ChatHistory::library() {
   auto prepared = database_.prepare("SELECT account, display_name, first_time, last_time, messages, "
-                                    "user_words + other_words, first_line, page FROM chats WHERE page IS NOT NULL "
-                                    "ORDER BY account, first_time");
+                                    "user_words + other_words AS words, first_line, page FROM chats "
+                                    "WHERE page IS NOT NULL ORDER BY account, first_time");
   if (auto *error = std::get_if<SqliteError>(&prepared)) {
     logFailure("read", *error);
     return std::nullopt;
@@ -514,12 +449,14 @@ std::optional<std::vector<LibraryChat>> ChatHistory::library() {
     }
     if (!std::get<bool>(step))
       return chats;
-    LibraryChat chat{statement.text(0), statement.text(1), std::nullopt, std::nullopt, statement.integer(4),
-                     statement.integer(5), statement.text(6), statement.text(7)};
-    if (!statement.isNull(2))
-      chat.firstTime = statement.real(2);
-    if (!statement.isNull(3))
-      chat.lastTime = statement.real(3);
+    const auto named = [&](std::string_view name) { return statement.column(name); };
+    LibraryChat chat{statement.text(named("account")), statement.text(named("display_name")), std::nullopt,
+                     std::nullopt, statement.integer(named("messages")), statement.integer(named("words")),
+                     statement.text(named("first_line")), statement.text(named("page"))};
+    if (!statement.isNull(named("first_time")))
+      chat.firstTime = statement.real(named("first_time"));
+    if (!statement.isNull(named("last_time")))
+      chat.lastTime = statement.real(named("last_time"));
     chats.push_back(std::move(chat));
   }
 }
@@ -545,31 +482,36 @@ std::optional<HistorySummary> ChatHistory::summary() {
     }
   };
   const bool read =
-      query("SELECT count(*), min(first_time), max(last_time) FROM chats",
+      query("SELECT count(*) AS chats, min(first_time) AS first, max(last_time) AS last FROM chats",
             [&](SqliteStatement &row) {
-              summary.chats = row.integer(0);
-              if (!row.isNull(1))
-                summary.firstTime = row.real(1);
-              if (!row.isNull(2))
-                summary.lastTime = row.real(2);
+              summary.chats = row.integer(row.column("chats"));
+              if (!row.isNull(row.column("first")))
+                summary.firstTime = row.real(row.column("first"));
+              if (!row.isNull(row.column("last")))
+                summary.lastTime = row.real(row.column("last"));
             }) &&
-      query("SELECT month, count(*), sum(user_words + other_words) FROM chats WHERE month IS NOT NULL "
-            "GROUP BY month ORDER BY month",
+      query("SELECT month, count(*) AS chats, sum(user_words + other_words) AS words FROM chats "
+            "WHERE month IS NOT NULL GROUP BY month ORDER BY month",
             [&](SqliteStatement &row) {
-              const int64_t month = row.integer(0);
+              const int64_t month = row.integer(row.column("month"));
               summary.months.push_back({static_cast<int>(month / 12), static_cast<int>(month % 12) + 1,
-                                        row.integer(1), row.integer(2)});
+                                        row.integer(row.column("chats")), row.integer(row.column("words"))});
             }) &&
       // The name shown is the one of the latest chat (SQLite takes the
       // other columns from the row that gave the max()).
-      query("SELECT display_name, max(last_time), sum(user_words), sum(other_words) FROM chats "
-            "GROUP BY account ORDER BY sum(user_words) + sum(other_words) DESC, account LIMIT 15",
-            [&](SqliteStatement &row) { summary.people.push_back({row.text(0), row.integer(2), row.integer(3)}); }) &&
-      query("SELECT weekday, hour, sum(messages) FROM slots GROUP BY weekday, hour", [&](SqliteStatement &row) {
-        const int64_t day = row.integer(0), hour = row.integer(1);
-        if (day >= 0 && day < 7 && hour >= 0 && hour < 24)
-          summary.slots[static_cast<size_t>(day)][static_cast<size_t>(hour)] = row.integer(2);
-      });
+      query("SELECT display_name, max(last_time), sum(user_words) AS by_user, sum(other_words) AS by_others "
+            "FROM chats GROUP BY account ORDER BY sum(user_words) + sum(other_words) DESC, account LIMIT 15",
+            [&](SqliteStatement &row) {
+              summary.people.push_back({row.text(row.column("display_name")), row.integer(row.column("by_user")),
+                                        row.integer(row.column("by_others"))});
+            }) &&
+      query("SELECT weekday, hour, sum(messages) AS messages FROM slots GROUP BY weekday, hour",
+            [&](SqliteStatement &row) {
+              const int64_t day = row.integer(row.column("weekday")), hour = row.integer(row.column("hour"));
+              if (day >= 0 && day < 7 && hour >= 0 && hour < 24)
+                summary.slots[static_cast<size_t>(day)][static_cast<size_t>(hour)] =
+                    row.integer(row.column("messages"));
+            });
   if (!read)
     return std::nullopt;
   return summary;

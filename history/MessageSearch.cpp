@@ -1,4 +1,4 @@
-#include "tools/MessageSearch.h"
+#include "history/MessageSearch.h"
 
 #include <algorithm>
 #include <cctype>
@@ -59,13 +59,13 @@ SearchFailure unprepared(const SqliteError &error) {
   return {SearchFailure::Kind::Unreadable, "the chat history cannot be read"};
 }
 
-SearchHit::Message messageOf(const SqliteStatement &row, int first) {
+SearchHit::Message messageOf(const SqliteStatement &row) {
   SearchHit::Message message;
-  if (!row.isNull(first))
-    message.time = row.real(first);
-  message.account = row.text(first + 1);
-  message.speaker = row.text(first + 2);
-  message.text = row.text(first + 3);
+  if (const int time = row.column("time"); !row.isNull(time))
+    message.time = row.real(time);
+  message.account = row.text(row.column("account"));
+  message.speaker = row.text(row.column("speaker"));
+  message.text = row.text(row.column("text"));
   return message;
 }
 
@@ -148,9 +148,11 @@ std::string ftsQuery(std::string_view typed) {
 }
 
 std::string hitsStatement(HitOrder order) {
-  return std::string("SELECT texts.rowid, texts.chat, texts.time, s.account, s.name, texts.text, "
-                     "highlight(texts, 0, ?6, ?7), snippet(texts, 0, '', '', '\xE2\x80\xA6', 16), "
-                     "c.transcript, c.participants, c.display_name, c.first_time, c.page "
+  return std::string("SELECT texts.rowid AS row, texts.chat AS chat, texts.time AS time, s.account AS account, "
+                     "s.name AS speaker, texts.text AS text, highlight(texts, 0, ?6, ?7) AS marked, "
+                     "snippet(texts, 0, '', '', '\xE2\x80\xA6', 16) AS snippet, c.transcript AS transcript, "
+                     "c.participants AS participants, c.display_name AS chat_name, c.first_time AS chat_time, "
+                     "c.page AS page "
                      "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
                      "WHERE texts MATCH ?1 "
                      "AND (?2 IS NULL OR lower(c.account) = lower(?2) OR lower(c.display_name) = lower(?2) "
@@ -204,24 +206,26 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
       return badQuery(*error);
     if (!std::get<bool>(step))
       break;
+    const auto named = [&](std::string_view name) { return statement.column(name); };
     SearchHit hit;
-    hit.row = statement.integer(0);
-    hit.chat = statement.integer(1);
-    hit.message = messageOf(statement, 2);
-    hit.marked = statement.text(6);
-    hit.snippet = statement.text(7);
-    hit.transcript = statement.text(8);
-    hit.with = lines(statement.text(9));
-    hit.chatName = statement.text(10);
-    if (!statement.isNull(11))
-      hit.chatTime = statement.real(11);
-    hit.page = statement.text(12);
+    hit.row = statement.integer(named("row"));
+    hit.chat = statement.integer(named("chat"));
+    hit.message = messageOf(statement);
+    hit.marked = statement.text(named("marked"));
+    hit.snippet = statement.text(named("snippet"));
+    hit.transcript = statement.text(named("transcript"));
+    hit.with = lines(statement.text(named("participants")));
+    hit.chatName = statement.text(named("chat_name"));
+    if (!statement.isNull(named("chat_time")))
+      hit.chatTime = statement.real(named("chat_time"));
+    hit.page = statement.text(named("page"));
     hits.push_back(std::move(hit));
   }
 
   if (options.context > 0) {
     auto around = history.prepare(
-        "SELECT texts.rowid, texts.time, s.account, s.name, texts.text FROM texts "
+        "SELECT texts.rowid AS row, texts.time AS time, s.account AS account, s.name AS speaker, texts.text AS text "
+        "FROM texts "
         "JOIN speakers s ON s.id = texts.speaker WHERE texts.rowid BETWEEN ?1 AND ?2 AND texts.chat = ?3 "
         "ORDER BY texts.rowid");
     if (auto *neighbours = std::get_if<SqliteStatement>(&around))
@@ -232,9 +236,9 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
           const auto step = neighbours->step();
           if (!std::holds_alternative<bool>(step) || !std::get<bool>(step))
             break;
-          const int64_t row = neighbours->integer(0);
+          const int64_t row = neighbours->integer(neighbours->column("row"));
           if (row != hit.row)
-            (row < hit.row ? hit.before : hit.after).push_back(messageOf(*neighbours, 1));
+            (row < hit.row ? hit.before : hit.after).push_back(messageOf(*neighbours));
         }
         neighbours->reset();
       }

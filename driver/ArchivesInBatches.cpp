@@ -1,0 +1,73 @@
+#include "driver/ArchivesInBatches.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "driver/ArchiveFolder.h"
+#include "generator/ICLPLogGenerator.h"
+#include "platform/FileManager.h"
+#include "platform/Home.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+ArchivesInBatches::ArchivesInBatches() : journal_(ICLPLogGenerator::parlovaFolder()) {}
+
+// Before the first archive of the batch changes: nothing may change when
+// the journal cannot be written.
+std::optional<std::string> ArchivesInBatches::begin(const fs::path &) {
+  if (open_)
+    return std::nullopt;
+  if (!journal_.beginBatch()) {
+    logFormat("Could not write %@: %@", journal_.journalFile().string(), std::strerror(errno));
+    journal_.clear();
+    return "the journal could not be written";
+  }
+  open_ = true;
+  opened_ = Clock::now();
+  return std::nullopt;
+}
+
+std::variant<TranscriptArchives::Added, std::string>
+ArchivesInBatches::archive(const ICLPChatLog &log, const fs::path &transcript, const fs::path &target,
+                           const Stages &stages) {
+  // Noted before anything of it reaches the archives: a batch cut short is
+  // finished from these notes.
+  if (!journal_.noteBatchMove({transcript, target, stages.links, stages.images})) {
+    logFormat("Could not write %@: %@", journal_.movesFile().string(), std::strerror(errno));
+    return std::string("the journal could not be written");
+  }
+  ++size_;
+  const auto added = archives_.add(log, stages.links, stages.images, stages.historyKey, target);
+  return Added{added.links, added.pictures};
+}
+
+bool ArchivesInBatches::move(const fs::path &transcript, const fs::path &target) {
+  return MoveToArchiveFolder(transcript, target, FailureCountReset::WhenNotZero, Durability::ByNextSync);
+}
+
+bool ArchivesInBatches::due(size_t every, double seconds) const {
+  return open_ && (size_ >= every || Clock::now() - opened_ >= std::chrono::duration<double>(seconds));
+}
+
+bool ArchivesInBatches::commit() {
+  if (!open_)
+    return true;
+  if (!archives_.commit()) {
+    logLine("The catch-up could not write its archives; the next run adds this batch's transcripts to them.");
+    return false;
+  }
+  // The batch's moves reach the disk before the journal that could redo
+  // them is gone: a move undone by a power cut after that would bring a
+  // counted transcript back.
+  syncFileSystemOf(ArchiveFolder());
+  syncFileSystemOf(homeDirectory() / "Documents/iChats");
+  journal_.clear();
+  open_ = false;
+  size_ = 0;
+  return true;
+}
+
+} // namespace parlova

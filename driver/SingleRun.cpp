@@ -1,0 +1,81 @@
+#include "driver/SingleRun.h"
+
+#include <filesystem>
+#include <vector>
+
+#include "context/ProcessFlags.h"
+#include "driver/ArchivesNow.h"
+#include "driver/EntryJudgement.h"
+#include "driver/ExtractChatLog.h"
+#include "driver/RunStart.h"
+#include "platform/FileManager.h"
+#include "platform/Home.h"
+#include "platform/Log.h"
+#include "platform/Pause.h"
+
+namespace parlova {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Whether the run ends after the pipeline's `outcome`: always once it has
+// carried a transcript to the end or could not; after a chat left in place,
+// when the walk's own question found it over.
+bool runEnds(Extraction::Outcome outcome) {
+  using Outcome = Extraction::Outcome;
+  switch (outcome) {
+  case Outcome::NotLoaded:
+  case Outcome::LeftOpen:
+  case Outcome::MailWaits:
+    return isLikelyComplete;
+  case Outcome::ErrorStands:
+  case Outcome::CannotFinish:
+  case Outcome::NotArchived:
+  case Outcome::NotMoved:
+  case Outcome::Moved:
+    return true;
+  }
+  return true;
+}
+
+} // namespace
+
+int runOnce(const RunOptions &options) {
+  const auto started = startRun();
+  if (!started)
+    return 0;
+
+  const fs::path chatFolder = homeDirectory() / "Documents/iChats";
+  shouldQuit = true;
+  DirectoryEnumerator entries(chatFolder);
+
+  readDebugMode();
+
+  while (const auto entry = entries.nextObject()) {
+    judgeEntry(*entry);
+    if (verbose)
+      logFormat("Processing %@", *entry);
+
+    const std::string path = (chatFolder / *entry).string();
+    // An unreadable file decodes as no data at all.
+    const std::vector<uint8_t> contents = ICLPChatLog::hasTranscriptExtension(path)
+                                              ? readFileContents(path).value_or(std::vector<uint8_t>{})
+                                              : std::vector<uint8_t>{};
+    auto log = ICLPChatLog::hasTranscriptExtension(path) ? ICLPChatLog::initWithFileContents(path, contents)
+                                                         : std::nullopt;
+    if (options.pause)
+      pauseFor(*options.pause);
+    else
+      pauseBetweenEntries();
+    if (!log)
+      continue;
+
+    ArchivesNow archives;
+    if (runEnds(ExtractChatLog(path, &*log, contents, archives).outcome))
+      return 0;
+  }
+  return 0;
+}
+
+} // namespace parlova

@@ -1,0 +1,31 @@
+#include "driver/TranscriptMailContent.h"
+
+#include "driver/TranscriptJournal.h"
+
+namespace parlova {
+
+std::optional<std::string> TranscriptMailContent::contentKey() const {
+  const auto identity = TranscriptJournal::identify(path_);
+  if (!identity)
+    return std::nullopt;
+  return identity->key();
+}
+
+std::optional<double> TranscriptMailContent::chatStart() const {
+  for (const auto &message : log_.messages())
+    if (const auto time = message->TimeStamp())
+      return time->timeIntervalSince1970();
+  return std::nullopt;
+}
+
+MailMessage TranscriptMailContent::message(const std::string &to, const std::string &from) {
+  MailMessage message;
+  message.subject = log_.subjectForEmail();
+  message.from = from;
+  message.to = to;
+  message.html = log_.HTMLChatLog();
+  message.plainText = log_.PlainChatLog();
+  return message;
+}
+
+} // namespace parlova

@@ -1,0 +1,35 @@
+#include "mail/MailboxMessage.h"
+
+#include "foundation/Date.h"
+#include "platform/Log.h"
+
+namespace parlova {
+
+std::optional<MailboxMessage> MailboxMessage::compose(MailContent &content, const std::optional<std::string> &to,
+                                                      const std::optional<std::string> &from) {
+  const auto key = content.contentKey();
+  if (!key) {
+    logFormat("Could not store the mail: %@ cannot be read.", content.transcriptPath());
+    return std::nullopt;
+  }
+  MailboxMessage stored;
+  stored.name = "parlova." + *key;
+  const std::string sender = from.value_or("");
+  const size_t at = sender.rfind('@');
+  const std::string domain = at == std::string::npos || at + 1 == sender.size() ? "localhost" : sender.substr(at + 1);
+  const std::optional<double> chatTime = content.chatStart();
+  stored.chatTime = chatTime.value_or(Date::now().timeIntervalSince1970());
+
+  MailMessage message = content.message(to.value_or(""), sender);
+  message.messageId = stored.name + "@" + domain;
+  message.date = chatTime;
+  auto bytes = SmtpSession::messageBytes(message);
+  if (const auto *why = std::get_if<std::string>(&bytes)) {
+    logFormat("Could not load the mail module: %@", *why);
+    return std::nullopt;
+  }
+  stored.bytes = std::move(std::get<std::vector<uint8_t>>(bytes));
+  return stored;
+}
+
+} // namespace parlova

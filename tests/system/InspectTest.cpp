@@ -1,0 +1,96 @@
+// parlova-inspect as a user runs it: every mode on a transcript of each
+// format, and for a file that does not load, the decoder's own reason.
+#include <gtest/gtest.h>
+
+#include "tests/support/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace fixtures;
+
+TEST(Inspect, EveryModeShowsWhatEitherFormatHolds) {
+  ScratchHome home;
+  const auto keyed = home.addTranscript("alice on 1.ichat", simpleChat("alice"));
+  TranscriptSpec spec = simpleChat("bob");
+  RunSpec photo = text("\xEF\xBF\xBC");
+  photo.attachment = AttachmentSpec{"photo.jpg", {0xFF, 0xD8, 0, 1, 2}, false, {}, false};
+  spec.messages.push_back({spec.others.front(), 200000060, {photo}});
+  spec.messages.push_back({spec.others.front(), 200000090, {text("photo again")}});
+  const fs::path typed = home.chats() / "Bob on 2004-01-01.chat";
+  writeFile(typed, typedStreamTranscript(spec, ByteOrder::Big));
+
+  struct Case {
+    std::vector<std::string> arguments;
+    std::vector<std::string> shown;
+  };
+  const Case cases[] = {
+      {{"--plain", keyed.string()},
+       {"Sent by Parlova ( http://www.hollowmere.com/parlova/ )alice: hi there\nparlovauser: hello!\n"}},
+      {{"--html", keyed.string()}, {"<html><head><title>Parlova log</title></head><body>"}},
+      {{typed.string()}, {"format: iChat 2 typed stream", "attachment photo.jpg (5 bytes)"}},
+      // Shared objects are shown once.
+      {{"--archive", typed.string()}, {"typed stream\nroot: ", "InstantMessage v1 : NSObject v0", "(shown above)"}},
+      {{"--archive", keyed.string()}, {"keyed archive\nroot: "}},
+  };
+  for (const Case &c : cases) {
+    const auto result = home.run("parlova-inspect", c.arguments);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    for (const std::string &shown : c.shown)
+      EXPECT_NE(result.out.find(shown), std::string::npos) << c.arguments.front() << " lacks " << shown << "\n"
+                                                           << result.out;
+  }
+}
+
+TEST(Inspect, AFileThatDoesNotLoadSaysWhyInTheDecodersWords) {
+  ScratchHome home;
+  const std::vector<uint8_t> stream = typedStreamTranscript(simpleChat("carol"));
+  const std::vector<uint8_t> cut(stream.begin(), stream.begin() + 60);
+  const std::vector<uint8_t> good = keyedTranscript(simpleChat("dave"));
+  struct Case {
+    const char *name;
+    std::vector<uint8_t> bytes; // empty: the file in tests/data of that name
+    const char *reason;
+  };
+  const Case cases[] = {
+      {"notes.txt", {'h', 'i'}, "not a transcript: the extension must be exactly \"chat\" or \"ichat\""},
+      {"Broken on 2005-01-01.chat", {'n', 'o', 't'},
+       "not a typed stream: it does not start with a typed stream's header"},
+      {"Cut on 2005-01-01.chat", cut, "the iChat 2 typed stream is damaged: typed stream ends too soon"},
+      {"Garbage on 2005-01-01.ichat", {'b', 'p', 'l', 'i', 's', 't'}, "not a property list, binary or XML"},
+      {"reference-past-the-table on 2005-01-01.ichat", {},
+       "the keyed archive is damaged: a reference to object 812, past the end of the table of 3 objects"},
+      {"Nameless.ichat", good, "not a transcript: the file name has no \" on \" before the date"},
+  };
+  for (const Case &c : cases) {
+    const fs::path file = home.path() / c.name;
+    if (c.bytes.empty())
+      fs::copy_file(fs::path(PARLOVA_SOURCE_DIR) / "tests/data/reference-past-the-table.ichat", file);
+    else
+      writeFile(file, c.bytes);
+    const auto result = home.run("parlova-inspect", {file.string()});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "parlova-inspect: " + file.string() + ": " + c.reason + "\n");
+  }
+  // The dry run and a catch-up give the same reasons.
+  fs::create_directories(home.chats());
+  fs::copy_file(fs::path(PARLOVA_SOURCE_DIR) / "tests/data/reference-past-the-table.ichat",
+                home.chats() / "Far on 2005-01-01.ichat");
+  const std::string reason = "the keyed archive is damaged: a reference to object 812, past the end of the table";
+  EXPECT_NE(home.run("parlova", {"--dry-run"}).out.find("Far on 2005-01-01.ichat: does not load: " + reason),
+            std::string::npos);
+  EXPECT_NE(home.run("parlova", {"--catch-up", "--quiet"})
+                .err.find("Far on 2005-01-01.ichat does not load and stays where it is: " + reason),
+            std::string::npos);
+  const auto dump = home.run("parlova-inspect", {"--archive", (home.chats() / "Far on 2005-01-01.ichat").string()});
+  EXPECT_EQ(dump.exitCode, 1);
+  EXPECT_NE(dump.err.find(": " + reason), std::string::npos) << dump.err;
+
+  const auto bogus = home.run("parlova-inspect", {"--bogus", "x"});
+  EXPECT_EQ(bogus.exitCode, 2);
+  EXPECT_EQ(bogus.err.rfind("parlova-inspect: unknown option '--bogus'\nusage: parlova-inspect", 0), 0u) << bogus.err;
+}
+
+} // namespace
+} // namespace parlova::testing
