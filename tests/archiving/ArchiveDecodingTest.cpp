@@ -8,6 +8,7 @@
 #include "foundation/PropertyList.h"
 #include "foundation/TextAttributes.h"
 #include "model/ICLPChatLog.h"
+#include "platform/FileManager.h"
 #include "tests/support/ToolTestSupport.h"
 #include "tests/support/ValueOf.h"
 
@@ -111,111 +112,21 @@ TEST(KeyedDecoding, AttachmentsCarryTheirFilesAndFolders) {
   EXPECT_EQ(none->fileWrapper(), nullptr);
 }
 
-// Archives written by Apple's NSKeyedArchiver, from the test resources of
-// swift-corelibs-foundation, with the values its tests expect of them.
-// A dictionary {array: [null, "hello", 34545, {key: val}], string: "hello",
-// url: index.xml relative to https://www.swift.org, uuid: ...}, binary:
-const std::string_view kFoundationComplexArchive =
-    "62706c6973743030d40102030405065051582476657273696f6e58246f62"
-    "6a65637473592461726368697665725424746f7012000186a0af10170708"
-    "1718191a1b22242a2b2c323334373a40444548494d55246e756c6cd3090a"
-    "0b0c1116574e532e6b6579735a4e532e6f626a656374735624636c617373"
-    "a40d0e0f108002800380048005a4121314158006800980108015800e5561"
-    "7272617956737472696e675375726c5475756964d20a0b1c21a41d131f20"
-    "80078009800a800b800fd10b238008d2252627285a24636c6173736e616d"
-    "655824636c6173736573564e534e756c6ca22729584e534f626a65637455"
-    "68656c6c6f1186f1d3090a0b2d2f16a12e800ca130800d800e536b657953"
-    "76616cd2252635365c4e5344696374696f6e617279a23529d22526383957"
-    "4e534172726179a23829d33b0b3c3d3e3f574e532e626173655b4e532e72"
-    "656c6174697665801180138014d33b0b3c413e438000801380125f101568"
-    "747470733a2f2f7777772e73776966742e6f7267d225264647554e535552"
-    "4ca2462959696e6465782e786d6cd24a0b4b4c5c4e532e75756964627974"
-    "65734f101071dc068e342045ff919e3a267d55ec228016d225264e4f564e"
-    "5355554944a24e295f100f4e534b657965644172636869766572d1525354"
-    "726f6f74800100080011001a0023002d0032003700510057005e00660071"
-    "0078007d007f008100830085008a008c008e009000920094009a00a100a5"
-    "00aa00af00b400b600b800ba00bc00be00c100c300c800d300dc00e300e6"
-    "00ef00f500f800ff01010103010501070109010d0111011601230126012b"
-    "01330136013d01450151015301550157015e016001620164017c01810187"
-    "018a0194019901a601b901bb01c001c701ca01dc01df01e4000000000000"
-    "02010000000000000054000000000000000000000000000001e6";
-
-// foo.xml relative to https://www.example.com, as XML with CF$UID references:
-const std::string_view kFoundationURLArchive = R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0">
-<dict>
-	<key>$archiver</key>
-	<string>NSKeyedArchiver</string>
-	<key>$objects</key>
-	<array>
-		<string>$null</string>
-		<dict>
-			<key>$class</key>
-			<dict>
-				<key>CF$UID</key>
-				<integer>4</integer>
-			</dict>
-			<key>NS.base</key>
-			<dict>
-				<key>CF$UID</key>
-				<integer>2</integer>
-			</dict>
-			<key>NS.relative</key>
-			<dict>
-				<key>CF$UID</key>
-				<integer>5</integer>
-			</dict>
-		</dict>
-		<dict>
-			<key>$class</key>
-			<dict>
-				<key>CF$UID</key>
-				<integer>4</integer>
-			</dict>
-			<key>NS.base</key>
-			<dict>
-				<key>CF$UID</key>
-				<integer>0</integer>
-			</dict>
-			<key>NS.relative</key>
-			<dict>
-				<key>CF$UID</key>
-				<integer>3</integer>
-			</dict>
-		</dict>
-		<string>https://www.example.com</string>
-		<dict>
-			<key>$classes</key>
-			<array>
-				<string>NSURL</string>
-				<string>NSObject</string>
-			</array>
-			<key>$classname</key>
-			<string>NSURL</string>
-		</dict>
-		<string>foo.xml</string>
-	</array>
-	<key>$top</key>
-	<dict>
-		<key>root</key>
-		<dict>
-			<key>CF$UID</key>
-			<integer>1</integer>
-		</dict>
-	</dict>
-	<key>$version</key>
-	<integer>100000</integer>
-</dict>
-</plist>)";
-
 ObjectRef decodeFoundationArchive(std::span<const uint8_t> bytes) {
   auto unarchiver = valueOf(KeyedUnarchiver::forData(bytes));
   return unarchiver ? valueOf((*unarchiver)->decodeRoot()).value_or(nullptr) : nullptr;
 }
 
+// Archives written by Apple's NSKeyedArchiver, from the test resources of
+// swift-corelibs-foundation, with the values its tests expect of them: a
+// dictionary {array: [null, "hello", 34545, {key: val}], string: "hello",
+// url: index.xml relative to https://www.swift.org, uuid: ...}, binary; and
+// foo.xml relative to https://www.example.com, as XML with CF$UID
+// references.
 TEST(KeyedDecodingGolden, FoundationsOwnArchivesDecodeToTheirValues) {
-  const auto complex = objectAs<DictionaryObject>(decodeFoundationArchive(fromHex(kFoundationComplexArchive)));
+  const fs::path data = fs::path(PARLOVA_SOURCE_DIR) / "tests/data";
+  const auto complex =
+      objectAs<DictionaryObject>(decodeFoundationArchive(*readFileContents(data / "foundation-complex-archive.plist")));
   ASSERT_TRUE(complex);
   std::map<std::string, ObjectRef> entries;
   for (const auto &[key, value] : complex->entries())
@@ -235,8 +146,7 @@ TEST(KeyedDecodingGolden, FoundationsOwnArchivesDecodeToTheirValues) {
   EXPECT_EQ(inner->entries()[0].first->description(), "key");
   EXPECT_EQ(inner->entries()[0].second->description(), "val");
 
-  const std::vector<uint8_t> xml(kFoundationURLArchive.begin(), kFoundationURLArchive.end());
-  const auto url = objectAs<URLObject>(decodeFoundationArchive(xml));
+  const auto url = objectAs<URLObject>(decodeFoundationArchive(*readFileContents(data / "foundation-url-archive.plist")));
   ASSERT_TRUE(url);
   EXPECT_EQ(url->relativeString(), "foo.xml");
   EXPECT_EQ(url->absoluteString(), "https://www.example.com/foo.xml");

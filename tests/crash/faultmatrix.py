@@ -12,6 +12,7 @@ Usage: faultmatrix.py BUILD_DIR
 """
 import os
 import plistlib
+import pwd
 import shutil
 import socket
 import subprocess
@@ -192,18 +193,29 @@ def write(data: bytes):
     return lambda home, target: target.write_bytes(data)
 
 
-# fault, (make, undo), what a run under it logs, server mode, needs root, runs as nobody
+# fault, (make, undo), what a run under it logs, server mode, needs root, runs as nobody; what a run under
+# it logs may name {home}, {archived} and {lock}, the paths in the row's home, and {owner}, this user.
+NOT_MOVABLE = "] Nothing was sent or archived: cannot move transcripts into {archived}: "
+LOCK = "] Could not lock {lock}: "
 FAULTS = [
-    ("processed folder read-only", read_only(ARCHIVED), "cannot move transcripts into", "accept", False, False),
+    ("processed folder read-only", read_only(ARCHIVED), NOT_MOVABLE, "accept", False, False),
     ("processed folder a dangling link",
-     replaced(ARCHIVED, lambda home, target: target.symlink_to(home / "unmounted")), "which is not there",
-     "accept", False, False),
-    ("processed folder a file", replaced(ARCHIVED, write(b"a file")), "it is not a folder", "accept", False, False),
+     replaced(ARCHIVED, lambda home, target: target.symlink_to(home / "unmounted")),
+     NOT_MOVABLE + "it is a link to {home}/unmounted, which is not there. The next run tries again.\n", "accept",
+     False, False),
+    ("processed folder a file", replaced(ARCHIVED, write(b"a file")),
+     NOT_MOVABLE + "it is not a folder. The next run tries again.\n", "accept", False, False),
     ("processed folder full", full_processed_folder(), "No space left on device", "accept", True, False),
-    ("name at the length limit", long_name(), "longer than the file system allows", "accept", False, False),
-    ("lock owned by another user", lock_of_root(), "Permission denied (a file owned by root", "accept", True, True),
-    ("lock a folder", replaced(LIBRARY / ".parlova.lock", lambda home, target: target.mkdir()), "Is a directory",
-     "accept", False, False),
+    ("name at the length limit", long_name(),
+     NOT_MOVABLE + "the name it would get there (258 bytes) is longer than the file system allows (255). The next "
+     "run tries again.\n", "accept", False, False),
+    ("lock owned by another user", lock_of_root(),
+     LOCK + "Permission denied (a file owned by root, mode 0644); this run ends and changes nothing until the lock "
+     "can be taken.\n", "accept", True, True),
+    ("lock a folder", replaced(LIBRARY / ".parlova.lock", lambda home, target: target.mkdir(mode=0o755) or
+                               target.chmod(0o755)),
+     LOCK + "Is a directory (a folder owned by {owner}, mode 0755); this run ends and changes nothing until the "
+     "lock can be taken.\n", "accept", False, False),
     ("~/Library/Parlova read-only", read_only(LIBRARY), "changes nothing until the lock can be taken", "accept",
      False, False),
     ("settings a folder", replaced(SETTINGS, lambda home, target: target.mkdir()), "it is a folder, not a file",
@@ -284,6 +296,8 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
             runs += 1
 
     problems = []
+    reason = reason.format(home=home, archived=home / ARCHIVED, lock=home / LIBRARY / ".parlova.lock",
+                           owner=pwd.getpwuid(os.geteuid()).pw_name)
     try:
         make(home)
         finish([start()])
@@ -292,6 +306,19 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
         under_fault = "".join(logs)
         if reason not in under_fault:
             problems.append(f"no run said why ({reason!r}):\n{under_fault}")
+        # A catch-up under a fault of the folder or the lock says the same and
+        # sends nothing; the settings pane is told.
+        command.append("--catch-up")
+        finish([start()])
+        command.pop()
+        if reason.startswith(("] Nothing", "] Could not lock")) and reason not in logs[-1]:
+            problems.append(f"the catch-up did not say why ({reason!r}):\n{logs[-1]}")
+        if reason.startswith("] Nothing"):
+            report = plistlib.loads((home / SETTINGS).read_bytes()).get("reportThis", "")
+            if f"] Nothing was sent or archived: {report}. The next run tries again.\n" not in under_fault:
+                problems.append(f"reportThis is {report!r}")
+            if "preparing email send" in under_fault + logs[-1]:
+                problems.append("a transcript that cannot be moved was mailed")
         mailed_under_fault = len(server.subjects())
         undo(home)
         if mode in ("flood", "trickle", "drop"):  # put right: a server that works

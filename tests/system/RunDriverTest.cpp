@@ -117,43 +117,6 @@ protected:
   SmtpServer server_{home_.path() / "smtp", "accept"};
 };
 
-TEST_F(Faults, ArchivingThatCannotFinishIsNotBegunAndNothingIsSent) {
-  // 255 bytes, the most a name may have: " #2" pushes the second copy over.
-  const std::string longName = std::string(226, 'a') + " on 2005-03-01 at 10.15.ichat";
-  const struct {
-    const char *fault;
-    std::function<void()> make;
-    std::string reason;
-  } cases[] = {
-      {"a file", [&] { writeText(home_.archive(), "not a folder"); }, "it is not a folder"},
-      {"a dangling link", [&] { fs::create_directory_symlink(home_.path() / "unmounted", home_.archive()); },
-       "it is a link to " + (home_.path() / "unmounted").string() + ", which is not there"},
-      {"a name too long", [&] { writeText(home_.archive() / longName, "an earlier copy"); },
-       "the name it would get there (258 bytes) is longer than the file system allows (255)"},
-  };
-  for (const auto &fault : cases) {
-    fs::remove_all(home_.archive());
-    fs::remove_all(home_.chats());
-    fault.make();
-    const auto transcript = home_.addTranscript(longName, simpleChat());
-    for (const std::vector<std::string> &arguments : {std::vector<std::string>{}, {}, {"--catch-up"}}) {
-      const auto result = home_.run("parlova", arguments);
-      EXPECT_EQ(result.exitCode, 0);
-      EXPECT_NE(result.err.find("] Nothing was sent or archived: cannot move transcripts into " +
-                                home_.archive().string() + ": " + fault.reason + ". The next run tries again.\n"),
-                std::string::npos)
-          << fault.fault << ": " << result.err;
-      EXPECT_EQ(result.err.find("preparing email send"), std::string::npos) << fault.fault;
-    }
-    EXPECT_TRUE(fs::exists(transcript)) << fault.fault;
-    EXPECT_EQ(server_.messages().size(), 0u) << fault.fault;
-    EXPECT_EQ(chats(), 0) << fault.fault;
-    EXPECT_EQ(home_.readSetting("reportThis"), "cannot move transcripts into " + home_.archive().string() + ": " +
-                                                   fault.reason)
-        << fault.fault;
-  }
-}
-
 TEST_F(Faults, AMoveThatFailsIsRetriedAsAMoveAndNeverMailedOrCountedAgain) {
   const auto transcript = home_.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
   fs::last_write_time(transcript, fs::last_write_time(transcript) - std::chrono::hours(24 * 365));
@@ -249,57 +212,6 @@ TEST(RunDriver, ARunThatFindsAnotherUnderWayEndsAtOnce) {
   close(fd); // as when the other run ends, however it ends
   result = home.run("parlova");
   EXPECT_FALSE(fs::exists(transcript)) << result.err;
-}
-
-TEST(RunDriver, ALockThatCannotBeTakenEndsTheRunBeforeAnythingIsTouched) {
-  ScratchHome home;
-  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
-  const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
-  fs::create_directories(lockFile);
-  fs::permissions(lockFile, fs::perms(0755));
-  for (const std::vector<std::string> &arguments : {std::vector<std::string>{}, {"--catch-up"}}) {
-    const auto result = home.run("parlova", arguments);
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(std::regex_search(result.err, std::regex("\\] Could not lock " + lockFile.string() +
-                                                         ": Is a directory \\(a folder owned by [^,]+, mode 0755\\); "
-                                                         "this run ends and changes nothing until the lock can be "
-                                                         "taken.\n$")))
-        << result.err;
-    EXPECT_TRUE(fs::exists(transcript));
-    EXPECT_EQ(filesBelow(home.path() / "Library"), std::vector<std::string>{}) << "nothing written";
-  }
-}
-
-// After a "sudo parlova" the lock is root's: the user's own runs cannot open
-// it, and must not go on without it.
-TEST(RunDriver, ALockOfAnotherUserEndsTheRun) {
-  if (geteuid() != 0)
-    GTEST_SKIP() << "needs root to run the tool as another user";
-  ScratchHome home;
-  const auto transcript = home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
-  const fs::path lockFile = home.path() / "Library" / "Parlova" / ".parlova.lock";
-  writeText(lockFile, "");
-  fs::permissions(lockFile, fs::perms(0644));
-  // A copy of the tool, since the build folder may be closed to that user.
-  const fs::path tool = home.path() / "parlova";
-  fs::copy_file(PARLOVA_BINARY_DIR "/parlova", tool);
-  std::system(("chown -R nobody:nogroup '" + home.path().string() + "' && chown root:root '" + lockFile.string() +
-               "' && chmod 755 '" + home.path().string() + "'")
-                  .c_str());
-  const fs::path log = fs::temp_directory_path() / ("parlova-nobody-" + std::to_string(getpid()));
-  const int status = std::system(("setpriv --reuid=nobody --regid=nogroup --clear-groups env HOME='" +
-                                  home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 '" + tool.string() + "' 2> '" +
-                                  log.string() + "'")
-                                     .c_str());
-  const std::string err = readText(log);
-  fs::remove(log);
-  EXPECT_EQ(status, 0);
-  EXPECT_NE(err.find("] Could not lock " + lockFile.string() +
-                     ": Permission denied (a file owned by root, mode 0644); this run ends"),
-            std::string::npos)
-      << err;
-  EXPECT_TRUE(fs::exists(transcript));
-  EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/chatgeist.plist"));
 }
 
 TEST(RunDriver, ATranscriptReachedThroughARelativeLinkStillResolvesOnceMoved) {
