@@ -1,0 +1,89 @@
+// The file operations every archive and move goes through: a move never
+// replaces anything, a walk goes deep but not through links, a private
+// write is private from its first byte, and leftovers are found again.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/FileManager.h"
+#include "tests/support/ToolTestSupport.h"
+
+namespace parlova::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(FileManager, MovesNeverReplaceAndCopiesAcrossFileSystemsKeepTheOriginalUntilDone) {
+  ScratchHome home;
+  const fs::path from = home.path() / "a.ichat", taken = home.path() / "b.ichat";
+  writeText(from, "transcript");
+  writeText(taken, "an earlier copy");
+  EXPECT_FALSE(moveItem(from, taken));
+  EXPECT_EQ(readText(from), "transcript");
+  EXPECT_EQ(readText(taken), "an earlier copy");
+  for (const Durability durability : {Durability::Now, Durability::ByNextSync}) {
+    const fs::path to = home.path() / "moved" / "a.ichat";
+    fs::create_directories(to.parent_path());
+    EXPECT_TRUE(moveItem(from, to, durability));
+    EXPECT_FALSE(fs::exists(from));
+    EXPECT_EQ(readText(to), "transcript");
+    fs::rename(to, from);
+  }
+  // Another file system, full: the copy fails and the original stays whole.
+  const fs::path small = home.path() / "small";
+  fs::create_directories(small);
+  if (std::system(("mount -t tmpfs -o size=16k tmpfs '" + small.string() + "' 2>/dev/null").c_str()) != 0)
+    GTEST_SKIP() << "needs root to mount a small file system";
+  writeText(from, std::string(64 * 1024, 'x'));
+  const bool moved = moveItem(from, small / "a.ichat");
+  const auto left = filesBelow(small);
+  std::system(("umount '" + small.string() + "'").c_str());
+  EXPECT_FALSE(moved);
+  EXPECT_EQ(left, std::vector<std::string>{}) << "no part of the copy is left";
+  EXPECT_EQ(readText(from).size(), 64u * 1024);
+}
+
+TEST(FileManager, TheWalkGoesDeepButNotThroughLinksAndNamesAreSplitAsFoundationSplitsThem) {
+  ScratchHome home;
+  const fs::path root = home.path() / "iChats";
+  writeText(root / "2005-03-14" / "Bob on 2005-03-14.ichat", "");
+  writeText(root / "top.chat", "");
+  fs::create_directory_symlink(home.path(), root / "elsewhere");
+  std::vector<std::string> walked;
+  for (DirectoryEnumerator walk(root); const auto entry = walk.nextObject();)
+    walked.push_back(*entry);
+  std::sort(walked.begin(), walked.end());
+  EXPECT_EQ(walked, (std::vector<std::string>{"2005-03-14", "2005-03-14/Bob on 2005-03-14.ichat", "elsewhere",
+                                              "top.chat"}));
+  EXPECT_FALSE(DirectoryEnumerator(home.path() / "missing").nextObject());
+
+  const struct {
+    const char *name, *extension, *stem;
+  } names[] = {{"Bob on 2006.ichat", "ichat", "Bob on 2006"}, {"a.tar.gz", "gz", "a.tar"}, {"noext", "", "noext"}};
+  for (const auto &name : names) {
+    EXPECT_EQ(pathExtension(name.name), name.extension) << name.name;
+    EXPECT_EQ(deletingPathExtension(name.name), name.stem) << name.name;
+  }
+}
+
+TEST(FileManager, PrivateWritesArePrivateAndLeftoversOfADeadWriterAreRemoved) {
+  ScratchHome home;
+  const fs::path file = home.path() / "settings.plist";
+  const std::vector<uint8_t> bytes = {'x'};
+  ASSERT_TRUE(writeFileAtomically(file, bytes, Durability::Now, Visibility::Private));
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  const fs::path leftover = temporaryPathBeside(file);
+  writeText(leftover, "half");
+  removeLeftoverTemporaries(home.path());
+  EXPECT_FALSE(fs::exists(leftover));
+  EXPECT_EQ(*readFileContents(file), bytes);
+  EXPECT_FALSE(readFileContents(home.path()));
+}
+
+} // namespace
+} // namespace parlova::testing
