@@ -45,7 +45,7 @@ COVERAGE_FLAGS = -DCMAKE_BUILD_TYPE=Debug -DPARLOVA_TESTS=ON -DCMAKE_CXX_FLAGS=-
 coverage: deps
 	tools/install-deps gcovr
 	cmake -S . -B $(BUILD)-coverage $(COVERAGE_FLAGS) $(CMAKE_FLAGS)
-	cmake --build $(BUILD)-coverage -j$(JOBS)
+	cmake --build $(BUILD)-coverage -j$(JOBS) --target parlova_tests
 	find $(BUILD)-coverage -name '*.gcda' -delete
 	cd $(BUILD)-coverage && ctest -j$(JOBS) -E '^(Crash|Faults|Layering|Fuzz)\.' > ctest.log || (tail -40 ctest.log; false)
 	gcovr --root . --object-directory $(BUILD)-coverage --exclude-unreachable-branches --exclude-throw-branches \

@@ -32,16 +32,19 @@ protected:
     const auto bytes = readFileContents(folder() / name);
     return bytes ? PlistValue::parse(*bytes).value_or(PlistValue()) : PlistValue();
   }
-  // Runs the tool until no transcript is left, at most `limit` times.
-  int runUntilDone(int limit) const {
+  // Runs the tool until no transcript is left, at most `limit` times; what
+  // the runs logged is kept in `logged_`, to show when the count is off.
+  int runUntilDone(int limit) {
     int runs = 0;
+    logged_.clear();
     while (runs < limit && !filesBelow(home_.chats()).empty()) {
       const ToolResult result = home_.run("parlova", {}, {{"TZ", "UTC"}});
       EXPECT_EQ(result.exitCode, 0) << result.err;
-      ++runs;
+      logged_ += "-- run " + std::to_string(++runs) + "\n" + result.err;
     }
     return runs;
   }
+  std::string logged_;
 
   // The page after its scripts ran (stdout) and every console message
   // (stderr), in headless Chromium.
@@ -85,7 +88,7 @@ TEST_F(Pipeline, TranscriptsOfBothFormatsAreMailedGatheredCountedAndMoved) {
   plain.messages = {says(alice, 160488000, "no links, no pictures")};               // 2006-02-01
   home_.addTranscript("old" "/Alice on 2006-02-01 at 12.00.ichat", plain);
 
-  EXPECT_EQ(runUntilDone(6), 3) << "one transcript per run";
+  EXPECT_EQ(runUntilDone(6), 3) << "one transcript per run\n" << logged_;
   EXPECT_EQ(filesBelow(home_.archive()).size(), 3u);
 
   const auto mails = server.messages();
