@@ -123,8 +123,9 @@ std::optional<std::string> ICLPChatLog::loadArchive(std::span<const uint8_t> dat
   if (!object)
     return kind + " has no root";
   loadedArray_ = objectAs<ArrayObject>(object);
+  // The root's class name is the archive's own text, never shown raw.
   if (!loadedArray_)
-    return kind + "'s root is " + object->className() + ", not an array";
+    return kind + "'s root is not an array";
   return std::nullopt;
 }
 
