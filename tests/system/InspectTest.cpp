@@ -48,6 +48,7 @@ TEST(Inspect, AFileThatDoesNotLoadSaysWhyInTheDecodersWords) {
   const std::vector<uint8_t> stream = typedStreamTranscript(simpleChat("carol"));
   const std::vector<uint8_t> cut(stream.begin(), stream.begin() + 60);
   const std::vector<uint8_t> good = keyedTranscript(simpleChat("dave"));
+  const std::string dictionary = readText(fs::path(PARLOVA_SOURCE_DIR) / "tests/data/foundation-complex-archive.plist");
   struct Case {
     const char *name;
     std::vector<uint8_t> bytes; // empty: the file in tests/data of that name
@@ -61,6 +62,8 @@ TEST(Inspect, AFileThatDoesNotLoadSaysWhyInTheDecodersWords) {
       {"Garbage on 2005-01-01.ichat", {'b', 'p', 'l', 'i', 's', 't'}, "not a property list, binary or XML"},
       {"reference-past-the-table on 2005-01-01.ichat", {},
        "the keyed archive is damaged: a reference to object 812, past the end of the table of 3 objects"},
+      {"Dictionary on 2005-01-01.ichat", {dictionary.begin(), dictionary.end()},
+       "the keyed archive's root is not an array"},
       {"Nameless.ichat", good, "not a transcript: the file name has no \" on \" before the date"},
   };
   for (const Case &c : cases) {
