@@ -30,7 +30,7 @@ extern char **environ;
 #include "history/MessageSearch.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
-#include "tests/fixtures/Backlog.h"
+#include "samples/Backlog.h"
 
 namespace parlova::bench {
 
@@ -172,7 +172,7 @@ void printCatchUp(const fs::path &binaryDir) {
   constexpr size_t kThousand = 1000;
   const fs::path root = fs::temp_directory_path() / ("parlova-catch-up-" + std::to_string(getpid()));
   const fs::path backlog = root / "backlog";
-  const std::vector<fs::path> transcripts = fixtures::writeBacklog(backlog, {.transcripts = kDecade});
+  const std::vector<fs::path> transcripts = samples::writeBacklog(backlog, {.transcripts = kDecade});
   const std::vector<fs::path> first(transcripts.begin(), transcripts.begin() + kThousand);
   const std::string parlova = (binaryDir / "parlova").string();
 
@@ -211,7 +211,7 @@ void printDelivery(const fs::path &binaryDir) {
   constexpr size_t kSent = 20;
   const fs::path root = fs::temp_directory_path() / ("parlova-delivery-" + std::to_string(getpid()));
   const fs::path backlog = root / "backlog";
-  const std::vector<fs::path> transcripts = fixtures::writeBacklog(backlog, {.transcripts = kStored});
+  const std::vector<fs::path> transcripts = samples::writeBacklog(backlog, {.transcripts = kStored});
   const std::vector<fs::path> first(transcripts.begin(), transcripts.begin() + kSent);
   const std::string parlova = (binaryDir / "parlova").string();
   const auto mailing = [&](const fs::path &home, const std::vector<std::vector<std::string>> &settings) {
@@ -340,7 +340,7 @@ void printSearch(const fs::path &binaryDir) {
   const fs::path backlog = root / "backlog";
   std::vector<std::string> texts;
   const std::vector<fs::path> transcripts =
-      fixtures::writeBacklog(backlog, {.transcripts = kDecade, .texts = &texts});
+      samples::writeBacklog(backlog, {.transcripts = kDecade, .texts = &texts});
   const std::string parlova = (binaryDir / "parlova").string();
 
   // The index's cost is the difference of two catch-ups of the same
@@ -465,7 +465,7 @@ void printSearch(const fs::path &binaryDir) {
     std::vector<std::string> someTexts;
     const fs::path some = root / "some";
     const std::vector<fs::path> someTranscripts =
-        fixtures::writeBacklog(some, {.transcripts = 1000, .texts = &someTexts});
+        samples::writeBacklog(some, {.transcripts = 1000, .texts = &someTexts});
     const fs::path someTextsFile = root / "some-texts";
     packTexts(someTexts, someTextsFile);
     const fs::path plainSome = makeHome(root, "plain-some", some, someTranscripts, binaryDir);

@@ -14,11 +14,11 @@
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
-#include "tests/fixtures/ImageWriter.h"
-#include "tests/fixtures/TranscriptWriter.h"
+#include "samples/ImageWriter.h"
+#include "samples/TranscriptWriter.h"
 
 using namespace parlova;
-using namespace parlova::fixtures;
+using namespace parlova::samples;
 namespace fs = std::filesystem;
 
 namespace {

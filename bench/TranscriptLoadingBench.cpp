@@ -11,10 +11,10 @@
 
 #include "bench/JudgedFigures.h"
 #include "model/ICLPChatLog.h"
-#include "tests/fixtures/TranscriptWriter.h"
+#include "samples/TranscriptWriter.h"
 
 using namespace parlova;
-using namespace parlova::fixtures;
+using namespace parlova::samples;
 
 namespace {
 

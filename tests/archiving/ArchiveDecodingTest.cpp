@@ -1,5 +1,5 @@
 // The keyed-archive decoder and the attribute values it yields, checked
-// against archives from the fixture writer and against hand-made damage.
+// against archives from the sample writer and against hand-made damage.
 #include <gtest/gtest.h>
 
 #include "archiving/KeyedUnarchiver.h"
@@ -9,6 +9,7 @@
 #include "foundation/TextAttributes.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
+#include "samples/KeyedArchiveBuilder.h"
 #include "tests/support/ToolTestSupport.h"
 #include "tests/support/ValueOf.h"
 
@@ -16,101 +17,7 @@ namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
-
-std::shared_ptr<const AttributedString> onlyMessageText(const ScratchHome &home, const MessageSpec &message) {
-  TranscriptSpec spec;
-  spec.others = {{"AIM", "alice"}};
-  spec.messages = {message};
-  const fs::path path = home.path() / "alice on 1.ichat";
-  writeFile(path, keyedTranscript(spec));
-  const auto log = ICLPChatLog::initWithFilePath(path);
-  if (!log || log->messages().size() != 1)
-    return nullptr;
-  return log->messages()[0]->string();
-}
-
-template <class T> std::shared_ptr<const T> attributeAt(const AttributedString &text, size_t index, std::string_view name) {
-  return objectAs<T>(text.attributesAtIndex(index).attributes->valueForName(name));
-}
-
-TEST(KeyedDecoding, AttributeRunsCountUtf16UnitsAndCarryEveryKind) {
-  ScratchHome home;
-  MessageSpec message;
-  message.speaker = Account{"AIM", "alice"};
-  RunSpec red = text("r\xF0\x9F\x98\x80" "d ");  // an emoji is two UTF-16 units
-  red.color = ColorSpec{ColorSpec::Space::CalibratedRGB, {1, 0, 0}};
-  red.font = FontSpec{"Helvetica", 12.5};
-  red.paragraphStyle = true;
-  RunSpec grey = text("grey ");
-  grey.color = ColorSpec{ColorSpec::Space::DeviceWhite, {0.5, 1}};
-  RunSpec cmyk = text("cmyk ");
-  cmyk.color = ColorSpec{ColorSpec::Space::CMYK, {0, 1, 1, 0, 1}};
-  RunSpec plainLink = text("plain");
-  plainLink.link = LinkSpec{"http://example.com/a b", false, std::nullopt};
-  RunSpec urlLink = text("url");
-  urlLink.link = LinkSpec{"../up/page.html?q=1", true, "http://example.com/dir/sub/index.html"};
-  message.runs = {red, grey, cmyk, plainLink, urlLink};
-
-  const auto string = onlyMessageText(home, message);
-  ASSERT_TRUE(string);
-  EXPECT_EQ(string->length(), 23u);
-  ASSERT_EQ(string->runs().size(), 5u);
-  EXPECT_EQ(string->runs()[0].length, 5u);
-  EXPECT_EQ(string->runs()[1].location, 5u);
-
-  const auto font = attributeAt<Font>(*string, 0, kFontAttributeName);
-  ASSERT_TRUE(font);
-  EXPECT_EQ(font->fontName(), "Helvetica");
-  EXPECT_DOUBLE_EQ(font->pointSize(), 12.5);
-  EXPECT_TRUE(string->attributesAtIndex(0).attributes->valueForName("NSParagraphStyle"));
-
-  const auto rgb = attributeAt<Color>(*string, 4, kForegroundColorAttributeName)->usingDeviceRGB();
-  ASSERT_TRUE(rgb);
-  EXPECT_EQ(std::make_tuple(rgb->red, rgb->green, rgb->blue), std::make_tuple(1.0, 0.0, 0.0));
-  const auto white = attributeAt<Color>(*string, 5, kForegroundColorAttributeName)->usingDeviceRGB();
-  EXPECT_EQ(std::make_tuple(white->red, white->green, white->blue), std::make_tuple(0.5, 0.5, 0.5));
-  const auto fromCmyk = attributeAt<Color>(*string, 10, kForegroundColorAttributeName)->usingDeviceRGB();
-  EXPECT_EQ(std::make_tuple(fromCmyk->red, fromCmyk->green, fromCmyk->blue), std::make_tuple(1.0, 0.0, 0.0));
-
-  const auto plain = objectAs<StringObject>(string->attributesAtIndex(15).attributes->valueForName(kLinkAttributeName));
-  ASSERT_TRUE(plain);
-  EXPECT_EQ(plain->value(), "http://example.com/a b");
-  const auto url = attributeAt<URLObject>(*string, 21, kLinkAttributeName);
-  ASSERT_TRUE(url);
-  EXPECT_EQ(url->absoluteString(), "http://example.com/dir/up/page.html?q=1");
-}
-
-TEST(KeyedDecoding, AttachmentsCarryTheirFilesAndFolders) {
-  ScratchHome home;
-  MessageSpec message;
-  message.speaker = Account{"AIM", "alice"};
-  RunSpec file = text("\xEF\xBF\xBC");
-  file.attachment = AttachmentSpec{"photo.jpg", {0xFF, 0xD8, 0x00, 0x01}, false, {}, false};
-  RunSpec folder = text("\xEF\xBF\xBC");
-  folder.attachment = AttachmentSpec{"Pictures", {}, true, {AttachmentSpec{"a.png", {1, 2, 3}, false, {}, false}}, false};
-  RunSpec bare = text("\xEF\xBF\xBC");
-  bare.attachment = AttachmentSpec{"", {}, false, {}, true};
-  message.runs = {file, folder, bare};
-
-  const auto string = onlyMessageText(home, message);
-  ASSERT_TRUE(string);
-  const auto photo = attributeAt<TextAttachment>(*string, 0, kAttachmentAttributeName);
-  ASSERT_TRUE(photo && photo->fileWrapper());
-  EXPECT_TRUE(photo->fileWrapper()->isRegularFile());
-  EXPECT_EQ(photo->fileWrapper()->preferredFilename(), "photo.jpg");
-  EXPECT_EQ(photo->fileWrapper()->regularFileContents(), (std::vector<uint8_t>{0xFF, 0xD8, 0x00, 0x01}));
-
-  const auto pictures = attributeAt<TextAttachment>(*string, 1, kAttachmentAttributeName)->fileWrapper();
-  ASSERT_TRUE(pictures);
-  EXPECT_TRUE(pictures->isDirectory());
-  ASSERT_EQ(pictures->fileWrappers().size(), 1u);
-  EXPECT_EQ(pictures->fileWrappers()[0]->preferredFilename(), "a.png");
-
-  const auto none = attributeAt<TextAttachment>(*string, 2, kAttachmentAttributeName);
-  ASSERT_TRUE(none);
-  EXPECT_EQ(none->fileWrapper(), nullptr);
-}
+using namespace samples;
 
 ObjectRef decodeFoundationArchive(std::span<const uint8_t> bytes) {
   auto unarchiver = valueOf(KeyedUnarchiver::forData(bytes));
@@ -152,63 +59,29 @@ TEST(KeyedDecodingGolden, FoundationsOwnArchivesDecodeToTheirValues) {
   EXPECT_EQ(url->absoluteString(), "https://www.example.com/foo.xml");
 }
 
-// Hand-made archives for what the fixture writer never writes.
-class RawArchive {
+// Hand-made archives for what the sample writer never writes.
+class RawArchive : public KeyedArchiveBuilder {
 public:
-  RawArchive() : objects_(plist_new_array()) { plist_array_append_item(objects_, plist_new_string("$null")); }
-  ~RawArchive() { plist_free(objects_); }
-  uint64_t add(plist_t node) {
-    plist_array_append_item(objects_, node);
-    return plist_array_get_size(objects_) - 1;
-  }
-  uint64_t addClass(const std::vector<std::string> &chain) {
-    plist_t info = plist_new_dict();
-    plist_dict_set_item(info, "$classname", plist_new_string(chain.front().c_str()));
-    plist_t classes = plist_new_array();
-    for (const auto &name : chain)
-      plist_array_append_item(classes, plist_new_string(name.c_str()));
-    plist_dict_set_item(info, "$classes", classes);
-    return add(info);
-  }
+  uint64_t addClass(const std::vector<std::string> &chain) { return classFor(chain); }
   plist_t object(uint64_t classUid) {
     plist_t node = plist_new_dict();
     plist_dict_set_item(node, "$class", plist_new_uid(classUid));
     return node;
   }
-  static plist_t uidList(const std::vector<uint64_t> &uids) {
-    plist_t list = plist_new_array();
-    for (const uint64_t uid : uids)
-      plist_array_append_item(list, plist_new_uid(uid));
-    return list;
-  }
   uint64_t array(const std::vector<uint64_t> &items) {
-    plist_t node = object(arrayClass());
+    plist_t node = instance({"NSArray", "NSObject"});
     plist_dict_set_item(node, "NS.objects", uidList(items));
     return add(node);
   }
   std::optional<ObjectRef> decodeRoot(uint64_t rootUid) {
-    plist_t archive = plist_new_dict();
     plist_t top = plist_new_dict();
     plist_dict_set_item(top, "root", plist_new_uid(rootUid));
-    plist_dict_set_item(archive, "$top", top);
-    plist_dict_set_item(archive, "$objects", plist_copy(objects_));
-    const auto bytes = serializePropertyList(archive, PlistFormat::Binary);
-    plist_free(archive);
-    auto unarchiver = valueOf(KeyedUnarchiver::forData(bytes));
+    auto unarchiver = valueOf(KeyedUnarchiver::forData(archive(top)));
     if (!unarchiver)
       return std::nullopt;
     (*unarchiver)->setClass("InstantMessage", [](Coder &c) { return ICLPInstantMessage::initWithCoder(c); });
     return valueOf((*unarchiver)->decodeRoot());
   }
-
-private:
-  uint64_t arrayClass() {
-    if (!arrayClass_)
-      arrayClass_ = addClass({"NSArray", "NSObject"});
-    return *arrayClass_;
-  }
-  plist_t objects_;
-  std::optional<uint64_t> arrayClass_;
 };
 
 TEST(KeyedDecoding, UnknownClassesAreInertAndSubclassesFallBackAlongTheirChain) {

@@ -213,12 +213,14 @@ def trial(tool, template, reference, root, number, step, tally) -> None:
         shutil.rmtree(home)
 
 
-def killed_run(tool: Tool, longest: float, rng: random.Random):
+def killed(tool: Tool, longest: float, rng: random.Random, *args: str, template: Path = None):
+    """A step that starts a run with `args` and kills it at a random instant;
+    with a template, every transcript must then be in exactly one place."""
     streak = 0  # kills since a run last got to its end
 
     def step(home: Path, tally: Tally) -> None:
         nonlocal streak
-        process = tool.start(home)
+        process = tool.start(home, *args)
         tally.runs += 1
         # Anywhere in a run: start-up, mid-write, between stages, mid-move.
         # A machine that slows down can make every run outlast the window;
@@ -233,30 +235,10 @@ def killed_run(tool: Tool, longest: float, rng: random.Random):
         streak = streak + 1 if process.returncode == -signal.SIGKILL else 0
         if process.returncode not in (0, -signal.SIGKILL):
             print(err.decode(errors="replace"), file=sys.stderr)
-            sys.exit(f"parlova ended with {process.returncode}")
-    return step
-
-
-def killed_catch_up(tool: Tool, template: Path, longest: float, rng: random.Random):
-    streak = 0
-
-    def step(home: Path, tally: Tally) -> None:
-        nonlocal streak
-        process = tool.start(home, "--catch-up", *CATCH_UP)
-        tally.runs += 1
-        if streak < 10:
-            time.sleep(rng.uniform(0, longest * 1.2))
-            if process.poll() is None:
-                process.send_signal(signal.SIGKILL)
-                tally.kills += 1
-        _, err = process.communicate()
-        streak = streak + 1 if process.returncode == -signal.SIGKILL else 0
-        if process.returncode not in (0, -signal.SIGKILL):
-            print(err.decode(errors="replace"), file=sys.stderr)
-            sys.exit(f"parlova --catch-up ended with {process.returncode}")
-        problems = placed_once(template, home)
+            sys.exit(f"parlova {' '.join(args)} ended with {process.returncode}")
+        problems = placed_once(template, home) if template else []
         if problems:
-            sys.exit(f"after a killed catch-up in {home}: " + "; ".join(problems))
+            sys.exit(f"after a killed run in {home}: " + "; ".join(problems))
     return step
 
 
@@ -283,17 +265,14 @@ def maildir_kills(tool: Tool, template: Path, root: Path, kills: int, longest: f
     for setting in (("sendEmails", "-bool", "YES"), ("emailDelivery", "maildir"), ("emailAddress", "me@example.org"),
                     ("emailOutgoing", "parlova@example.org")):
         tool.defaults(home, *setting)
-    killed = 0
+    tally, step = Tally("maildir"), killed(tool, longest, rng)
     for _ in range(MOST_RUNS):
         if not transcripts_left(home):
             break
-        process = tool.start(home)
-        if killed < kills:
-            time.sleep(rng.uniform(0, longest * 1.2))
-            if process.poll() is None:
-                process.send_signal(signal.SIGKILL)
-                killed += 1
-        process.communicate()
+        if tally.kills < kills:
+            step(home, tally)
+        else:
+            tool.run(home)
     problems = [] if not transcripts_left(home) else ["transcripts still waiting"]
     stored = [p for part in ("cur", "new") for p in (home / "Maildir/.Chats" / part).iterdir()]
     for path in stored:
@@ -304,7 +283,7 @@ def maildir_kills(tool: Tool, template: Path, root: Path, kills: int, longest: f
     names = {path.name.split(":")[0] for path in stored}
     if len(stored) != len(transcripts_left(template)) or len(names) != len(stored):
         problems.append(f"{len(stored)} messages for {len(transcripts_left(template))} transcripts")
-    print(f"maildir: {killed} kills, {len(stored)} messages, {len(problems)} problems")
+    print(f"maildir: {tally.kills} kills, {len(stored)} messages, {len(problems)} problems")
     for problem in problems:
         print("maildir: " + problem, file=sys.stderr)
     return problems
@@ -469,12 +448,12 @@ def main() -> int:
         reference, longest = uninterrupted(tool, template, root)
         print(f"uninterrupted: {len(transcripts_left(template))} transcripts, longest run {longest * 1000:.0f} ms")
 
-        killed = Tally("killed")
+        single = Tally("killed")
         number = 0
-        while killed.kills < args.kills:
+        while single.kills < args.kills:
             number += 1
-            trial(tool, template, reference, root, number, killed_run(tool, longest, rng), killed)
-        print(killed.report())
+            trial(tool, template, reference, root, number, killed(tool, longest, rng), single)
+        print(single.report())
 
         backlog = prepare_template(tool, root, backlog=40)
         backlog_reference, _ = uninterrupted(tool, backlog, root, "backlog-reference")
@@ -484,7 +463,7 @@ def main() -> int:
         while caught.kills < args.catch_up_kills:
             number += 1
             trial(tool, backlog, backlog_reference, root, number,
-                  killed_catch_up(tool, backlog, catch_up_longest, rng), caught)
+                  killed(tool, catch_up_longest, rng, "--catch-up", *CATCH_UP, template=backlog), caught)
         print(caught.report())
 
         paired = Tally("concurrent")
@@ -504,9 +483,9 @@ def main() -> int:
                 shutil.move(str(failed), keep / failed.name)
             print(f"failed trials kept in {keep}", file=sys.stderr)
 
-    passed = killed.passed + caught.passed + paired.passed + (disk is not None and not disk) + \
+    passed = single.passed + caught.passed + paired.passed + (disk is not None and not disk) + \
         (disk_catch_up is not None and not disk_catch_up) + (not maildir)
-    failed = killed.failed + caught.failed + paired.failed + bool(disk) + bool(disk_catch_up) + bool(maildir)
+    failed = single.failed + caught.failed + paired.failed + bool(disk) + bool(disk_catch_up) + bool(maildir)
     print(f"{passed} passed, {failed} failed")
     return 0 if failed == 0 else 1
 

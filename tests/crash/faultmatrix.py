@@ -224,7 +224,8 @@ FAULTS = [
         (home.parent / (home.name + "-saved")).read_bytes()[:40])), "damaged or cut short", "accept", False, False),
     ("settings binary garbage", replaced(SETTINGS, write(bytes(range(256)) * 4)), "damaged or cut short", "accept",
      False, False),
-    ("settings out of range", None, "is no port number", "accept", False, False),
+    ("settings out of range", None,
+     "] Unable to connect to mail server: emailPort 68061 is no port number (0 to 65535).\n", "accept", False, False),
     ("server floods its greeting", nothing(), "did not greet as a mail server does", "flood", False, False),
     ("server trickles its greeting", nothing(), "did not answer within 2 seconds", "trickle", False, False),
     ("server drops the connection", nothing(), "The attempt to send email timed out", "drop", False, False),
@@ -313,10 +314,12 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
         command.pop()
         if reason.startswith(("] Nothing", "] Could not lock")) and reason not in logs[-1]:
             problems.append(f"the catch-up did not say why ({reason!r}):\n{logs[-1]}")
+        report = plistlib.loads((home / SETTINGS).read_bytes()).get("reportThis", "") \
+            if reason.startswith(("] Nothing", "] Unable")) else None
+        if report is not None and f"] Nothing was sent or archived: {report}. The next run tries again.\n" not in under_fault \
+                and f"] Unable to connect to mail server: {report}.\n" != reason:
+            problems.append(f"reportThis is {report!r}")
         if reason.startswith("] Nothing"):
-            report = plistlib.loads((home / SETTINGS).read_bytes()).get("reportThis", "")
-            if f"] Nothing was sent or archived: {report}. The next run tries again.\n" not in under_fault:
-                problems.append(f"reportThis is {report!r}")
             if "preparing email send" in under_fault + logs[-1]:
                 problems.append("a transcript that cannot be moved was mailed")
         mailed_under_fault = len(server.subjects())
@@ -344,7 +347,13 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
         problems.append(f"{mailed_under_fault} mails went out while the fault stood")
     if racer.answered:
         problems.append(f"another process was answered {racer.answered} times")
+    if name == "processed folder full" and "again: it is archived, only its move failed.\n" not in "".join(logs):
+        problems.append("a transcript whose move failed was not moved again as such")
     left = transcripts_left(home)
+    times = {path.name: path.stat().st_mtime_ns for path in transcripts_left(template)}
+    if any(times.get(path.name, path.stat().st_mtime_ns) != path.stat().st_mtime_ns
+           for path in (home / ARCHIVED).iterdir()):
+        problems.append("a moved transcript did not keep its time")
     archived = sorted(p.name for p in (home / ARCHIVED).iterdir() if p.suffix in (".chat", ".ichat"))
     if left or len(archived) != len(KEPT):
         problems.append(f"left: {left}, archived: {archived}")

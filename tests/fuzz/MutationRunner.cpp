@@ -1,4 +1,4 @@
-// Our own mutation loop over transcripts of both formats from the fixture
+// Our own mutation loop over transcripts of both formats from the sample
 // writer: every mutated file must load or be refused, without crashing and
 // quickly. Built with AddressSanitizer for `make check` and `make fuzz`.
 //   parlova_fuzz_mutations [CASES] [SEED]
@@ -8,10 +8,10 @@
 #include <random>
 #include <vector>
 
-#include "tests/fixtures/TranscriptWriter.h"
+#include "samples/TranscriptWriter.h"
 #include "tests/fuzz/TranscriptFuzzTarget.h"
 
-using namespace parlova::fixtures;
+using namespace parlova::samples;
 
 namespace {
 

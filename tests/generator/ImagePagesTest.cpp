@@ -8,14 +8,14 @@
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
-#include "tests/fixtures/ImageWriter.h"
+#include "samples/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 const Account kAlice{"AIM", "alice1979"};
 const Account kMe{"AIM", "me2004"};

@@ -14,7 +14,7 @@ namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 const Account kAlice{"AIM", "alice1979"};
 const Account kBob{"AIM", "bob"};
@@ -205,49 +205,6 @@ TEST(SafeFileNames, OrdinaryNamesAreKeptAndOthersMadeSafe) {
   EXPECT_EQ(stem[stem.size() - 9], '~');
   EXPECT_EQ((static_cast<unsigned char>(stem[stem.size() - 10]) & 0xC0), 0x80u) << "cut between characters";
   EXPECT_NE(safeFileStem(longName + "x", "-images.html"), stem) << "long names stay apart";
-}
-
-} // namespace
-} // namespace parlova::testing
-
-namespace parlova::testing {
-namespace {
-
-// Through the tool, since a failure is recorded in the settings.
-TEST(LinkArchiveFailures, DamagedArchiveIsLeftAloneAndReportedWithoutPages) {
-  ScratchHome home;
-  home.setSetting("handleURLs", "-bool", "YES");
-  home.setSetting("emailFails", "-int", "3");
-  const fs::path folder = home.path() / "Library" / "Parlova";
-  fs::create_directories(folder);
-  writeText(folder / "linktemplate.html", "____LINKS");
-  writeText(folder / "gatheredURLs.plist", "<?xml version=\"1.0\"?><plist><array><dict>");
-  home.addTranscript("alice1979 on 2006-01-05.ichat", simpleChat("alice1979"));
-
-  const ToolResult result = home.run("parlova");
-  EXPECT_NE(result.err.find("Link file failed to write to path: " + (folder / "gatheredURLs.plist").string()),
-            std::string::npos)
-      << result.err;
-  EXPECT_EQ(readText(folder / "gatheredURLs.plist"), "<?xml version=\"1.0\"?><plist><array><dict>");
-  EXPECT_FALSE(fs::exists(folder / "Links.html"));
-  EXPECT_EQ(home.readSetting("reportThis"), "permissions");
-  EXPECT_EQ(home.readSetting("errorStatus"), "1") << "a standing failure count of 3 makes it the standing error";
-  EXPECT_EQ(filesBelow(home.archive()).size(), 1u) << "the transcript is still processed and moved";
-}
-
-TEST(LinkArchiveFailures, ArchiveThatCannotBeWrittenIsReported) {
-  ScratchHome home;
-  home.setSetting("handleURLs", "-bool", "YES");
-  const fs::path folder = home.path() / "Library" / "Parlova";
-  // A folder where the archive should be: nothing can be read or written.
-  fs::create_directories(folder / "gatheredURLs.plist");
-  home.addTranscript("alice1979 on 2006-01-05.ichat", simpleChat("alice1979"));
-
-  const ToolResult result = home.run("parlova");
-  EXPECT_NE(result.err.find("Link file failed to write to path: "), std::string::npos) << result.err;
-  EXPECT_TRUE(fs::is_directory(folder / "gatheredURLs.plist"));
-  EXPECT_EQ(home.readSetting("reportThis"), "permissions");
-  EXPECT_EQ(home.readSetting("errorStatus"), "(absent)") << "below three failures nothing stands";
 }
 
 } // namespace

@@ -17,7 +17,7 @@ namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 // Every placeholder in the page's order, one per line.
 const std::string kAllPlaceholders =

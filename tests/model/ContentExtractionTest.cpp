@@ -9,19 +9,19 @@
 namespace parlova::testing {
 namespace {
 
-using namespace fixtures;
+using namespace samples;
 
 const Account kAlice{"AIM", "alice1979"};
 const Account kMe{"AIM", "me2004"};
 
 RunSpec linked(std::string text, std::string address, bool asURL = false, std::optional<std::string> base = {}) {
-  RunSpec run = fixtures::text(std::move(text));
+  RunSpec run = samples::text(std::move(text));
   run.link = LinkSpec{std::move(address), asURL, std::move(base)};
   return run;
 }
 
 RunSpec attached(AttachmentSpec attachment) {
-  RunSpec run = fixtures::text("\uFFFC");
+  RunSpec run = samples::text("\uFFFC");
   run.attachment = std::move(attachment);
   return run;
 }

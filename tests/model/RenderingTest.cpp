@@ -15,7 +15,7 @@ namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 // The conversion exactly as defined: a position table updated on every
 // insertion. Quadratic, and the reference for the real one.

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <spawn.h>
@@ -51,9 +52,9 @@ ScratchHome::~ScratchHome() {
   fs::remove_all(path_, error);
 }
 
-fs::path ScratchHome::addTranscript(const std::string &relativePath, const fixtures::TranscriptSpec &spec) const {
+fs::path ScratchHome::addTranscript(const std::string &relativePath, const samples::TranscriptSpec &spec) const {
   const fs::path target = chats() / relativePath;
-  fixtures::writeFile(target, fixtures::keyedTranscript(spec));
+  samples::writeFile(target, samples::keyedTranscript(spec));
   return target;
 }
 
@@ -98,6 +99,14 @@ std::string ScratchHome::readSetting(const std::string &key) const {
   while (!value.empty() && value.back() == '\n')
     value.pop_back();
   return result.exitCode == 0 ? value : "(absent)";
+}
+
+void ScratchHome::mailTo(const std::string &port) const {
+  setSetting("sendEmails", "-bool", "YES");
+  setSetting("emailServer", "-string", "127.0.0.1");
+  setSetting("emailPort", "-int", port);
+  setSetting("emailAddress", "-string", "me@example.org");
+  setSetting("emailOutgoing", "-string", "parlova@example.org");
 }
 
 InProcessHome::InProcessHome() : savedHome_(std::getenv("HOME") ? std::getenv("HOME") : "") {
@@ -207,6 +216,17 @@ FakeIChat::~FakeIChat() {
   }
 }
 
+std::map<std::string, std::string> fakeOsascript(const ScratchHome &home, const std::string &answer,
+                                                 const std::string &documents) {
+  const fs::path script = home.path() / "bin" / "fake-osascript";
+  writeText(script, "#!/bin/sh\nmkdir -p \"$HOME/scripts\"\nn=$(ls \"$HOME/scripts\" | wc -l)\n"
+                    "s=$(cat)\nprintf '%s' \"$s\" > \"$HOME/scripts/$n.applescript\"\n"
+                    "case \"$s\" in *'number of documents'*) echo '" + documents + "' ;; *) echo '" + answer +
+                        "' ;; esac\n");
+  fs::permissions(script, fs::perms::owner_all);
+  return {{"PARLOVA_OSASCRIPT", script.string()}};
+}
+
 void installShippedFiles(const ScratchHome &home) {
   const fs::path folder = home.path() / "Library" / "Parlova";
   fs::create_directories(folder / "Images");
@@ -216,12 +236,44 @@ void installShippedFiles(const ScratchHome &home) {
                   fs::copy_options::overwrite_existing);
 }
 
-fixtures::TranscriptSpec simpleChat(const std::string &buddy) {
-  fixtures::TranscriptSpec spec;
-  const fixtures::Account other{"AIM", buddy};
-  const fixtures::Account me{"AIM", "parlovauser"};
+ToolResult inBrowser(const ScratchHome &home, const fs::path &page) {
+  return home.run("/usr/bin/chromium", {"--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
+                                        "--v=0", "--user-data-dir=" + (home.path() / "browser").string(),
+                                        "--dump-dom", "file://" + page.string()});
+}
+
+LocalLinks localLinks(const std::string &page, const fs::path &folder) {
+  static const std::regex target(R"#((?:href|src)="([^"]*)")#");
+  LocalLinks links;
+  for (auto found = std::sregex_iterator(page.begin(), page.end(), target); found != std::sregex_iterator(); ++found) {
+    std::string address = (*found)[1];
+    for (size_t at = address.find("&amp;"); at != std::string::npos; at = address.find("&amp;", at + 1))
+      address.replace(at, 5, "&");
+    if (address.find("://") != std::string::npos)
+      continue;
+    std::string path;
+    for (size_t at = 0; at < address.size(); ++at) {
+      if (address[at] == '%' && at + 2 < address.size() && std::isxdigit(address[at + 1]) &&
+          std::isxdigit(address[at + 2])) {
+        path += static_cast<char>(std::stoi(address.substr(at + 1, 2), nullptr, 16));
+        at += 2;
+      } else {
+        path += address[at];
+      }
+    }
+    ++links.count;
+    if (!fs::exists(folder / path))
+      links.missing.push_back(address);
+  }
+  return links;
+}
+
+samples::TranscriptSpec simpleChat(const std::string &buddy) {
+  samples::TranscriptSpec spec;
+  const samples::Account other{"AIM", buddy};
+  const samples::Account me{"AIM", "parlovauser"};
   spec.others = {other};
-  spec.messages = {fixtures::says(other, 200000000, "hi there"), fixtures::says(me, 200000030, "hello!")};
+  spec.messages = {samples::says(other, 200000000, "hi there"), samples::says(me, 200000030, "hello!")};
   return spec;
 }
 
@@ -293,9 +345,11 @@ std::string emailHeadersReading(const std::string &mail) {
 std::vector<uint8_t> fromHex(std::string_view hex) {
   std::vector<uint8_t> bytes;
   int high = -1;
+  bool comment = false;
   for (const char c : hex) {
     const auto u = static_cast<unsigned char>(c);
-    if (!std::isxdigit(u))
+    comment = c == '#' || (comment && c != '\n');
+    if (comment || !std::isxdigit(u))
       continue;
     const int nibble = std::isdigit(u) ? c - '0' : std::tolower(u) - 'a' + 10;
     if (high < 0) {
@@ -306,6 +360,10 @@ std::vector<uint8_t> fromHex(std::string_view hex) {
     }
   }
   return bytes;
+}
+
+std::vector<uint8_t> hexData(const std::string &name) {
+  return fromHex(readText(fs::path(PARLOVA_SOURCE_DIR) / "tests" / "data" / name));
 }
 
 } // namespace parlova::testing

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/fixtures/TranscriptWriter.h"
+#include "samples/TranscriptWriter.h"
 
 namespace parlova::testing {
 
@@ -31,7 +31,7 @@ public:
   std::filesystem::path archive() const { return path_ / "Documents" / "iChats (Parlovaed)"; }
 
   // Writes a transcript into the transcript folder under `relativePath`.
-  std::filesystem::path addTranscript(const std::string &relativePath, const fixtures::TranscriptSpec &spec) const;
+  std::filesystem::path addTranscript(const std::string &relativePath, const samples::TranscriptSpec &spec) const;
 
   // Runs a tool from the build folder with HOME set here and no pause
   // between entries; `environment` adds or overrides variables.
@@ -41,6 +41,9 @@ public:
   // parlova-defaults write com.hollowmere.parlova KEY TYPE VALUE
   void setSetting(const std::string &key, const std::string &type, const std::string &value) const;
   std::string readSetting(const std::string &key) const;
+  // Mail on, from parlova@example.org to me@example.org through a server
+  // on loopback at `port`.
+  void mailTo(const std::string &port) const;
 
 private:
   std::filesystem::path path_;
@@ -124,12 +127,30 @@ private:
   int pid_ = -1;
 };
 
+// An osascript stand-in, as the environment to run a tool with: it keeps
+// every script it is given as ~/scripts/N.applescript and answers
+// `documents` when asked for iChat's number of documents, else `answer`.
+std::map<std::string, std::string> fakeOsascript(const ScratchHome &home, const std::string &answer,
+                                                 const std::string &documents = "");
+
 // Copies the shipped templates, word lists and icon where an install puts
 // them.
 void installShippedFiles(const ScratchHome &home);
 
+// A page in headless Chromium: the page after its scripts ran (out) and
+// every console message (err).
+ToolResult inBrowser(const ScratchHome &home, const std::filesystem::path &page);
+// The links and sources of a page that lead to no file below `folder`
+// (entities and percent escapes decoded, addresses with a scheme passed over), and how
+// many local ones there are.
+struct LocalLinks {
+  int count = 0;
+  std::vector<std::string> missing;
+};
+LocalLinks localLinks(const std::string &page, const std::filesystem::path &folder);
+
 // A short two-party transcript between the user and `buddy`.
-fixtures::TranscriptSpec simpleChat(const std::string &buddy = "alice1979");
+samples::TranscriptSpec simpleChat(const std::string &buddy = "alice1979");
 
 std::string readText(const std::filesystem::path &path);
 void writeText(const std::filesystem::path &path, const std::string &text);
@@ -146,7 +167,10 @@ std::string plistlibReading(const std::filesystem::path &file);
 // A mail's headers as Python's email package reads them (default policy,
 // encoded words decoded): "Name: value" lines, in order.
 std::string emailHeadersReading(const std::string &mail);
-// Bytes spelled as hexadecimal digits; anything else between them is ignored.
+// Bytes spelled as hexadecimal digits; anything else between them, and
+// everything from a "#" to the end of its line, is ignored.
 std::vector<uint8_t> fromHex(std::string_view hex);
+// The bytes a file in tests/data spells that way.
+std::vector<uint8_t> hexData(const std::string &name);
 
 } // namespace parlova::testing

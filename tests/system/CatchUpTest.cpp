@@ -13,7 +13,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "tests/fixtures/Backlog.h"
+#include "samples/Backlog.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -35,7 +35,7 @@ std::map<std::string, std::string> everyFile(const ScratchHome &home) {
 // totals that already have a start date (otherwise the time of the first
 // run would be in them).
 void prepare(const ScratchHome &home, size_t transcripts) {
-  fixtures::writeBacklog(home.chats(), {.transcripts = transcripts, .seed = 5, .people = 40, .longestChat = 300});
+  samples::writeBacklog(home.chats(), {.transcripts = transcripts, .seed = 5, .people = 40, .longestChat = 300});
   installShippedFiles(home);
   writeText(home.path() / "Library/Parlova/chatgeist.plist",
             R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
@@ -165,7 +165,7 @@ std::string onATerminal(const ScratchHome &home, const std::string &arguments) {
 
 TEST(CatchUp, ShowsItsProgressOnATerminalOnlyAndUnlessQuiet) {
   ScratchHome home;
-  fixtures::writeBacklog(home.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
+  samples::writeBacklog(home.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
   const std::string shown = onATerminal(home, "--pause 0.02");
   EXPECT_TRUE(std::regex_search(shown, std::regex("\r\x1b\\[K11/12  [0-9.]+/s  [0-9]+:[0-9][0-9] left  [^\r\n]+chat")))
       << shown;
@@ -175,7 +175,7 @@ TEST(CatchUp, ShowsItsProgressOnATerminalOnlyAndUnlessQuiet) {
   EXPECT_TRUE(std::regex_search(shown, std::regex("\n[0-9]+/12  "))) << "and the line is drawn again below it";
 
   ScratchHome quiet;
-  fixtures::writeBacklog(quiet.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
+  samples::writeBacklog(quiet.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
   const std::string quietly = onATerminal(quiet, "--quiet");
   EXPECT_EQ(quietly.find("\x1b[K"), std::string::npos) << quietly;
   EXPECT_NE(quietly.find("] Catch-up finished: 12 processed"), std::string::npos) << quietly;

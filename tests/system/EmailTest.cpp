@@ -17,7 +17,7 @@
 
 #include "foundation/Unicode.h"
 #include "mail/TlsTunnel.h"
-#include "tests/fixtures/Backlog.h"
+#include "samples/Backlog.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -27,17 +27,10 @@ namespace fs = std::filesystem;
 
 class Email : public ::testing::Test {
 protected:
-  void configure(const std::string &port) {
-    home_.setSetting("sendEmails", "-bool", "YES");
-    home_.setSetting("emailServer", "-string", "127.0.0.1");
-    home_.setSetting("emailPort", "-int", port);
-    home_.setSetting("emailAddress", "-string", "me@example.org");
-    home_.setSetting("emailOutgoing", "-string", "parlova@example.org");
-  }
   fs::path addChat() {
     auto spec = simpleChat("alice");
-    fixtures::RunSpec styled = fixtures::text("caf\xC3\xA9");
-    styled.color = fixtures::ColorSpec{fixtures::ColorSpec::Space::CalibratedRGB, {1, 0, 0}};
+    samples::RunSpec styled = samples::text("caf\xC3\xA9");
+    styled.color = samples::ColorSpec{samples::ColorSpec::Space::CalibratedRGB, {1, 0, 0}};
     spec.messages[0].runs.push_back(styled);
     return home_.addTranscript("Alice on 2006-01-01.ichat", spec);
   }
@@ -70,7 +63,7 @@ protected:
 
 TEST_F(Email, TheServerReceivesBothRenderingsInOrder) {
   SmtpServer server(home_.path() / "smtp", "accept");
-  configure(server.port());
+  home_.mailTo(server.port());
   addChat();
   const auto result = home_.run("parlova");
   EXPECT_EQ(result.exitCode, 0);
@@ -94,7 +87,7 @@ TEST_F(Email, TheServerReceivesBothRenderingsInOrder) {
 // as it is text) in a real mail reader's parser.
 TEST_F(Email, HeadersHoldExactlyWhatWasMeantWhateverTheNamesHold) {
   SmtpServer server(home_.path() / "smtp", "accept");
-  configure(server.port());
+  home_.mailTo(server.port());
   std::string controls = "a";
   for (char c = 1; c < 0x20; ++c)
     controls += c;
@@ -127,7 +120,7 @@ TEST_F(Email, HeadersHoldExactlyWhatWasMeantWhateverTheNamesHold) {
 // (header and file), stored once however often its transcript comes by.
 TEST_F(Email, IntoAMaildirGoesTheSameMessageDatedByTheChatAndStoredOnce) {
   SmtpServer server(home_.path() / "smtp", "accept");
-  configure(server.port());
+  home_.mailTo(server.port());
   addChat();
   home_.run("parlova");
   ASSERT_EQ(server.messages().size(), 1u);
@@ -178,11 +171,11 @@ TEST_F(Email, IntoAMaildirGoesTheSameMessageDatedByTheChatAndStoredOnce) {
 // A backlog caught up into a Maildir: one message per transcript, each
 // dated by its own chat (the backlog spans 2004 to 2014).
 TEST_F(Email, ABacklogCaughtUpIntoAMaildirIsOneMessageEachDatedByItsChat) {
-  configure("25");
+  home_.mailTo("25");
   home_.setSetting("emailDelivery", "-string", "maildir");
   home_.setSetting("emailMaildir", "-string", (home_.path() / "Maildir").string());
   home_.setSetting("emailFolder", "-string", "");
-  fixtures::writeBacklog(home_.chats(), {.transcripts = 200, .seed = 7, .people = 20, .longestChat = 20});
+  samples::writeBacklog(home_.chats(), {.transcripts = 200, .seed = 7, .people = 20, .longestChat = 20});
   const auto result = home_.run("parlova", {"--catch-up", "--quiet"});
   ASSERT_EQ(result.exitCode, 0) << result.err;
   EXPECT_EQ(pythonReading("import email.utils, mailbox, sys\n"
@@ -243,7 +236,7 @@ TEST_F(Email, EachDeliveryAndFailureLogsReportsAndArchivesOrKeepsTheTranscript) 
     std::optional<SmtpServer> server;
     if (*c.server)
       server.emplace(home_.path() / (std::string(c.server) + c.delivery + c.name), c.server);
-    configure(server ? server->port() : "1"); // nothing listens on port 1
+    home_.mailTo(server ? server->port() : "1"); // nothing listens on port 1
     home_.setSetting("emailDelivery", "-string", c.delivery);
     // Only the low eight bits count; the login only against a server that asks for it.
     home_.setSetting("emailNeedsUsername", "-int", std::string(c.server) == "auth" ? "257" : "0");
@@ -276,7 +269,7 @@ TEST_F(Email, EachDeliveryAndFailureLogsReportsAndArchivesOrKeepsTheTranscript) 
 
 TEST_F(Email, AThirdFailureStandsAndStopsTheRun) {
   SmtpServer server(home_.path() / "smtp", "refuse");
-  configure(server.port());
+  home_.mailTo(server.port());
   home_.setSetting("emailFails", "-int", "3");
   addChat();
   const auto result = home_.run("parlova", {}, {{"PARLOVA_OSASCRIPT", "/bin/false"}});
@@ -287,7 +280,7 @@ TEST_F(Email, AThirdFailureStandsAndStopsTheRun) {
 
 TEST_F(Email, UniqueSubjectsCountUp) {
   SmtpServer server(home_.path() / "smtp", "accept");
-  configure(server.port());
+  home_.mailTo(server.port());
   home_.setSetting("forceUniqueSubjects", "-bool", "YES");
   for (int run = 0; run < 2; ++run) {
     addChat();
@@ -320,7 +313,7 @@ protected:
     home_.setSetting("emailPassword", "-string", "secret");
   }
   void secure(const std::string &port, const std::string &security) {
-    configure(port);
+    home_.mailTo(port);
     logIn();
     home_.setSetting("emailServer", "-string", "localhost");
     home_.setSetting("emailSecurity", "-string", security);
@@ -333,7 +326,7 @@ TEST_F(SecuredEmail, StartTlsAndImplicitTlsDeliverTheSameMessageAsPlain) {
   std::string plainMail;
   {
     SmtpServer server(home_.path() / "plain", "auth");
-    configure(server.port());
+    home_.mailTo(server.port());
     logIn();
     addChat();
     home_.run("parlova");
@@ -493,7 +486,7 @@ TEST_F(SecuredEmail, ASecuritySettingThatIsNotOneOfTheThreeNamesSendsNothingAndK
 class ImapEmail : public Email {
 protected:
   void toImap(const ImapServer &server, const std::string &security, const std::string &folder) {
-    configure(security == "tls" ? server.tlsPort() : server.plainPort());
+    home_.mailTo(security == "tls" ? server.tlsPort() : server.plainPort());
     home_.setSetting("emailDelivery", "-string", "imap");
     home_.setSetting("emailSecurity", "-string", security);
     home_.setSetting("emailCAFile", "-string", server.certificate().string());
@@ -530,7 +523,7 @@ TEST_F(ImapEmail, PlainStartTlsAndTlsAppendTheSmtpMessageDatedByTheChatOnce) {
   std::string sent;
   {
     SmtpServer smtp(home_.path() / "smtp", "accept");
-    configure(smtp.port());
+    home_.mailTo(smtp.port());
     addChat();
     home_.run("parlova");
     ASSERT_EQ(smtp.messages().size(), 1u);

@@ -5,15 +5,15 @@
 // Python's XML parser and shown in headless Chromium.
 #include <gtest/gtest.h>
 
-#include "tests/fixtures/Backlog.h"
-#include "tests/fixtures/ImageWriter.h"
+#include "samples/Backlog.h"
+#include "samples/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 const Account kMe{"AIM", "parlovauser"};
 
@@ -39,10 +39,7 @@ protected:
   // The page in headless Chromium: its console messages and whether its
   // picture holds more than a blank page.
   std::string shownInBrowser(const fs::path &page) const {
-    const auto dom = home_.run("/usr/bin/chromium", {"--headless", "--no-sandbox", "--disable-gpu",
-                                                     "--enable-logging=stderr", "--v=0",
-                                                     "--user-data-dir=" + (home_.path() / "browser").string(),
-                                                     "--dump-dom", "file://" + page.string()});
+    const auto dom = inBrowser(home_, page);
     std::string console;
     std::istringstream lines(dom.err);
     for (std::string line; std::getline(lines, line);)
@@ -269,32 +266,11 @@ TEST_F(History, TheChatLibraryShowsEveryChatAndEveryLinkLeadsSomewhere) {
             std::string::npos)
       << page;
   for (const fs::path &shown : {chats / "index.html", chats / "alice1979" / "index.html", alicePage}) {
-    const auto dom = home_.run("/usr/bin/chromium", {"--headless", "--no-sandbox", "--disable-gpu",
-                                                     "--enable-logging=stderr", "--v=0",
-                                                     "--user-data-dir=" + (home_.path() / "browser").string(),
-                                                     "--dump-dom", "file://" + shown.string()});
+    const auto dom = inBrowser(home_, shown);
     EXPECT_EQ(dom.err.find("INFO:CONSOLE"), std::string::npos) << dom.err;
-    writeText(home_.path() / "dom.html", dom.out);
-    EXPECT_EQ(pythonReading("import html.parser, os, sys, urllib.parse\n"
-                            "page = sys.argv[1]\n"
-                            "class Links(html.parser.HTMLParser):\n"
-                            "    found = []\n"
-                            "    def handle_starttag(self, tag, attrs):\n"
-                            "        self.found += [v for k, v in attrs if k in ('href', 'src')]\n"
-                            "links = Links()\n"
-                            "links.feed(open(sys.argv[1] + '.dom', encoding='utf-8').read())\n"
-                            "folder = os.path.dirname(page)\n"
-                            "missing = [l for l in links.found if '://' not in l\n"
-                            "           and not os.path.exists(os.path.join(folder, urllib.parse.unquote(l)))]\n"
-                            "print(len(links.found) > 0, missing)\n",
-                            [&] {
-                              fs::copy_file(home_.path() / "dom.html", shown.string() + ".dom",
-                                            fs::copy_options::overwrite_existing);
-                              return shown;
-                            }()),
-              "True []")
-        << shown;
-    fs::remove(shown.string() + ".dom");
+    const LocalLinks links = localLinks(dom.out, shown.parent_path());
+    EXPECT_GT(links.count, 0) << shown;
+    EXPECT_EQ(links.missing, std::vector<std::string>{}) << shown;
   }
   const auto hit = home_.run("parlova-search", {"--json", "cake"}, {{"TZ", "UTC"}});
   EXPECT_NE(hit.out.find("\"page\":\"" + alicePage.string() + "\""), std::string::npos) << hit.out;

@@ -8,14 +8,14 @@
 #include <set>
 #include <sstream>
 
-#include "tests/fixtures/ImageWriter.h"
+#include "samples/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 std::string everyControlCharacter() {
   std::string controls;
@@ -49,11 +49,7 @@ TEST(HostileInput, TranscriptsMadeToBreakTheToolAreArchivedOnceAndReadableByOthe
   ScratchHome home;
   installShippedFiles(home);
   SmtpServer server(home.path() / "smtp", "accept");
-  home.setSetting("sendEmails", "-bool", "YES");
-  home.setSetting("emailServer", "-string", "127.0.0.1");
-  home.setSetting("emailPort", "-int", server.port());
-  home.setSetting("emailAddress", "-string", "me@example.org");
-  home.setSetting("emailOutgoing", "-string", "parlova@example.org");
+  home.mailTo(server.port());
   home.setSetting("handleURLs", "-bool", "YES");
   home.setSetting("handleImages", "-bool", "YES");
 

@@ -1,5 +1,6 @@
 // parlova-inspect as a user runs it: every mode on a transcript of each
-// format, and for a file that does not load, the decoder's own reason.
+// format, the names the user's contact cards give, and for a file that does
+// not load, the decoder's own reason.
 #include <gtest/gtest.h>
 
 #include "tests/support/ToolTestSupport.h"
@@ -8,7 +9,7 @@ namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 TEST(Inspect, EveryModeShowsWhatEitherFormatHolds) {
   ScratchHome home;
@@ -93,6 +94,58 @@ TEST(Inspect, AFileThatDoesNotLoadSaysWhyInTheDecodersWords) {
   const auto bogus = home.run("parlova-inspect", {"--bogus", "x"});
   EXPECT_EQ(bogus.exitCode, 2);
   EXPECT_EQ(bogus.err.rfind("parlova-inspect: unknown option '--bogus'\nusage: parlova-inspect", 0), 0u) << bogus.err;
+}
+
+// Display names from the user's contact cards.
+class Names : public ::testing::Test {
+protected:
+  void SetUp() override {
+    writeText(home_.path() / ".local/share/contacts/me.vcf",
+              "BEGIN:VCARD\nVERSION:3.0\nN:Appleseed;Johnny;;;\nX-AIM:johnnyold\nX-AIM;type=pref:johnny\n"
+              "X-PARLOVA-ME:TRUE\nEND:VCARD\n");
+    writeText(home_.path() / ".local/share/contacts/friends/a.vcf",
+              "BEGIN:VCARD\nVERSION:4.0\nN:Liddell;Alice;;;\nIMPP:aim:alice1979\nEND:VCARD\n"
+              "BEGIN:VCARD\nVERSION:3.0\nN:Other;Alicia;;;\nX-AIM:alice1979\nEND:VCARD\n"
+              "BEGIN:VCARD\nVERSION:3.0\nN:;Cher;;;\nX-AIM:cher\nEND:VCARD\n");
+  }
+
+  std::string inspect(const samples::TranscriptSpec &spec, const std::map<std::string, std::string> &env = {}) {
+    const auto path = home_.addTranscript("Somebody on 2006-01-01.ichat", spec);
+    const auto result = home_.run("parlova-inspect", {path.string()}, env);
+    fs::remove(path);
+    return result.out + result.err;
+  }
+
+  ScratchHome home_;
+};
+
+TEST_F(Names, FollowTheRulesForEachService) {
+  samples::TranscriptSpec spec;
+  spec.others = {{"AIM", "alice1979"}, {"AIM", "cher"}, {"AIM", "stranger"}, {"SubNet", "bob@bobs-mac.local"},
+                 {"SubNet", "plainbob"}, {"Jabber", "x@example.org"}, {"SubNet", " myself "}, {"AIM", " myself "},
+                 {"AIM", "johnny"}, {"AIM", "johnnyold"}};
+  const std::string out = inspect(spec, {{"USER", "jappleseed"}});
+  EXPECT_NE(out.find("(11 speakers)"), std::string::npos) << out;
+  for (const std::string expected :
+       {"AIM alice1979 shown as Alice Liddell\n", "AIM cher shown as cher\n", "AIM stranger shown as stranger\n",
+        "SubNet bob@bobs-mac.local shown as bob\n", "SubNet plainbob shown as plainbob\n",
+        "Jabber x@example.org shown as x@example.org\n", "SubNet  myself  shown as jappleseed\n",
+        "AIM  myself  shown as  myself \n", "AIM johnny shown as Johnny Appleseed\n",
+        "AIM johnnyold shown as Johnny Appleseed\n"})
+    EXPECT_NE(out.find(expected), std::string::npos) << expected << "\n" << out;
+
+  const std::string withoutUser = inspect(spec);
+  EXPECT_NE(withoutUser.find("SubNet  myself  shown as (no name)\n"), std::string::npos) << withoutUser;
+}
+
+TEST_F(Names, MyOwnHandleWithoutAFullNameIsShownAsItIs) {
+  writeText(home_.path() / ".local/share/contacts/me.vcf",
+            "BEGIN:VCARD\nVERSION:3.0\nN:;Johnny;;;\nX-AIM:johnny\nX-PARLOVA-ME:TRUE\nEND:VCARD\n");
+  samples::TranscriptSpec spec;
+  spec.others = {{"AIM", "alice1979"}};
+  spec.messages = {samples::says({"AIM", "johnny"}, 1, "hi")};
+  const std::string out = inspect(spec);
+  EXPECT_NE(out.find("[1] johnny shown as johnny at"), std::string::npos) << out;
 }
 
 } // namespace

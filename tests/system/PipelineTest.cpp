@@ -3,29 +3,25 @@
 // place: every output checked.
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "foundation/PropertyListValue.h"
 #include "platform/FileManager.h"
-#include "tests/fixtures/ImageWriter.h"
+#include "samples/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 const Account kMe{"AIM", "parlovauser"};
 
 class Pipeline : public ::testing::Test {
 protected:
   void SetUp() override {
-    const fs::path folder = home_.path() / "Library" / "Parlova";
-    fs::create_directories(folder / "Images");
-    for (const auto &shipped : fs::directory_iterator(fs::path(PARLOVA_SOURCE_DIR) / "resources"))
-      fs::copy_file(shipped.path(), (shipped.path().filename() == "pdf.png" ? folder / "Images" : folder) /
-                                        shipped.path().filename());
+    installShippedFiles(home_);
+    home_.setSetting("handleURLs", "-bool", "YES");
+    home_.setSetting("handleImages", "-bool", "YES");
   }
   fs::path folder() const { return home_.path() / "Library" / "Parlova"; }
   PlistValue plist(const std::string &name) const {
@@ -46,26 +42,12 @@ protected:
   }
   std::string logged_;
 
-  // The page after its scripts ran (stdout) and every console message
-  // (stderr), in headless Chromium.
-  ToolResult inBrowser(const fs::path &page) const {
-    return home_.run("/usr/bin/chromium", {"--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
-                                           "--v=0", "--user-data-dir=" + (home_.path() / "browser").string(),
-                                           "--dump-dom", "file://" + page.string()});
-  }
-
   ScratchHome home_;
 };
 
 TEST_F(Pipeline, TranscriptsOfBothFormatsAreMailedGatheredCountedAndMoved) {
   SmtpServer server(home_.path() / "smtp", "accept");
-  home_.setSetting("sendEmails", "-bool", "YES");
-  home_.setSetting("emailServer", "-string", "127.0.0.1");
-  home_.setSetting("emailPort", "-int", server.port());
-  home_.setSetting("emailAddress", "-string", "me@example.org");
-  home_.setSetting("emailOutgoing", "-string", "parlova@example.org");
-  home_.setSetting("handleURLs", "-bool", "YES");
-  home_.setSetting("handleImages", "-bool", "YES");
+  home_.mailTo(server.port());
 
   const Account alice{"AIM", "alice1979"};
   TranscriptSpec keyed;
@@ -146,8 +128,6 @@ TEST_F(Pipeline, TranscriptsOfBothFormatsAreMailedGatheredCountedAndMoved) {
 // shipped pages' script turns them back. Checked in a real browser: every
 // page and picture named on the pages is found, and the script runs cleanly.
 TEST_F(Pipeline, ShippedPagesLeadABrowserToEveryPageAndPicture) {
-  home_.setSetting("handleURLs", "-bool", "YES");
-  home_.setSetting("handleImages", "-bool", "YES");
   TranscriptSpec spec;
   const std::vector<Account> people = {{"AIM", "Jos\xC3\xA9"}, {"AIM", "\xD0\x90\xD0\xBD\xD0\xBD\xD0\xB0"},
                                        {"AIM", "\xE7\x8E\x8B \xF0\x9F\x98\x80"}};
@@ -160,31 +140,13 @@ TEST_F(Pipeline, ShippedPagesLeadABrowserToEveryPageAndPicture) {
   home_.addTranscript("Them on 2005-12-30 at 10.00.ichat", spec);
   ASSERT_EQ(runUntilDone(2), 1);
 
-  const std::regex target(R"#((?:href|src)="([^"]*)")#");
   for (const char *page : {"Links.html", "Images.html"}) {
-    const auto shown = inBrowser(folder() / page);
+    const auto shown = inBrowser(home_, folder() / page);
     ASSERT_EQ(shown.exitCode, 0) << shown.err;
     EXPECT_EQ(shown.err.find("INFO:CONSOLE"), std::string::npos) << page << "\n" << shown.err;
-    int local = 0;
-    for (auto found = std::sregex_iterator(shown.out.begin(), shown.out.end(), target); found != std::sregex_iterator();
-         ++found) {
-      const std::string address = (*found)[1];
-      if (address.find("://") != std::string::npos)
-        continue;
-      std::string path;
-      for (size_t at = 0; at < address.size(); ++at) {
-        if (address[at] != '%' || at + 2 >= address.size() || !std::isxdigit(address[at + 1]) ||
-            !std::isxdigit(address[at + 2])) {
-          path += address[at];
-          continue;
-        }
-        path += static_cast<char>(std::stoi(address.substr(at + 1, 2), nullptr, 16));
-        at += 2;
-      }
-      EXPECT_TRUE(fs::exists(folder() / path)) << page << ": " << address;
-      ++local;
-    }
-    EXPECT_GE(local, 4) << page << "\n" << shown.out;
+    const LocalLinks links = localLinks(shown.out, folder());
+    EXPECT_EQ(links.missing, std::vector<std::string>{}) << page;
+    EXPECT_GE(links.count, 4) << page << "\n" << shown.out;
   }
 }
 
@@ -192,8 +154,6 @@ TEST_F(Pipeline, ShippedPagesLeadABrowserToEveryPageAndPicture) {
 // escapeHTML on, no script a stranger typed runs, in a real browser, and
 // the text shows as typed.
 TEST_F(Pipeline, WithEscapingOnNoTypedScriptRunsAndTheTextShowsAsTyped) {
-  home_.setSetting("handleURLs", "-bool", "YES");
-  home_.setSetting("handleImages", "-bool", "YES");
   home_.setSetting("escapeHTML", "-bool", "YES");
   const Account eve{"AIM", "<img src=x onerror=\"console.log('name')\">eve"};
   TranscriptSpec spec;
@@ -210,7 +170,7 @@ TEST_F(Pipeline, WithEscapingOnNoTypedScriptRunsAndTheTextShowsAsTyped) {
   ASSERT_EQ(runUntilDone(2), 1);
 
   for (const fs::path &page : {folder() / "Links.html", folder() / "Images.html", home_.path() / "mail.html"}) {
-    const auto shown = inBrowser(page);
+    const auto shown = inBrowser(home_, page);
     ASSERT_EQ(shown.exitCode, 0) << shown.err;
     EXPECT_EQ(shown.err.find("INFO:CONSOLE"), std::string::npos) << page << "\n" << shown.err;
     EXPECT_EQ(shown.out.find("href=\"javascript:"), std::string::npos) << page;
@@ -225,6 +185,8 @@ TEST_F(Pipeline, WithEscapingOnNoTypedScriptRunsAndTheTextShowsAsTyped) {
 }
 
 TEST_F(Pipeline, WithLinksAndPicturesOffOnlyStatisticsAreKept) {
+  for (const char *gathering : {"handleURLs", "handleImages"}) // off when not set
+    home_.run("parlova-defaults", {"delete", "com.hollowmere.parlova", gathering});
   const Account alice{"AIM", "alice1979"};
   TranscriptSpec spec;
   spec.others = {alice};
@@ -243,12 +205,6 @@ TEST_F(Pipeline, WithLinksAndPicturesOffOnlyStatisticsAreKept) {
   EXPECT_TRUE(fs::exists(folder() / "stats.html"));
   EXPECT_EQ(filesBelow(home_.archive()).size(), 1u);
 }
-
-} // namespace
-} // namespace parlova::testing
-
-namespace parlova::testing {
-namespace {
 
 TEST(Setup, PutsTheShippedFilesInPlaceAndKeepsTheUsersOwn) {
   ScratchHome home;
@@ -272,6 +228,33 @@ TEST(Setup, PutsTheShippedFilesInPlaceAndKeepsTheUsersOwn) {
   ScratchHome bare;
   EXPECT_NE(bare.run("parlova", {"--catch-up", "--quiet"}).err.find("; parlova --setup puts them there."),
             std::string::npos);
+}
+
+// A link archive that does not read (left as it is, no pages) or cannot be
+// written (a folder in its place): reported in the settings, a standing
+// error only at the third failure in a row, the transcript moved all the
+// same.
+TEST(LinkArchiveFailures, AreReportedAndTheTranscriptIsStillProcessed) {
+  const std::string cutShort = "<?xml version=\"1.0\"?><plist><array><dict>";
+  for (const bool damaged : {true, false}) {
+    ScratchHome home;
+    home.setSetting("handleURLs", "-bool", "YES");
+    home.setSetting("emailFails", "-int", damaged ? "3" : "0");
+    const fs::path folder = home.path() / "Library" / "Parlova", archive = folder / "gatheredURLs.plist";
+    writeText(folder / "linktemplate.html", "____LINKS");
+    if (damaged)
+      writeText(archive, cutShort);
+    else
+      fs::create_directories(archive);
+    home.addTranscript("alice1979 on 2006-01-05.ichat", simpleChat("alice1979"));
+    const ToolResult result = home.run("parlova");
+    EXPECT_NE(result.err.find("Link file failed to write to path: " + archive.string()), std::string::npos) << result.err;
+    EXPECT_TRUE(damaged ? readText(archive) == cutShort : fs::is_directory(archive)) << "left as it was";
+    EXPECT_FALSE(fs::exists(folder / "Links.html"));
+    EXPECT_EQ(home.readSetting("reportThis"), "permissions");
+    EXPECT_EQ(home.readSetting("errorStatus"), damaged ? "1" : "(absent)");
+    EXPECT_EQ(filesBelow(home.archive()).size(), 1u);
+  }
 }
 
 } // namespace

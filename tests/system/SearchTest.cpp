@@ -8,14 +8,14 @@
 #include <iterator>
 #include <sstream>
 
-#include "tests/fixtures/Backlog.h"
+#include "samples/Backlog.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace fixtures;
+using namespace samples;
 
 const Account kMe{"AIM", "parlovauser"};
 
