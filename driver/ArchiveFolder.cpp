@@ -78,6 +78,21 @@ std::optional<std::string> WhyArchivingCannotFinish(const fs::path &transcript) 
   return std::nullopt;
 }
 
+std::optional<std::string> WhyTranscriptCannotLeave(const fs::path &transcript) {
+  const fs::path folder = transcript.parent_path();
+  if (access(folder.c_str(), W_OK | X_OK) != 0)
+    return "it cannot be moved out of " + folder.string() + ": " + std::strerror(errno);
+  return std::nullopt;
+}
+
+void ReportTranscriptCannotLeave(const fs::path &transcript, const std::string &why) {
+  logFormat("Nothing was sent or archived for %@: %@. It stays where it is; the next run tries again.",
+            transcript.string(), why);
+  Preferences &settings = appSettings();
+  settings.setAppValue("reportThis", PreferenceValue::string(transcript.filename().string() + ": " + why));
+  settings.appSynchronize();
+}
+
 void ReportArchivingCannotFinish(const std::string &why) {
   const std::string text = "cannot move transcripts into " + ArchiveFolder().string() + ": " + why;
   logFormat("Nothing was sent or archived: %@. The next run tries again.", text);

@@ -36,4 +36,10 @@ std::optional<std::string> WhyArchivingCannotFinish(const std::filesystem::path 
 // Says so in the log and in reportThis.
 void ReportArchivingCannotFinish(const std::string &why);
 
+// Why `transcript` cannot be taken out of its folder (a folder that cannot
+// be written, a read-only file system); nothing when it can.
+std::optional<std::string> WhyTranscriptCannotLeave(const std::filesystem::path &transcript);
+// Says so in the log and in reportThis; the transcript stays.
+void ReportTranscriptCannotLeave(const std::filesystem::path &transcript, const std::string &why);
+
 } // namespace parlova

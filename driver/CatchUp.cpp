@@ -37,6 +37,7 @@ using Clock = std::chrono::steady_clock;
 struct Tally {
   size_t leftOpen = 0;
   size_t notLoaded = 0;
+  size_t cannotLeave = 0;
   size_t mailed = 0;
   // What a batch adds counts once the batch is committed.
   struct Archived {
@@ -119,6 +120,9 @@ int catchUp(const RunOptions &options) {
     switch (extraction.outcome) {
     case Outcome::NotLoaded:
       continue;
+    case Outcome::CannotLeave:
+      ++tally.cannotLeave;
+      continue;
     case Outcome::LeftOpen:
       // A single run would end here and the next one stop at the same
       // chat; a catch-up leaves it for later and goes on.
@@ -185,7 +189,9 @@ int catchUp(const RunOptions &options) {
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   logLine(std::string(stopped.empty() ? "Catch-up finished: " : "Catch-up stopped (" + stopped + "): ") +
           thousands(tally.committed.transcripts) + " processed, " + thousands(tally.leftOpen) + " left open, " +
-          thousands(tally.notLoaded) + " did not load, " + thousands(tally.mailed) + " mailed, " +
+          thousands(tally.notLoaded) + " did not load, " +
+          (tally.cannotLeave ? thousands(tally.cannotLeave) + " cannot leave their folder, " : std::string()) +
+          thousands(tally.mailed) + " mailed, " +
           thousands(tally.committed.links) + " links and " + thousands(tally.committed.pictures) + " pictures added, " +
           CatchUpProgress::clockText(elapsed) + " elapsed.");
   return 0;

@@ -41,7 +41,15 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
     return extraction;
   }
 
-  // Nothing is sent for a transcript whose archiving could not be finished.
+  // Nothing is sent for a transcript whose archiving could not be finished:
+  // one that cannot leave its folder (a read-only disk from an old Mac)
+  // would be mailed and copied again by every run.
+  if (auto why = WhyTranscriptCannotLeave(path)) {
+    ReportTranscriptCannotLeave(path, *why);
+    extraction.outcome = Outcome::CannotLeave;
+    extraction.why = std::move(*why);
+    return extraction;
+  }
   if (const auto why = WhyArchivingCannotFinish(path)) {
     ReportArchivingCannotFinish(*why);
     extraction.outcome = Outcome::CannotFinish;

@@ -21,6 +21,7 @@ struct Extraction {
     LeftOpen,     // the chat is not over: stays for a later run
     MailWaits,    // the email could not be handed to a server: stays
     ErrorStands,  // errorStatus is set: nothing is archived
+    CannotLeave,  // it cannot be moved out of its folder: stays, nothing sent
     CannotFinish, // its archiving could not be begun: nothing was sent
     NotArchived,  // mailed, but nothing archived or moved
     NotMoved,     // archived, but the move failed
@@ -29,7 +30,7 @@ struct Extraction {
   Outcome outcome = Outcome::NotLoaded;
   bool mailed = false; // the server or the mailbox took the email
   TranscriptArchives::Added added;
-  std::string why; // for CannotFinish and NotArchived
+  std::string why; // for CannotLeave, CannotFinish and NotArchived
   std::filesystem::path target; // for NotMoved: where it was to go
 };
 

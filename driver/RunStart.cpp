@@ -22,7 +22,11 @@ bool settingsAreUsable() {
   // Read as if every feature were off, damaged settings would archive
   // transcripts without their mail: better no run until they are right.
   const auto damage = appSettings().damage();
-  if (damage)
+  if (damage && Preferences::isNotDamage(*damage))
+    logFormat("The settings file %@ cannot be read: %@. This run ends and touches nothing; give the file back to "
+              "the user who runs Parlova.",
+              appSettings().file().string(), *damage);
+  else if (damage)
     logFormat("The settings file %@ is damaged: %@. This run ends and touches nothing; put the file right, or "
               "delete it to start afresh (parlova-defaults delete %@).",
               appSettings().file().string(), *damage, std::string(kSettingsDomain));

@@ -29,6 +29,8 @@ bool runEnds(Extraction::Outcome outcome) {
   case Outcome::LeftOpen:
   case Outcome::MailWaits:
     return isLikelyComplete;
+  case Outcome::CannotLeave:
+    return false; // the others are not held up behind it
   case Outcome::ErrorStands:
   case Outcome::CannotFinish:
   case Outcome::NotArchived:

@@ -218,11 +218,15 @@ bool TranscriptJournal::keepArchives() {
     const fs::path archive = parlovaFolder_ / name;
     existedBefore_.emplace_back(name, fileExistsAtPath(archive));
     // Anything but a file (a folder in the archive's place) cannot be
-    // written over, so there is nothing to keep.
-    if (!fs::is_regular_file(fs::symlink_status(archive, error)))
+    // written over, so there is nothing to keep. A link to a file is kept
+    // as a copy of that file: a link to the link would follow whatever the
+    // stages write.
+    if (!fs::is_regular_file(fs::status(archive, error)))
       continue;
-    fs::create_hard_link(archive, folder_ / name, error);
-    if (error)
+    const bool link = fs::is_symlink(fs::symlink_status(archive, error));
+    if (!link)
+      fs::create_hard_link(archive, folder_ / name, error);
+    if (link || error)
       fs::copy_file(archive, folder_ / name, error);
     if (error)
       return errno = error.value(), false;
@@ -290,6 +294,12 @@ TranscriptJournal::Recovery TranscriptJournal::recover() {
   if (matches(identify(*target))) {
     // A copy across file systems had landed; only the original was left.
     fs::remove(*transcript, error);
+    if (error && fileExistsAtPath(*transcript)) {
+      // It cannot go (a read-only disk): nor may the copy stay, or the
+      // transcript would be in both places; the move stays due.
+      fs::remove(*target, error);
+      return {Kind::MoveDue, *transcript, *target, {}, true};
+    }
     clear();
     return {};
   }

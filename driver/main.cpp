@@ -1,6 +1,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <span>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <variant>
 
 #include "driver/CommandLine.h"
@@ -27,6 +29,17 @@ int main(int argc, char **argv) {
   const auto home = parlova::homeDirectory();
   if (std::error_code error; !std::filesystem::is_directory(home, error)) {
     std::fprintf(stderr, "parlova: the home folder %s does not exist; nothing is done\n", home.c_str());
+    return 1;
+  }
+  // A run as another user (root, through sudo, with the user's HOME) would
+  // leave settings, archives and a lock that the user's own runs cannot
+  // use.
+  if (struct stat status {}; stat(home.c_str(), &status) == 0 && status.st_uid != geteuid()) {
+    std::fprintf(stderr,
+                 "parlova: the home folder %s belongs to %s, not to %s, who runs this; nothing is done (run parlova "
+                 "as %s)\n",
+                 home.c_str(), parlova::userName(status.st_uid).c_str(), parlova::userName(geteuid()).c_str(),
+                 parlova::userName(status.st_uid).c_str());
     return 1;
   }
   return parlova::runParlova(options);

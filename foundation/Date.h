@@ -19,6 +19,16 @@ public:
   double timeIntervalSinceReferenceDate() const { return sinceReferenceDate_; }
   double timeIntervalSince1970() const { return sinceReferenceDate_ + kReferenceDateUnixTime; }
 
+  // The times a chat can have taken place at: from 1970 up to 2200. One
+  // flipped bit of a stored time makes a year in the millions; a time
+  // outside is read as no time at all, in every place alike.
+  static constexpr double kEarliestChatUnixTime = 0;
+  static constexpr double kLatestChatUnixTime = 7258118400.0; // 2200-01-01 UTC
+  bool isChatTime() const {
+    const double unixTime = timeIntervalSince1970();
+    return unixTime >= kEarliestChatUnixTime && unixTime < kLatestChatUnixTime;
+  }
+
   // The default text form, in the local time zone: "2005-03-14 15:22:07 -0800".
   std::string description() const;
 

@@ -66,9 +66,11 @@ std::string filled(std::string page, const std::string &title, const std::string
 }
 
 // The mail's HTML, its body only, with each attached file's label made a
-// link to the file's stored copy where the image folder holds one.
+// link to the file's stored copy where the image folder holds one. These
+// pages are escaped whatever escapeHTML says: they are read in a browser,
+// with every other page of the library at hand.
 std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
-  const std::vector<uint8_t> bytes = log.HTMLChatLog();
+  const std::vector<uint8_t> bytes = log.HTMLChatLog(true);
   std::string html(bytes.begin(), bytes.end());
   const size_t open = html.find("<body>");
   const size_t close = html.rfind("</body>");
@@ -110,7 +112,7 @@ bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record
   const auto pageTemplate = readTemplate(ICLPLogGenerator::parlovaFolder() / "chattemplate.html");
   if (!pageTemplate)
     return false;
-  const PageEscaping escaping = PageEscaping::fromSettings();
+  const PageEscaping escaping(true);
   const std::string name = escaping.text(record.displayName);
   const std::string when = localTime(record.firstTime, "%Y-%m-%d %H:%M");
   const std::string nav = "<a href=\"../index.html\">All people</a> &middot; <a href=\"index.html\">All chats with " +
@@ -128,7 +130,7 @@ void ChatLibrary::rebuildIndexPages() {
   const auto chats = history ? history->library() : std::nullopt;
   if (!pageTemplate || !chats)
     return;
-  const PageEscaping escaping = PageEscaping::fromSettings();
+  const PageEscaping escaping(true);
   struct Person {
     std::string name;
     std::optional<double> last;

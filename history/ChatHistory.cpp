@@ -13,6 +13,7 @@
 
 #include "context/ParlovaFolder.h"
 #include "context/Settings.h"
+#include "foundation/Date.h"
 #include "foundation/Unicode.h"
 #include "history/HistorySchema.h"
 #include "platform/FileManager.h"
@@ -31,18 +32,24 @@ void logFailure(const std::string &what, const SqliteError &error) {
 // A file SQLite cannot read as a database is kept for whoever wants to
 // look at it, and the history starts afresh.
 bool setAside() {
-  const fs::path damaged = ChatHistory::file().string() + ".damaged";
+  const auto damaged = keepAside(ChatHistory::file(), ".damaged");
   std::error_code error;
-  fs::rename(ChatHistory::file(), damaged, error);
   for (const char *suffix : {"-journal", "-wal", "-shm"})
     fs::remove(ChatHistory::file().string() + suffix, error);
-  if (fileExistsAtPath(ChatHistory::file())) {
+  if (!damaged || fileExistsAtPath(ChatHistory::file())) {
     logFormat("The chat history %@ is damaged and could not be set aside.", ChatHistory::file().string());
     return false;
   }
   logFormat("The chat history %@ was damaged; it is kept as %@ and a new one begun.", ChatHistory::file().string(),
-            damaged.string());
+            damaged->string());
   return true;
+}
+
+// A time column in SQL, NULL where it holds no time a chat can have had.
+std::string chatTimeOf(const std::string &column) {
+  return "CASE WHEN " + column + " >= " + std::to_string(static_cast<int64_t>(Date::kEarliestChatUnixTime)) +
+         " AND " + column + " < " + std::to_string(static_cast<int64_t>(Date::kLatestChatUnixTime)) + " THEN " +
+         column + " END";
 }
 
 } // namespace
@@ -482,7 +489,10 @@ std::optional<HistorySummary> ChatHistory::summary() {
     }
   };
   const bool read =
-      query("SELECT count(*) AS chats, min(first_time) AS first, max(last_time) AS last FROM chats",
+      // Rows an earlier version kept with times no chat can have had are
+      // counted but neither dated nor charted.
+      query("SELECT count(*) AS chats, min(" + chatTimeOf("first_time") + ") AS first, max(" +
+                chatTimeOf("last_time") + ") AS last FROM chats",
             [&](SqliteStatement &row) {
               summary.chats = row.integer(row.column("chats"));
               if (!row.isNull(row.column("first")))
@@ -491,7 +501,7 @@ std::optional<HistorySummary> ChatHistory::summary() {
                 summary.lastTime = row.real(row.column("last"));
             }) &&
       query("SELECT month, count(*) AS chats, sum(user_words + other_words) AS words FROM chats "
-            "WHERE month IS NOT NULL GROUP BY month ORDER BY month",
+            "WHERE month BETWEEN 1970 * 12 AND 2200 * 12 - 1 GROUP BY month ORDER BY month",
             [&](SqliteStatement &row) {
               const int64_t month = row.integer(row.column("month"));
               summary.months.push_back({static_cast<int>(month / 12), static_cast<int>(month % 12) + 1,

@@ -23,6 +23,15 @@ DeliveryResult notStored(int code, const std::string &reason) {
   return DeliveryResult::refused(code, reason);
 }
 
+// A login that fails (a wrong password, a locked keyring) fails for every
+// transcript alike: archived without their mail, a whole backlog would
+// reach the archives and never the mailbox. They wait, as for a server
+// that cannot be reached.
+DeliveryResult notStoredYet(const std::string &reason) {
+  logFormat("Could not store the mail: %@", reason);
+  return DeliveryResult::wait(3, reason);
+}
+
 } // namespace
 
 DeliveryResult ImapDelivery::deliver(MailContent &content) {
@@ -41,7 +50,7 @@ DeliveryResult ImapDelivery::deliver(MailContent &content) {
     return waitForSetting("emailFolder for IMAP must be a folder name without quotes or backslashes");
   const MailPassword password = mailPassword(appSettings());
   if (!password.failure.empty())
-    return notStored(3, password.failure);
+    return notStoredYet(password.failure);
   request.password = password.password;
   const auto message = MailboxMessage::compose(content, settings_.to, settings_.from);
   if (!message)
@@ -73,7 +82,7 @@ DeliveryResult ImapDelivery::deliver(MailContent &content) {
     logFormat("Could not secure the connection to the mail server: %@", result.detail);
     return DeliveryResult::refused(2, result.detail);
   case Outcome::LoginRefused:
-    return notStored(3, "IMAP login refused: " + result.detail);
+    return notStoredYet("IMAP login refused: " + result.detail);
   case Outcome::FolderNotCreated:
     return notStored(2, "IMAP folder could not be created: " + result.detail);
   case Outcome::NotStored:

@@ -50,7 +50,9 @@ void setTimeouts(int fd, unsigned seconds) {
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
-FileDescriptor connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds) {
+// Connected by the deadline, or nothing; blocking again, each read and
+// write bounded by the time-out as well.
+FileDescriptor connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds, Clock::time_point deadline) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo *found = nullptr;
@@ -58,12 +60,23 @@ FileDescriptor connectTo(const std::string &host, unsigned port, unsigned timeou
     return {};
   FileDescriptor connected;
   for (const addrinfo *address = found; address && !connected; address = address->ai_next) {
-    FileDescriptor candidate(socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol));
+    FileDescriptor candidate(
+        socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address->ai_protocol));
     if (!candidate)
       continue;
-    setTimeouts(candidate.get(), timeoutSeconds); // bounds connect() too
-    if (connect(candidate.get(), address->ai_addr, address->ai_addrlen) == 0)
-      connected = std::move(candidate);
+    bool made = connect(candidate.get(), address->ai_addr, address->ai_addrlen) == 0;
+    if (!made && errno == EINPROGRESS) {
+      pollfd writable{candidate.get(), POLLOUT, 0};
+      int error = 0;
+      socklen_t length = sizeof error;
+      made = poll(&writable, 1, millisecondsLeft(deadline)) == 1 &&
+             getsockopt(candidate.get(), SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+    }
+    if (!made)
+      continue;
+    fcntl(candidate.get(), F_SETFL, fcntl(candidate.get(), F_GETFL) & ~O_NONBLOCK);
+    setTimeouts(candidate.get(), timeoutSeconds);
+    connected = std::move(candidate);
   }
   freeaddrinfo(found);
   return connected;
@@ -83,7 +96,9 @@ struct Secured {
   SslPtr ssl;
 };
 
-std::variant<Secured, std::string> handshake(int fd, const TlsOptions &options) {
+// Bounded by the deadline as a whole: a server that sends its handshake a
+// byte at a time keeps every read short but must not keep the run.
+std::variant<Secured, std::string> handshake(int fd, const TlsOptions &options, Clock::time_point deadline) {
   SslContextPtr context(SSL_CTX_new(TLS_client_method()));
   if (!context)
     return "TLS handshake failed: " + lastSslError();
@@ -115,7 +130,21 @@ std::variant<Secured, std::string> handshake(int fd, const TlsOptions &options) 
     else
       X509_VERIFY_PARAM_set1_host(checks, options.host.c_str(), 0);
   }
-  if (SSL_connect(ssl.get()) != 1) {
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  int result = 0;
+  while ((result = SSL_connect(ssl.get())) != 1) {
+    const int error = SSL_get_error(ssl.get(), result);
+    if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)
+      break;
+    pollfd ready{fd, static_cast<short>(error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
+    const int left = millisecondsLeft(deadline);
+    if (left == 0 || poll(&ready, 1, left) <= 0) {
+      ERR_clear_error();
+      return "TLS handshake failed: the server did not finish it within " + std::to_string(options.timeoutSeconds) +
+             " seconds";
+    }
+  }
+  if (result != 1) {
     const long verdict = SSL_get_verify_result(ssl.get());
     if (options.verify && verdict != X509_V_OK) {
       ERR_clear_error();
@@ -315,11 +344,13 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
   // A server that goes away mid-write must end a write, not the process.
   std::signal(SIGPIPE, SIG_IGN);
   auto state = std::make_unique<State>();
-  state->server = connectTo(options.host, options.port, options.timeoutSeconds);
+  // One deadline for all that comes before the mail: the connection, what
+  // is said before TLS, the handshake.
+  const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
+  state->server = connectTo(options.host, options.port, options.timeoutSeconds, deadline);
   if (!state->server)
     return Failure{true, "could not connect"};
   if (options.security == MailSecurity::StartTls) {
-    const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
     const bool imap = options.protocol == MailProtocol::Imap;
     std::string refused = imap ? negotiateImapStartTls(state->server.get(), deadline)
                                : negotiateSmtpStartTls(state->server.get(), deadline);
@@ -331,7 +362,7 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
     // The framework starts over behind the tunnel, so it is greeted again.
     state->greeting = imap ? "* OK IMAP4rev1 ready\r\n" : "220 " + options.host + " ESMTP\r\n";
   }
-  auto secured = handshake(state->server.get(), options);
+  auto secured = handshake(state->server.get(), options, deadline);
   if (auto *reason = std::get_if<std::string>(&secured))
     return Failure{false, *reason};
   state->secured = std::move(std::get<Secured>(secured));

@@ -96,6 +96,9 @@ public:
   // The HTML transcript in UTF-8: the styled transcript with its fonts,
   // colours, links and attachments turned into tags.
   std::vector<uint8_t> HTMLChatLog() const;
+  // The same, with what came from the transcript escaped or not, whatever
+  // the setting says.
+  std::vector<uint8_t> HTMLChatLog(bool escaping) const;
 
   // The description of the decoded root, for debug output.
   std::string description() const;

@@ -145,9 +145,11 @@ AttributedString ICLPChatLog::RichChatLog() const {
   return std::move(rich).build();
 }
 
-std::vector<uint8_t> ICLPChatLog::HTMLChatLog() const {
+std::vector<uint8_t> ICLPChatLog::HTMLChatLog() const { return HTMLChatLog(appSettings().boolValue("escapeHTML")); }
+
+std::vector<uint8_t> ICLPChatLog::HTMLChatLog(bool escaping) const {
   std::u16string html(kHead);
-  if (!appSettings().boolValue("escapeHTML")) {
+  if (!escaping) {
     appendHtmlRuns(html, RichChatLog(), false);
   } else {
     // Message by message, so that only the transcript's text is escaped and

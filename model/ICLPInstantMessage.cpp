@@ -15,8 +15,10 @@ std::shared_ptr<const AttributedString> textFrom(const ObjectRef &object) {
   return nullptr;
 }
 
+// A time no chat can have had is damage: the message is undated, for the
+// pages, the history, the charts and the search alike.
 std::optional<Date> dateFrom(const ObjectRef &object) {
-  if (const auto date = objectAs<DateObject>(object))
+  if (const auto date = objectAs<DateObject>(object); date && date->date().isChatTime())
     return date->date();
   return std::nullopt;
 }

@@ -60,9 +60,15 @@ ChildOutcome runChildProcess(const std::vector<std::string> &arguments, std::str
   for (const std::string &argument : arguments)
     argv.push_back(const_cast<char *>(argument.c_str()));
   argv.push_back(nullptr);
+  // A group of its own, so that what it starts goes with it at the limit.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
   pid_t child = -1;
-  const int spawned = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
+  const int spawned = posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   if (spawned != 0) {
     outcome.notStarted = true;
     return outcome;
@@ -108,10 +114,23 @@ ChildOutcome runChildProcess(const std::vector<std::string> &arguments, std::str
   }
   toChild.write.reset();
   fromChild.read.reset();
-  if (outcome.timedOut)
-    kill(child, SIGKILL);
+  // A command may close its output and go on: the limit holds for its end
+  // too.
   int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  while (!outcome.timedOut) {
+    const pid_t ended = waitpid(child, &status, WNOHANG);
+    if (ended == child || (ended < 0 && errno != EINTR))
+      break;
+    if (std::chrono::steady_clock::now() >= deadline)
+      outcome.timedOut = true;
+    else if (ended == 0)
+      usleep(10000);
+  }
+  if (outcome.timedOut) {
+    kill(-child, SIGKILL);
+    kill(child, SIGKILL);
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
   }
   if (!outcome.timedOut && WIFEXITED(status))
     outcome.exitStatus = WEXITSTATUS(status);

@@ -1,6 +1,7 @@
 #include "platform/FileManager.h"
 
 #include "platform/FileDescriptor.h"
+#include "platform/Home.h"
 #include "platform/SafeFileName.h"
 
 #include <algorithm>
@@ -106,9 +107,7 @@ std::string describeItem(const fs::path &path) {
                      : S_ISLNK(status.st_mode) ? "a symbolic link"
                      : S_ISREG(status.st_mode) ? "a file"
                                                : "something other than a file";
-  std::string owner = "uid " + std::to_string(status.st_uid);
-  if (const passwd *entry = getpwuid(status.st_uid); entry && entry->pw_name)
-    owner = entry->pw_name;
+  const std::string owner = userName(status.st_uid);
   char mode[8];
   std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
   return std::string(kind) + " owned by " + owner + ", mode " + mode;
@@ -334,6 +333,15 @@ bool moveItem(const fs::path &from, const fs::path &to, Durability durability) {
   }
   syncFolderOf(to);
   fs::remove_all(from, error);
+  if (error && fileExistsAtPath(from)) {
+    // The original stays (a read-only disk): so must nothing else, or the
+    // transcript would be in both places and taken again.
+    std::error_code undone;
+    fs::remove_all(to, undone);
+    syncFolderOf(to);
+    errno = error.value();
+    return false;
+  }
   syncFolderOf(from);
   return !error;
 }
@@ -378,6 +386,16 @@ bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesyste
     return false;
   }
   return true;
+}
+
+std::optional<fs::path> keepAside(const fs::path &file, const std::string &suffix) {
+  fs::path aside = file.string() + suffix;
+  for (int number = 2; !moveItem(file, aside); ++number) {
+    if (errno != EEXIST)
+      return std::nullopt;
+    aside = file.string() + suffix + "-" + std::to_string(number);
+  }
+  return aside;
 }
 
 } // namespace parlova

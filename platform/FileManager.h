@@ -93,4 +93,10 @@ bool writeFileWrapperAtomically(const FileWrapper &wrapper, const std::filesyste
 bool moveItem(const std::filesystem::path &from, const std::filesystem::path &to,
               Durability durability = Durability::Now);
 
+// Moves a damaged file out of the way, to `file` + `suffix` or, where a copy
+// kept before has that name, + `suffix` + "-2", "-3" and on: a copy kept
+// once is never replaced. The name it got, or nothing when it could not be
+// moved.
+std::optional<std::filesystem::path> keepAside(const std::filesystem::path &file, const std::string &suffix);
+
 } // namespace parlova

@@ -14,4 +14,10 @@ std::filesystem::path homeDirectory() {
   return "/";
 }
 
+std::string userName(uid_t uid) {
+  if (const passwd *entry = getpwuid(uid); entry && entry->pw_name)
+    return entry->pw_name;
+  return "uid " + std::to_string(uid);
+}
+
 } // namespace parlova

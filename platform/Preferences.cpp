@@ -12,6 +12,13 @@
 
 namespace parlova {
 
+namespace {
+// A file this user may not read is no damage: another user's run (root's,
+// through sudo) wrote it.
+constexpr std::string_view kNotYoursToRead = "it is not yours to read ";
+} // namespace
+
+
 namespace fs = std::filesystem;
 
 PreferenceValue PreferenceValue::string(const std::string &value) {
@@ -105,6 +112,8 @@ std::optional<std::string> Preferences::damage() const {
   return why;
 }
 
+bool Preferences::isNotDamage(const std::string &damage) { return damage.starts_with(kNotYoursToRead); }
+
 PlistPtr Preferences::readFromDisk(std::optional<std::string> &damage) const {
   damage.reset();
   std::error_code error;
@@ -119,6 +128,8 @@ PlistPtr Preferences::readFromDisk(std::optional<std::string> &damage) const {
   // never read as empty settings and never written over.
   if (fs::is_directory(file_, error))
     damage = "it is a folder, not a file";
+  else if (!bytes && (errno == EACCES || errno == EPERM))
+    damage = std::string(kNotYoursToRead) + "(" + describeItem(file_) + ")";
   else if (!bytes)
     damage = std::string("it cannot be read: ") + (errno ? std::strerror(errno) : "unknown error");
   else if (!parsed)
@@ -182,11 +193,9 @@ bool Preferences::appSynchronize() {
   if (damage) {
     // Keep the damaged file for the user rather than silently replace it,
     // and never in place of one kept before.
-    fs::path aside = file_.string() + ".unreadable";
-    for (int number = 2; !moveItem(file_, aside) && errno == EEXIST; ++number)
-      aside = file_.string() + ".unreadable-" + std::to_string(number);
+    const auto aside = keepAside(file_, ".unreadable");
     logFormat("The settings file %@ could not be read; it was kept as %@ and new settings were started.",
-              file_.string(), aside.string());
+              file_.string(), aside.value_or(file_.string() + ".unreadable").string());
   }
   const auto bytes = serializePropertyList(current.get(), PlistFormat::Binary);
   const bool written =

@@ -75,6 +75,9 @@ public:
   // system's reason), or it is no property list, or not a dictionary.
   // Nothing when it is fine or not there at all.
   std::optional<std::string> damage() const;
+  // True for what damage() says of a file that is sound, as far as anyone
+  // knows, but not readable by this user.
+  static bool isNotDamage(const std::string &damage);
 
 private:
   // The file's settings; empty ones, with `damage` saying why, when it is

@@ -138,8 +138,8 @@ int main(int argc, char **argv) {
     if (args.size() > 3)
       return usage();
     if (const auto damage = preferences.damage()) {
-      std::cerr << "parlova-defaults: the settings file " << preferences.file().string() << " is damaged: " << *damage
-                << "\n";
+      std::cerr << "parlova-defaults: the settings file " << preferences.file().string()
+                << (Preferences::isNotDamage(*damage) ? " cannot be read: " : " is damaged: ") << *damage << "\n";
       return 1;
     }
     if (args.size() == 3) {

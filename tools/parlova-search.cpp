@@ -16,6 +16,7 @@
 #include <variant>
 #include <vector>
 
+#include "foundation/TerminalText.h"
 #include "foundation/Unicode.h"
 #include "history/MessageSearch.h"
 #include "platform/Home.h"
@@ -24,6 +25,7 @@
 namespace {
 
 using parlova::SearchHit;
+using parlova::terminalLine;
 
 constexpr const char *kUsage =
     "usage: parlova-search [--with PERSON] [--since DATE] [--until DATE] [--limit N]\n"
@@ -112,12 +114,18 @@ std::string json(const std::string &text) {
   return out + "\"";
 }
 
-// A message on one line for the terminal: its line breaks as blanks.
-std::string oneLine(std::string text) {
-  for (char &c : text)
-    if (c == '\n' || c == '\r' || c == '\t')
-      c = ' ';
-  return text;
+// Where a hit's words begin and end, on a terminal: characters of the
+// private use area, which survive the escaping of what the text holds, then
+// made bold.
+constexpr const char *kMarkOpen = "\xEE\x80\x80";
+constexpr const char *kMarkClose = "\xEE\x80\x81";
+
+std::string shownOnTerminal(const std::string &text, bool marked) {
+  std::string shown = terminalLine(text);
+  for (const auto &[mark, bold] : {std::pair{kMarkOpen, "\x1b[1m"}, std::pair{kMarkClose, "\x1b[0m"}})
+    for (size_t at = marked ? shown.find(mark) : std::string::npos; at != std::string::npos; at = shown.find(mark, at))
+      shown.replace(at, 3, bold);
+  return shown;
 }
 
 // The chat's page in the library, when it has one that is there.
@@ -146,14 +154,15 @@ void printJson(const std::vector<SearchHit> &hits) {
 
 // Per chat, in the order its first hit came: a header line, the
 // transcript's path, then each hit with the messages around it.
-void printForPeople(const std::vector<SearchHit> &hits, bool context) {
+// `marked`: the hits' words carry the marks, to be shown bold.
+void printForPeople(const std::vector<SearchHit> &hits, bool context, bool marked) {
   std::vector<int64_t> order;
   for (const SearchHit &hit : hits)
     if (std::find(order.begin(), order.end(), hit.chat) == order.end())
       order.push_back(hit.chat);
-  const auto message = [](const SearchHit::Message &said, const std::string &text, const char *mark) {
-    std::printf("%s%s  %s: %s\n", mark, localTime(said.time, "%H:%M").c_str(), oneLine(said.speaker).c_str(),
-                oneLine(text).c_str());
+  const auto message = [marked](const SearchHit::Message &said, const std::string &text, const char *mark) {
+    std::printf("%s%s  %s: %s\n", mark, localTime(said.time, "%H:%M").c_str(), terminalLine(said.speaker).c_str(),
+                shownOnTerminal(text, marked).c_str());
   };
   bool first = true;
   for (const int64_t chat : order) {
@@ -164,9 +173,9 @@ void printForPeople(const std::vector<SearchHit> &hits, bool context) {
     std::sort(inChat.begin(), inChat.end(), [](const SearchHit *a, const SearchHit *b) { return a->row < b->row; });
     const SearchHit &any = *inChat.front();
     std::printf("%s%s  %s\n  %s\n", first ? "" : "\n", localTime(any.chatTime, "%Y-%m-%d %H:%M").c_str(),
-                oneLine(any.chatName).c_str(), any.transcript.c_str());
+                terminalLine(any.chatName).c_str(), terminalLine(any.transcript).c_str());
     if (const auto page = pageOf(any))
-      std::printf("  %s\n", page->c_str());
+      std::printf("  %s\n", terminalLine(*page).c_str());
     first = false;
     for (const SearchHit *hit : inChat) {
       if (context && hit != inChat.front())
@@ -234,8 +243,8 @@ int main(int argc, char **argv) {
   }
   options.query = query;
   if (!asJson && isatty(STDOUT_FILENO)) {
-    options.markOpen = "\x1b[1m";
-    options.markClose = "\x1b[0m";
+    options.markOpen = kMarkOpen;
+    options.markClose = kMarkClose;
   }
 
   const std::filesystem::path file = parlova::homeDirectory() / "Library" / "Parlova" / "history.sqlite";
@@ -262,6 +271,6 @@ int main(int argc, char **argv) {
   if (asJson)
     printJson(hits);
   else
-    printForPeople(hits, options.context > 0);
+    printForPeople(hits, options.context > 0, !options.markOpen.empty());
   return hits.empty() ? 1 : 0;
 }

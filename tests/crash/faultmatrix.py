@@ -170,18 +170,18 @@ def long_name():
     return make, undo
 
 
-def lock_of_root():
-    lock = LIBRARY / ".parlova.lock"
-
+def owned_by_root(relative: Path, mode: int):
+    """The file at `relative` (made when missing) root's, the rest of the
+    home nobody's, as a run through sudo leaves them."""
     def make(home: Path) -> None:
-        (home / lock).parent.mkdir(parents=True, exist_ok=True)
-        (home / lock).write_text("")
+        (home / relative).parent.mkdir(parents=True, exist_ok=True)
+        (home / relative).touch()
         subprocess.run(["chown", "-R", "nobody:nogroup", str(home)], check=True)
-        os.chown(home / lock, 0, 0)
-        (home / lock).chmod(0o644)
+        os.chown(home / relative, 0, 0)
+        (home / relative).chmod(mode)
 
     def undo(home: Path) -> None:
-        subprocess.run(["chown", "nobody:nogroup", str(home / lock)], check=True)
+        subprocess.run(["chown", "nobody:nogroup", str(home / relative)], check=True)
     return make, undo
 
 
@@ -194,7 +194,7 @@ def write(data: bytes):
 
 
 # fault, (make, undo), what a run under it logs, server mode, needs root, runs as nobody; what a run under
-# it logs may name {home}, {archived} and {lock}, the paths in the row's home, and {owner}, this user.
+# it logs may name {home}, {archived}, {chats} and {lock}, the paths in the row's home, and {owner}, this user.
 NOT_MOVABLE = "] Nothing was sent or archived: cannot move transcripts into {archived}: "
 LOCK = "] Could not lock {lock}: "
 FAULTS = [
@@ -206,12 +206,16 @@ FAULTS = [
     ("processed folder a file", replaced(ARCHIVED, write(b"a file")),
      NOT_MOVABLE + "it is not a folder. The next run tries again.\n", "accept", False, False),
     ("processed folder full", full_processed_folder(), "No space left on device", "accept", True, False),
+    ("transcript folder read-only", read_only(CHATS), "it cannot be moved out of {chats}: ", "accept", False, False),
     ("name at the length limit", long_name(),
      NOT_MOVABLE + "the name it would get there (258 bytes) is longer than the file system allows (255). The next "
      "run tries again.\n", "accept", False, False),
-    ("lock owned by another user", lock_of_root(),
+    ("lock owned by another user", owned_by_root(LIBRARY / ".parlova.lock", 0o644),
      LOCK + "Permission denied (a file owned by root, mode 0644); this run ends and changes nothing until the lock "
      "can be taken.\n", "accept", True, True),
+    ("settings owned by another user", owned_by_root(SETTINGS, 0o600),
+     "] The settings file {home}/" + str(SETTINGS) + " cannot be read: it is not yours to read (a file owned by "
+     "root, mode 0600). This run ends and touches nothing", "accept", True, True),
     ("lock a folder", replaced(LIBRARY / ".parlova.lock", lambda home, target: target.mkdir(mode=0o755) or
                                target.chmod(0o755)),
      LOCK + "Is a directory (a folder owned by {owner}, mode 0755); this run ends and changes nothing until the "
@@ -297,7 +301,8 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
             runs += 1
 
     problems = []
-    reason = reason.format(home=home, archived=home / ARCHIVED, lock=home / LIBRARY / ".parlova.lock",
+    reason = reason.format(home=home, archived=home / ARCHIVED, chats=home / CHATS,
+                           lock=home / LIBRARY / ".parlova.lock",
                            owner=pwd.getpwuid(os.geteuid()).pw_name)
     try:
         make(home)
@@ -312,7 +317,7 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
         command.append("--catch-up")
         finish([start()])
         command.pop()
-        if reason.startswith(("] Nothing", "] Could not lock")) and reason not in logs[-1]:
+        if reason.startswith(("] Nothing", "] Could not lock", "it cannot be moved out")) and reason not in logs[-1]:
             problems.append(f"the catch-up did not say why ({reason!r}):\n{logs[-1]}")
         report = plistlib.loads((home / SETTINGS).read_bytes()).get("reportThis", "") \
             if reason.startswith(("] Nothing", "] Unable")) else None

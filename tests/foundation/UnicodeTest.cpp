@@ -1,7 +1,9 @@
 // Conversions between the archives' UTF-8 and the styled text's UTF-16:
-// every position a character that is not ASCII can take, and bad bytes.
+// every position a character that is not ASCII can take, and bad bytes;
+// text made safe for a terminal.
 #include <gtest/gtest.h>
 
+#include "foundation/TerminalText.h"
 #include "foundation/Unicode.h"
 
 namespace parlova::testing {
@@ -32,6 +34,21 @@ TEST(Unicode, BadBytesBecomeReplacementCharacters) {
   }
   EXPECT_EQ(utf8ToUtf16("a\xC3"), u"a\uFFFD") << "cut short at the end";
   EXPECT_EQ(utf8ToUtf16("\xED\xA0\x80!"), u"\uFFFD!") << "a surrogate written as UTF-8";
+}
+
+// A terminal acts on ESC, the other C0 controls, DEL and the C1 controls
+// (CSI among them): each is shown, none is sent.
+TEST(Unicode, TextForATerminalShowsEveryControlAndSendsNone) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"caf\xC3\xA9 \xF0\x9F\x98\x80", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
+      {"a\nb\tc\rd", "a b c d"},
+      {"\x1B]0;title\x07\x1B[2J", "^[]0;title^G^[[2J"},
+      {std::string("\0\x01\x1F\x7F", 4), "^@^A^_^?"},
+      {"\xC2\x9B" "5m \xC2\x80 \xC2\x9F \xC2\xA0", "^[[5m ^[@ ^[_ \xC2\xA0"},
+      {"\xFF\x1B", "\xEF\xBF\xBD^["},
+  };
+  for (const auto &[typed, shown] : cases)
+    EXPECT_EQ(terminalLine(typed), shown) << shown;
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // The file operations every archive and move goes through: a move never
-// replaces anything, a walk goes deep but not through links, a private
+// replaces anything nor leaves a file in two places, a walk goes deep but not through links, a private
 // write is private from its first byte, and leftovers are found again.
 #include <gtest/gtest.h>
 
@@ -44,6 +44,20 @@ TEST(FileManager, MovesNeverReplaceAndCopiesAcrossFileSystemsKeepTheOriginalUnti
   EXPECT_FALSE(moved);
   EXPECT_EQ(left, std::vector<std::string>{}) << "no part of the copy is left";
   EXPECT_EQ(readText(from).size(), 64u * 1024);
+
+  // The mirror: the copy lands but the original cannot go (a read-only
+  // disk from an old Mac): the copy goes too, so it is in one place only.
+  const fs::path oldDisk = home.path() / "old-disk";
+  writeText(oldDisk / "c.ichat", "transcript");
+  const std::string disk = "'" + oldDisk.string() + "'";
+  std::system(("mount -t tmpfs -o size=1m tmpfs '" + small.string() + "' && mount --bind " + disk + " " + disk +
+               " && mount -o remount,bind,ro " + disk).c_str());
+  const bool movedOff = moveItem(oldDisk / "c.ichat", small / "c.ichat");
+  const auto copied = filesBelow(small);
+  std::system(("umount " + disk + "; umount '" + small.string() + "'").c_str());
+  EXPECT_FALSE(movedOff);
+  EXPECT_EQ(copied, std::vector<std::string>{});
+  EXPECT_EQ(readText(oldDisk / "c.ichat"), "transcript");
 }
 
 TEST(FileManager, TheWalkGoesDeepButNotThroughLinksAndNamesAreSplitAsFoundationSplitsThem) {

@@ -8,10 +8,11 @@ required; user "parlova" with password "secret" is accepted), refuse (DATA
 is answered with --reply), silent (connections are accepted and never
 answered), starttls (as auth, but STARTTLS is required first), tls (as auth,
 over TLS from the first byte), no-starttls (offers AUTH LOGIN but not
-STARTTLS, and keeps every byte it receives in DIR/received), and three
+STARTTLS, and keeps every byte it receives in DIR/received), and four
 that misbehave: flood (a greeting of endless "220-" lines), trickle (a
-greeting one byte a second, never finished) and drop (STARTTLS and the
-handshake, then the connection dropped without a TLS close). The secured
+greeting one byte a second, never finished), drop (STARTTLS and the
+handshake, then the connection dropped without a TLS close) and stall
+(STARTTLS, then a handshake record a byte every half second). The secured
 modes take --cert and --key (PEM). The chosen port is written to FILE once
 the server listens.
 """
@@ -117,6 +118,13 @@ def run_misbehaving(port_file, mode, cert, key):
                 connection.sendall(b"250-drop.example\r\n250 STARTTLS\r\n")
                 reader.readline()
                 connection.sendall(b"220 go ahead\r\n")
+                if mode == "stall":
+                    connection.recv(4096)  # the client's hello
+                    # A handshake record of 16 KiB, a byte every half second.
+                    connection.sendall(b"\x16\x03\x03\x40\x00")
+                    while True:
+                        connection.sendall(b"\x00")
+                        time.sleep(0.5)
                 context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
                 context.load_cert_chain(cert, key)
                 secured = context.wrap_socket(connection, server_side=True)
@@ -145,7 +153,7 @@ def main():
     if args.mode == "no-starttls":
         run_recording(args.port_file, args.dir)
         return
-    if args.mode in ("flood", "trickle", "drop"):
+    if args.mode in ("flood", "trickle", "drop", "stall"):
         run_misbehaving(args.port_file, args.mode, args.cert, args.key)
         return
 

@@ -140,11 +140,19 @@ TEST_F(History, EachRowHoldsWhatTheTotalsGrewByAndIsKeptOnce) {
   result = home_.run("parlova");
   EXPECT_NE(result.err.find("history.sqlite was damaged; it is kept as "), std::string::npos) << result.err;
   EXPECT_EQ(readText(folder() / "history.sqlite.damaged"), std::string(4096, 'x'));
+  // Damaged again: kept under a new name, the first copy untouched.
+  writeText(folder() / "history.sqlite", std::string(4096, 'y'));
+  home_.addTranscript("Dave on 2006-01-02 at 10.00.ichat", simpleChat("dave"));
+  result = home_.run("parlova");
+  EXPECT_NE(result.err.find("it is kept as " + (folder() / "history.sqlite.damaged-2").string()), std::string::npos)
+      << result.err;
+  EXPECT_EQ(readText(folder() / "history.sqlite.damaged"), std::string(4096, 'x'));
+  EXPECT_EQ(readText(folder() / "history.sqlite.damaged-2"), std::string(4096, 'y'));
   EXPECT_EQ(pythonReading("import sqlite3, sys\n"
                           "print(*sqlite3.connect(sys.argv[1] + '/history.sqlite').execute("
                           "'SELECT account FROM chats').fetchone())\n",
                           folder()),
-            "carol");
+            "dave");
   EXPECT_TRUE(filesBelow(home_.chats()).empty());
 }
 
@@ -239,16 +247,15 @@ TEST_F(History, AHundredThousandChatsMakeAPageABrowserShows) {
 
 // The chat library: a page per chat with its picture linked to the stored
 // copy, a page per person, an index; each shows in a browser without a
-// console message and every link on it leads to a file that is there. The
-// search names the chat's page.
+// console message (no script a chat partner typed runs) and every link on
+// it leads to a file that is there. The search names the chat's page.
 TEST_F(History, TheChatLibraryShowsEveryChatAndEveryLinkLeadsSomewhere) {
   home_.setSetting("keepHistory", "-bool", "NO");
-  home_.setSetting("keepChatPages", "-bool", "YES");
-  home_.setSetting("escapeHTML", "-bool", "YES");
+  home_.setSetting("keepChatPages", "-bool", "YES"); // escapeHTML left off: the library escapes all the same
   const Account alice{"AIM", "alice1979"};
   TranscriptSpec keyed;
   keyed.others = {alice};
-  keyed.messages = {says(alice, 157629600, "<b>not bold</b> & cake"),
+  keyed.messages = {says(alice, 157629600, "<b>not bold</b> & cake <img src=x onerror=\"console.log('ran')\">"),
                     withPicture(alice, 157629720, "cake #1?.png", pictureBytes(ImageFormat::PNG, 8, 8))};
   home_.addTranscript("Alice on 2005-12-30 at 10.00.ichat", keyed);
   home_.addTranscript("Carol on 2006-01-01 at 10.00.ichat", simpleChat("carol/ette"));

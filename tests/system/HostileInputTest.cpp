@@ -107,6 +107,32 @@ TEST(HostileInput, TranscriptsMadeToBreakTheToolAreArchivedOnceAndReadableByOthe
   }
 }
 
+// A time no chat can have had (one flipped bit of a stored double makes
+// years in the millions) is no time at all: the runs end, the pages stay
+// small, and the transcript after it is processed.
+TEST(HostileInput, TimesNoChatCanHaveHadWedgeNoRun) {
+  ScratchHome home;
+  installShippedFiles(home);
+  for (const char *setting : {"keepHistory", "keepChatPages", "handleURLs"})
+    home.setSetting(setting, "-bool", "YES");
+  const Account eve{"AIM", "eve"};
+  TranscriptSpec spec;
+  spec.others = {eve};
+  spec.messages = {says(eve, 1e16, "far"), posts(eve, 1e12, "http://example.com/"), says(eve, -1e16, "before"),
+                   says(eve, 157629600, "now")};
+  home.addTranscript("Eve on 2005-12-30 at 10.00.ichat", spec);
+  home.addTranscript("Good on 2006-01-01 at 10.00.ichat", simpleChat("good"));
+  for (int run = 0; run < 3; ++run) {
+    const auto result = home.run("parlova");
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+  }
+  EXPECT_EQ(filesBelow(home.chats()), std::vector<std::string>{});
+  EXPECT_LT(fs::file_size(home.path() / "Library/Parlova/stats.html"), 100u * 1024);
+  const auto found = home.run("parlova-search", {"far"});
+  EXPECT_EQ(found.exitCode, 0) << found.err;
+  EXPECT_NE(found.out.find("eve: far"), std::string::npos) << found.out;
+}
+
 // Every setting of every wrong type at once: the run goes on or stops, but
 // never crashes, and the transcript stays in exactly one folder.
 TEST(HostileInput, SettingsOfEveryWrongTypeNeitherCrashNorLoseTheTranscript) {

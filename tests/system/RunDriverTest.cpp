@@ -170,13 +170,25 @@ TEST(RunDriver, ATranscriptReachedThroughARelativeLinkStillResolvesOnceMoved) {
   EXPECT_FALSE(fs::exists(fs::symlink_status(home.chats() / "Alice on 2005-03-01.ichat")));
 }
 
-TEST(RunDriver, AHomeThatDoesNotExistIsRefused) {
+TEST(RunDriver, AHomeThatDoesNotExistOrIsAnotherUsersIsRefused) {
   ScratchHome home;
   const fs::path missing = home.path() / "gone";
-  const auto result = home.run("parlova", {}, {{"HOME", missing.string()}});
+  auto result = home.run("parlova", {}, {{"HOME", missing.string()}});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(result.err, "parlova: the home folder " + missing.string() + " does not exist; nothing is done\n");
   EXPECT_FALSE(fs::exists(missing));
+
+  // Root's run through sudo, with the user's HOME: it would leave files the
+  // user's own runs cannot use.
+  if (geteuid() != 0)
+    GTEST_SKIP() << "needs root to give the home to another user";
+  ASSERT_EQ(chown(home.path().c_str(), 65534, 65534), 0);
+  home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
+  result = home.run("parlova", {"--catch-up"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.err, "parlova: the home folder " + home.path().string() +
+                            " belongs to nobody, not to root, who runs this; nothing is done (run parlova as nobody)\n");
+  EXPECT_FALSE(fs::exists(home.path() / "Library"));
 }
 
 TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
@@ -189,7 +201,10 @@ TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
   const std::string totals = readText(folder / "chatgeist.plist");
 
   // Stopped while archiving Bob: the journal had kept the archives, then
-  // the stages changed them.
+  // the stages changed them. The totals are a link to a file elsewhere,
+  // which is kept as well.
+  fs::rename(folder / "chatgeist.plist", home.path() / "totals.plist");
+  fs::create_symlink(home.path() / "totals.plist", folder / "chatgeist.plist");
   const auto bob = home.addTranscript("Bob on 2005-03-02.ichat", simpleChat("bob"));
   ASSERT_TRUE(TranscriptJournal(folder).begin(bob));
   // As the stages write: a new file renamed over the old one.

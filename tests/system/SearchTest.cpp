@@ -94,6 +94,22 @@ TEST_F(Search, PlantedMessagesAreFoundWithTheirChatAndNothingElse) {
   EXPECT_EQ(found({"pancakes"}), before);
 }
 
+// What a stranger typed (a name, a file name, a message) cannot set the
+// window's title, clear the screen or make text blink: shown, not sent.
+TEST_F(Search, EscapeSequencesTypedByOthersAreShownNotSent) {
+  const Account eve{"AIM", "eve\x1B[5m"};
+  TranscriptSpec spec;
+  spec.others = {eve};
+  spec.messages = {says(eve, 157629600, "title \x1B]0;owned\x07 then \x1B[2J and \xC2\x9B" "31m")};
+  const fs::path transcript = home_.addTranscript("Eve\x1B[2J on 2005-12-30 at 10.00.ichat", spec);
+  ASSERT_EQ(home_.run("parlova", {"--catch-up", "--quiet"}).exitCode, 0);
+  const auto shown = home_.run("parlova-search", {"owned"}, {{"TZ", "UTC"}});
+  EXPECT_EQ(shown.out, "2005-12-30 10:00  Eve^[[2J\n  " + home_.archive().string() +
+                           "/Eve^[[2J on 2005-12-30 at 10.00.ichat\n"
+                           "  10:00  eve^[[5m: title ^[]0;owned^G then ^[[2J and ^[[31m\n")
+      << shown.err;
+}
+
 // Every message that holds the word, as the generator wrote it, is one hit.
 TEST_F(Search, EachMessageHoldingTheWordIsOneHit) {
   std::vector<std::string> texts;
