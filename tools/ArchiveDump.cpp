@@ -78,7 +78,7 @@ std::string quotedForDisplay(std::string_view text) {
       out += c;
     } else if (c == '\n') {
       out += "\\n";
-    } else if (static_cast<unsigned char>(c) < 0x20) {
+    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
       char hex[8];
       std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
       out += hex;

@@ -4,11 +4,13 @@
 //   parlova-inspect --plain FILE...  the plain-text rendering
 //   parlova-inspect --html FILE...   the HTML rendering's bytes
 //   parlova-inspect --archive FILE...  any archive's object graph as stored
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "foundation/TerminalText.h"
 #include "foundation/TextAttributes.h"
 #include "foundation/Unicode.h"
 #include "model/ICLPChatLog.h"
@@ -53,23 +55,23 @@ std::string describeAttribute(const std::string &name, const ObjectRef &value) {
 }
 
 void printModel(const std::string &path, const ICLPChatLog &log) {
-  std::cout << "file: " << path << "\n";
+  std::cout << "file: " << terminalLine(path) << "\n";
   std::cout << "format: "
             << (log.format() == ICLPChatLog::Format::iChat2 ? "iChat 2 typed stream (.chat)" : "keyed archive (.ichat)")
             << "\n";
-  std::cout << "primaryOtherParty: " << log.primaryOtherParty() << "\n";
+  std::cout << "primaryOtherParty: " << terminalLine(log.primaryOtherParty()) << "\n";
   const auto participants = log.participants();
   std::cout << "participants: " << participants.size() << " (" << log.NumberOfSpeakers() << " speakers)\n";
   for (const auto &participant : participants)
-    std::cout << "  " << participant->Protocol() << " " << participant->rawName() << " shown as "
-              << participant->Name().value_or("(no name)") << "\n";
+    std::cout << "  " << terminalLine(participant->Protocol()) << " " << terminalLine(participant->rawName())
+              << " shown as " << terminalLine(participant->Name().value_or("(no name)")) << "\n";
   const auto messages = log.messages();
   std::cout << "messages: " << messages.size() << "\n";
   size_t number = 0;
   for (const auto &message : messages) {
-    std::cout << "  [" << ++number << "] " << message->rawSpeaker().value_or("(no speaker)");
+    std::cout << "  [" << ++number << "] " << terminalLine(message->rawSpeaker().value_or("(no speaker)"));
     if (message->speaker())
-      std::cout << " shown as " << message->Speaker().value_or("(no name)");
+      std::cout << " shown as " << terminalLine(message->Speaker().value_or("(no name)"));
     std::cout << " at "
               << (message->TimeStamp() ? message->TimeStamp()->description() : std::string("(no time)"));
     char flags[16];
@@ -80,14 +82,14 @@ void printModel(const std::string &path, const ICLPChatLog &log) {
       std::cout << "      (no text)\n";
       continue;
     }
-    std::cout << "      text: " << quotedForDisplay(utf16ToUtf8(text->string())) << "\n";
+    std::cout << "      text: " << terminalLine(quotedForDisplay(utf16ToUtf8(text->string()))) << "\n";
     for (const AttributeRun &run : text->runs()) {
       if (run.attributes->empty())
         continue;
       std::cout << "      run " << run.location << "+" << run.length << ":";
       const char *separator = " ";
       for (const auto &[name, value] : run.attributes->entries()) {
-        std::cout << separator << describeAttribute(name, value);
+        std::cout << separator << terminalLine(describeAttribute(name, value));
         separator = "; ";
       }
       std::cout << "\n";
@@ -133,7 +135,13 @@ int main(int argc, char **argv) {
         status = 1;
         continue;
       }
-      std::cout << "file: " << file << "\n" << std::get<DumpedArchive>(dump).text;
+      // Class names and keys are the archive's own, typed by anyone.
+      std::cout << "file: " << terminalLine(file) << "\n";
+      const std::string &text = std::get<DumpedArchive>(dump).text;
+      for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
+        std::cout << terminalLine(std::string_view(text).substr(start, end - start)) << "\n";
+      }
     }
     return status;
   }

@@ -44,6 +44,32 @@ TEST(Inspect, EveryModeShowsWhatEitherFormatHolds) {
   }
 }
 
+// What the transcript holds reaches the terminal shown, never acted on:
+// no ESC, DEL or C1 control in the model view or the archive's graph.
+TEST(Inspect, ControlCharactersTypedByOthersAreShownNotSent) {
+  ScratchHome home;
+  const Account eve{"AIM", "eve\x1B[2J"};
+  TranscriptSpec spec;
+  spec.others = {eve};
+  RunSpec link = text("look");
+  link.link = LinkSpec{"http://example.com/\x1B]0;title\x07", false, std::nullopt};
+  RunSpec file = text("\xEF\xBF\xBC");
+  file.attachment = AttachmentSpec{"a\x1B[5m.png", {1, 2}, false, {}, false};
+  spec.messages = {says(eve, 200000000, "title \x1B]0;owned\x07 \xC2\x9B" "5m \x7F"),
+                   MessageSpec{eve, 200000060, {link, file}}};
+  const fs::path transcript = home.addTranscript("Eve on 2005-12-30.ichat", spec);
+  for (const auto &[mode, shown] : std::vector<std::pair<std::string, std::string>>{
+           {"", "AIM eve^[[2J shown as eve^[[2J"}, {"--archive", "ID: \"eve\\x1b[2J\""}}) {
+    std::vector<std::string> arguments = {transcript.string()};
+    if (!mode.empty())
+      arguments.insert(arguments.begin(), mode);
+    const std::string out = home.run("parlova-inspect", arguments).out;
+    EXPECT_NE(out.find(shown), std::string::npos) << out;
+    for (const std::string sent : {"\x1B", "\x7F", "\xC2\x9B"})
+      EXPECT_EQ(out.find(sent), std::string::npos) << mode << "\n" << out;
+  }
+}
+
 TEST(Inspect, AFileThatDoesNotLoadSaysWhyInTheDecodersWords) {
   ScratchHome home;
   const std::vector<uint8_t> stream = typedStreamTranscript(simpleChat("carol"));
