@@ -86,15 +86,17 @@ fuzz-mutations: deps
 	$(BUILD)/tests/parlova_fuzz_mutations $(FUZZ_CASES) $$(date +%s)
 
 # The long crash run: at least 5,000 kills of single runs, 2,000 of
-# catch-ups and 300 pairs of overlapping runs.
+# catch-ups, 300 pairs of overlapping runs and 300 power cuts.
 CRASH_KILLS ?= 5000
 CRASH_CATCH_UP_KILLS ?= 2000
 CRASH_PAIRS ?= 300
+CRASH_POWER_CUTS ?= 300
 crashtest: deps
 	cmake -S . -B $(BUILD) -DPARLOVA_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD) -j$(JOBS) --target parlova parlova-defaults parlova-samples
 	/usr/bin/python3 tests/crash/crashtest.py $(BUILD) --kills $(CRASH_KILLS) \
 	  --catch-up-kills $(CRASH_CATCH_UP_KILLS) --pairs $(CRASH_PAIRS)
+	/usr/bin/python3 tests/crash/powercut.py $(BUILD) --cuts $(CRASH_POWER_CUTS)
 
 # The tools into $(PREFIX)/bin (their modules, manual pages, shipped files
 # and systemd user units beside), then parlova --setup for this user: the

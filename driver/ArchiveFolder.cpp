@@ -16,9 +16,10 @@ namespace fs = std::filesystem;
 // Each new name is made from the previous one, so the suffixes pile up:
 // "x.ichat", "x #2.ichat", "x #2 #3.ichat", ... That naming is settled and
 // stays.
-fs::path ArchiveTargetIn(const fs::path &archiveFolder, const fs::path &transcript) {
+fs::path ArchiveTargetIn(const fs::path &archiveFolder, const fs::path &transcript,
+                         const std::unordered_set<std::string> &alsoTaken) {
   fs::path target = archiveFolder / transcript.filename();
-  for (int counter = 2; fileExistsAtPath(target); ++counter) {
+  for (int counter = 2; alsoTaken.contains(target.string()) || fileExistsAtPath(target); ++counter) {
     const std::string name = target.filename().string();
     target = target.parent_path() /
              (deletingPathExtension(name) + " #" + std::to_string(counter) + "." + pathExtension(name));
@@ -30,32 +31,48 @@ fs::path ArchiveFolder() { return homeDirectory() / "Documents" / "iChats (Parlo
 
 fs::path ArchiveTargetFor(const fs::path &transcript) { return ArchiveTargetIn(ArchiveFolder(), transcript); }
 
-// The end of every processed transcript: the move, and a clean slate for
-// the email failure count.
-bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset,
-                         Durability durability) {
+namespace {
+
+// A clean slate for the email failure count.
+void resetFailureCount(FailureCountReset reset) {
+  Preferences &settings = appSettings();
+  if (settings.intValue("errorStatus") != 0)
+    return;
+  if (reset == FailureCountReset::WhenNotZero) {
+    // Only an integer 0: anything else is written as the integer it must be.
+    const auto count = settings.copyAppValue("emailFails");
+    if (count && plistInteger(count->node()) == 0)
+      return;
+  }
+  settings.setAppValue("emailFails", PreferenceValue::integer(0));
+  settings.appSynchronize();
+}
+
+} // namespace
+
+void AnnounceMoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
+  logFormat("preparing to move %@ to %@", transcript.string(), target.string());
+  resetFailureCount(reset);
+}
+
+bool MakeMoveToArchiveFolder(const fs::path &transcript, const fs::path &target, Durability durability) {
   std::error_code error;
   fs::create_directories(target.parent_path(), error);
-  logFormat("preparing to move %@ to %@", transcript.string(), target.string());
-  const bool moved = moveItem(transcript, target, durability);
-  if (!moved) {
-    const std::string reason = std::strerror(errno);
-    logLine("FAILED");
-    logFormat("Could not move %@ to %@: %@; later runs try the move again, and only the move.", transcript.string(),
-              target.string(), reason);
-  }
+  if (moveItem(transcript, target, durability))
+    return true;
+  const std::string reason = std::strerror(errno);
+  logLine("FAILED");
+  logFormat("Could not move %@ to %@: %@; later runs try the move again, and only the move.", transcript.string(),
+            target.string(), reason);
+  return false;
+}
 
-  Preferences &settings = appSettings();
-  if (settings.intValue("errorStatus") == 0) {
-    if (reset == FailureCountReset::WhenNotZero) {
-      // Only an integer 0: anything else is written as the integer it must be.
-      const auto count = settings.copyAppValue("emailFails");
-      if (count && plistInteger(count->node()) == 0)
-        return moved;
-    }
-    settings.setAppValue("emailFails", PreferenceValue::integer(0));
-    settings.appSynchronize();
-  }
+// The end of every processed transcript: the move, and a clean slate for
+// the email failure count.
+bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
+  logFormat("preparing to move %@ to %@", transcript.string(), target.string());
+  const bool moved = MakeMoveToArchiveFolder(transcript, target, Durability::Now);
+  resetFailureCount(reset);
   return moved;
 }
 

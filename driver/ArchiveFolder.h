@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <unordered_set>
 #include <string>
 
 #include "platform/FileManager.h"
@@ -14,8 +15,10 @@ namespace parlova {
 std::filesystem::path ArchiveFolder();
 // Where a transcript goes in `archiveFolder`: its own name, or with " #2",
 // " #2 #3", ... when that is taken.
+// Names in `alsoTaken` count as taken: moves that are due but not made.
 std::filesystem::path ArchiveTargetIn(const std::filesystem::path &archiveFolder,
-                                      const std::filesystem::path &transcript);
+                                      const std::filesystem::path &transcript,
+                                      const std::unordered_set<std::string> &alsoTaken = {});
 // The same in ArchiveFolder().
 std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
 
@@ -25,8 +28,13 @@ std::filesystem::path ArchiveTargetFor(const std::filesystem::path &transcript);
 enum class FailureCountReset { Always, WhenNotZero };
 // False when the move failed ("FAILED" and the reason are logged).
 bool MoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
-                         FailureCountReset reset = FailureCountReset::Always,
-                         Durability durability = Durability::Now);
+                         FailureCountReset reset = FailureCountReset::Always);
+// The same in two steps, for moves made later in a group: what is logged
+// and set when the move is decided, and the move itself.
+void AnnounceMoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
+                                 FailureCountReset reset);
+bool MakeMoveToArchiveFolder(const std::filesystem::path &transcript, const std::filesystem::path &target,
+                             Durability durability);
 
 // Why a transcript could not be carried to its end: the archive folder
 // cannot be made, is no writable folder (a file, a link to nothing, a

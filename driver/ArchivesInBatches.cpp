@@ -44,8 +44,54 @@ ArchivesInBatches::archive(const ICLPChatLog &log, const fs::path &transcript, c
   return Added{added.links, added.pictures};
 }
 
+fs::path ArchivesInBatches::targetFor(const fs::path &transcript) {
+  return ArchiveTargetIn(ArchiveFolder(), transcript, dueTargets_);
+}
+
 bool ArchivesInBatches::move(const fs::path &transcript, const fs::path &target) {
-  return MoveToArchiveFolder(transcript, target, FailureCountReset::WhenNotZero, Durability::ByNextSync);
+  if (unmoved_)
+    return false;
+  AnnounceMoveToArchiveFolder(transcript, target, FailureCountReset::WhenNotZero);
+  if (due_.empty())
+    firstDue_ = Clock::now();
+  due_.push_back({transcript, target});
+  dueTargets_.insert(target.string());
+  // A group waits at most a second: a kill leaves its moves for the next
+  // run, which makes them, but a power cut takes the notes with them, and
+  // the transcripts are processed (and mailed) again.
+  constexpr size_t kLargestGroup = 1000;
+  if (due_.size() < kLargestGroup && Clock::now() - firstDue_ < std::chrono::seconds(1))
+    return true;
+  return makeDueMoves();
+}
+
+bool ArchivesInBatches::makeDueMoves() {
+  if (unmoved_)
+    return false;
+  if (due_.empty())
+    return true;
+  if (!journal_.syncBatchMoves()) {
+    logFormat("Could not write %@: %@", journal_.movesFile().string(), std::strerror(errno));
+    unmoved_ = due_.front().transcript;
+  }
+  for (const auto &[transcript, target] : due_) {
+    if (unmoved_)
+      break;
+    if (!MakeMoveToArchiveFolder(transcript, target, Durability::ByNextSync)) {
+      // The rest stay due with it: the next run makes them before the
+      // batch is added to the archives.
+      unmoved_ = transcript;
+      break;
+    }
+  }
+  if (unmoved_) {
+    logLine("The catch-up could not move every transcript of its batch; the next run moves them and adds the batch "
+            "to the archives.");
+    return false;
+  }
+  due_.clear();
+  dueTargets_.clear();
+  return true;
 }
 
 bool ArchivesInBatches::due(size_t every, double seconds) const {
@@ -55,6 +101,8 @@ bool ArchivesInBatches::due(size_t every, double seconds) const {
 bool ArchivesInBatches::commit() {
   if (!open_)
     return true;
+  if (!makeDueMoves())
+    return false;
   if (!archives_.commit()) {
     logLine("The catch-up could not write its archives; the next run adds this batch's transcripts to them.");
     return false;

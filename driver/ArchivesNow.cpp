@@ -7,6 +7,7 @@
 #include "generator/ChatLibrary.h"
 #include "generator/ChatRecords.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/PendingHistory.h"
 #include "history/ChatHistory.h"
 #include "platform/Log.h"
 
@@ -36,13 +37,17 @@ std::variant<TranscriptArchives::Added, std::string> ArchivesNow::archive(const 
     const ChatRecord record =
         keptChat(log, ICLPLogGenerator::CountChat(log, ICLPLogGenerator::ReadWordLists()), *stages.historyKey, target,
                  ChatPage::Write);
-    ChatHistory::store({record});
+    // Not now (another program writing it, a full disk): a later run.
+    if (!ChatHistory::store({record}) && !PendingHistory::keep({{*stages.historyKey, target}}))
+      return std::string("the history could not be written");
     if (record.page)
       ChatLibrary::rebuildIndexPages();
   }
   ICLPLogGenerator::UpdateStatistics(&log);
   return Added{};
 }
+
+fs::path ArchivesNow::targetFor(const fs::path &transcript) { return ArchiveTargetFor(transcript); }
 
 bool ArchivesNow::move(const fs::path &transcript, const fs::path &target) {
   if (!journal_.markArchived(target)) {

@@ -15,6 +15,7 @@ public:
   void abandon() override;
   std::variant<Added, std::string> archive(const ICLPChatLog &log, const std::filesystem::path &transcript,
                                            const std::filesystem::path &target, const Stages &stages) override;
+  std::filesystem::path targetFor(const std::filesystem::path &transcript) override;
   bool move(const std::filesystem::path &transcript, const std::filesystem::path &target) override;
 
 private:

@@ -16,7 +16,6 @@
 #include "driver/ExtractChatLog.h"
 #include "driver/RunStart.h"
 #include "driver/Setup.h"
-#include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
@@ -81,6 +80,18 @@ int catchUp(const RunOptions &options) {
 
   Tally tally;
   ArchivesInBatches batch;
+  // Why the catch-up stops when the batch cannot be committed; the next run
+  // finishes it.
+  const auto commitBatch = [&]() -> std::string {
+    if (batch.commit()) {
+      tally.commit();
+      return {};
+    }
+    tally.pending = {};
+    if (const auto &unmoved = batch.unmoved())
+      return "could not move " + unmoved->filename().string() + ", as the lines above say";
+    return "an archive could not be written";
+  };
   CatchUpProgress progress(candidates, options.quiet);
   size_t seen = 0;
   std::string stopped;
@@ -151,40 +162,20 @@ int catchUp(const RunOptions &options) {
       ++tally.pending.transcripts;
       break;
     }
-    if (extraction.outcome == Outcome::NotMoved) {
-      // Archived but not moved: once the batch is written, the journal
-      // keeps this one transcript for later runs to move, and only move.
-      // (The move's own line says why; writing the settings since may have
-      // changed errno.)
-      if (batch.commit()) {
-        tally.commit();
-        TranscriptJournal journal(ICLPLogGenerator::parlovaFolder());
-        if (!journal.begin(path) || !journal.markMoveFailed(extraction.target))
-          journal.clear();
-      } else {
-        tally.pending = {};
-      }
-      stopped = "could not move " + entry + ", as the line above says";
-    }
-    if (!stopped.empty())
+    // A failed move leaves the batch to the next run: the commit below
+    // says so.
+    if (!stopped.empty() || extraction.outcome == Outcome::NotMoved)
       break;
 
     if (batch.due(options.commitEvery, RunOptions::kCommitSeconds)) {
-      if (!batch.commit()) {
-        tally.pending = {};
-        stopped = "an archive could not be written";
+      stopped = commitBatch();
+      if (!stopped.empty())
         break;
-      }
-      tally.commit();
     }
   }
   progress.clear();
-  if (batch.commit()) {
-    tally.commit();
-  } else {
-    tally.pending = {};
-    stopped = "an archive could not be written";
-  }
+  if (std::string why = commitBatch(); !why.empty())
+    stopped = std::move(why);
 
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   logLine(std::string(stopped.empty() ? "Catch-up finished: " : "Catch-up stopped (" + stopped + "): ") +

@@ -93,7 +93,7 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
 
   if (ChatHistory::wanted())
     stages.historyKey = TranscriptJournal::identityOf(contents).key();
-  const fs::path target = ArchiveTargetFor(path);
+  const fs::path target = archives.targetFor(path);
   auto added = archives.archive(*log, path, target, stages);
   if (auto *why = std::get_if<std::string>(&added)) {
     extraction.outcome = Outcome::NotArchived;

@@ -1,5 +1,7 @@
 #include "driver/InterruptedRun.h"
 
+#include <unordered_set>
+
 #include "driver/ArchiveFolder.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ArchiveBatch.h"
@@ -20,6 +22,20 @@ bool FinishInterruptedArchiving() {
   case TranscriptJournal::Recovery::Kind::Nothing:
     return true;
   case TranscriptJournal::Recovery::Kind::BatchDue: {
+    // Mailed, but still where they were: moved before the batch is added,
+    // so that none of them is archived while the walk could take it again.
+    // Until they are, no run goes on: the journal keeps the batch.
+    std::unordered_set<std::string> taken;
+    for (auto &move : recovery.moved) {
+      if (!move.due)
+        continue;
+      logFormat("A catch-up ended before moving %@; moving it now.", move.transcript.string());
+      if (fileExistsAtPath(move.target) || taken.contains(move.target.string()))
+        move.target = ArchiveTargetIn(move.target.parent_path(), move.transcript, taken);
+      if (!MoveToArchiveFolder(move.transcript, move.target, FailureCountReset::WhenNotZero))
+        return false;
+      taken.insert(move.target.string());
+    }
     ArchiveBatch archives;
     for (const auto &move : recovery.moved) {
       // What was archived is the file as it is now, where it was moved.

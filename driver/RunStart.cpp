@@ -5,7 +5,9 @@
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "driver/InterruptedRun.h"
+#include "generator/PendingHistory.h"
 #include "generator/ICLPLogGenerator.h"
+#include "history/ChatHistory.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 
@@ -55,6 +57,8 @@ std::optional<RunLockAttempt> startRun() {
   }
   if (!FinishInterruptedArchiving())
     return std::nullopt;
+  if (ChatHistory::wanted())
+    PendingHistory::writeDue();
   return lock;
 }
 

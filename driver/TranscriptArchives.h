@@ -38,6 +38,8 @@ public:
   // transcript going to `target`; or why nothing was archived (logged).
   virtual std::variant<Added, std::string> archive(const ICLPChatLog &log, const std::filesystem::path &transcript,
                                                    const std::filesystem::path &target, const Stages &stages) = 0;
+  // Where in the archive folder the transcript will go.
+  virtual std::filesystem::path targetFor(const std::filesystem::path &transcript) = 0;
   // The move that ends the transcript's processing. False when it failed.
   virtual bool move(const std::filesystem::path &transcript, const std::filesystem::path &target) = 0;
 };

@@ -145,10 +145,12 @@ bool TranscriptJournal::noteBatchMove(const Recovery::BatchMove &move) {
   const std::string line = escapedField(move.transcript.string()) + "\t" + escapedField(move.target.string()) +
                            "\t" + std::to_string(identity->size) + "\t" + identity->digest + "\t" +
                            (move.links ? "L" : "") + (move.images ? "I" : "") + "\n";
-  // One write of a whole line, appended: a line cut short by a kill belongs
-  // to a transcript that had not been moved, and is passed over.
+  // One write of a whole line, appended: a line cut short belongs to a
+  // transcript that had not been moved, and is passed over.
   return appendToFile(movesFile(), std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
 }
+
+bool TranscriptJournal::syncBatchMoves() { return syncFileData(movesFile()); }
 
 std::vector<TranscriptJournal::Recovery::BatchMove> TranscriptJournal::movedInBatch() {
   const auto bytes = readFileContents(movesFile());
@@ -161,18 +163,30 @@ std::vector<TranscriptJournal::Recovery::BatchMove> TranscriptJournal::movedInBa
     const auto fields = splitFields(text.substr(start, end - start));
     if (fields.size() != 5)
       continue;
-    const Recovery::BatchMove move{fields[0], fields[1], fields[4].find('L') != std::string::npos,
-                                   fields[4].find('I') != std::string::npos};
+    Recovery::BatchMove move{fields[0], fields[1], fields[4].find('L') != std::string::npos,
+                             fields[4].find('I') != std::string::npos};
     removeLeftoverTemporaries(move.target.parent_path());
     const auto matches = [&](const std::optional<Identity> &identity) {
       return identity && std::to_string(identity->size) == fields[2] && identity->digest == fields[3];
     };
-    // Not moved (killed first, or the move failed): the walk finds it again.
-    if (!matches(identify(move.target)))
+    const bool there = matches(identify(move.transcript));
+    if (matches(identify(move.target))) {
+      // A copy across file systems had landed; only the original was left.
+      if (there)
+        fs::remove(move.transcript, error);
+      // It cannot go (a read-only disk): nor may the copy stay, or the
+      // transcript would be in both places.
+      move.due = there && fileExistsAtPath(move.transcript);
+      if (move.due)
+        fs::remove(move.target, error);
+    } else if (there) {
+      // Noted, so mailed: its move had not been made yet, or failed.
+      move.due = true;
+    } else {
+      // Gone, or no longer the transcript that was noted: a later walk
+      // sees whatever is there afresh.
       continue;
-    // A copy across file systems had landed; only the original was left.
-    if (matches(identify(move.transcript)))
-      fs::remove(move.transcript, error);
+    }
     moved.push_back(move);
   }
   return moved;

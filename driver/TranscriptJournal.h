@@ -33,13 +33,15 @@ public:
       MoveDue,         // `transcript` was archived and goes to `target` next
       BatchDue         // the archives are as before a catch-up's batch, and
                        // the transcripts in `moved` are to be added to them
-                       // again, in that order; then clear()
+                       // again, in that order, each moved first where it is
+                       // `due`; then clear()
     };
     struct BatchMove {
       std::filesystem::path transcript;
       std::filesystem::path target; // where it is now
       bool links = false;           // the stages that were on for it
       bool images = false;
+      bool due = false;             // still where it was: mailed, its move not made
     };
     Kind kind = Kind::Nothing;
     std::filesystem::path transcript;
@@ -73,6 +75,9 @@ public:
   // the batch's archives are written.
   bool beginBatch();
   bool noteBatchMove(const Recovery::BatchMove &move);
+  // Puts the notes on the disk: a move is made only after its note is
+  // there, or a power cut could keep the move and lose the note.
+  bool syncBatchMoves();
 
   std::filesystem::path journalFile() const { return folder_ / "journal.plist"; }
   std::filesystem::path movesFile() const { return folder_ / "moves"; }

@@ -1,8 +1,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <span>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <variant>
 
 #include "driver/CommandLine.h"
@@ -34,12 +32,9 @@ int main(int argc, char **argv) {
   // A run as another user (root, through sudo, with the user's HOME) would
   // leave settings, archives and a lock that the user's own runs cannot
   // use.
-  if (struct stat status {}; stat(home.c_str(), &status) == 0 && status.st_uid != geteuid()) {
-    std::fprintf(stderr,
-                 "parlova: the home folder %s belongs to %s, not to %s, who runs this; nothing is done (run parlova "
-                 "as %s)\n",
-                 home.c_str(), parlova::userName(status.st_uid).c_str(), parlova::userName(geteuid()).c_str(),
-                 parlova::userName(status.st_uid).c_str());
+  if (const auto foreign = parlova::homeOfAnotherUser()) {
+    std::fprintf(stderr, "parlova: %s; nothing is done (run parlova as %s)\n", foreign->why.c_str(),
+                 foreign->owner.c_str());
     return 1;
   }
   return parlova::runParlova(options);

@@ -78,12 +78,13 @@ ICLPLogGenerator::ChatCounts ArchiveBatch::addStatistics(const ICLPChatLog &log)
 void ArchiveBatch::addHistory(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
                               fs::path transcript) {
   statisticsChanged_ = true;
-  if (historyFailed_)
-    return;
+  historyChats_.push_back({key, transcript});
   // A chat's own page is written now, while its transcript is loaded; the
   // lists of the library wait for the commit.
   ChatRecord record = keptChat(log, counts, std::move(key), std::move(transcript), ChatPage::Write);
   libraryPagesDue_ = libraryPagesDue_ || record.page;
+  if (historyFailed_)
+    return;
   if (!history_)
     history_ = ChatHistory::Additions::begin();
   historyFailed_ = !history_ || !history_->add(std::move(record));
@@ -103,18 +104,17 @@ ArchiveBatch::Added ArchiveBatch::add(const ICLPChatLog &log, bool links, bool i
 }
 
 bool ArchiveBatch::commit() {
-  // The history first: a batch it could not take changes no archive, and
-  // is done again from the journal (its rows are kept once however often).
-  if (historyFailed_)
-    return false;
+  // The history first. A batch it cannot take now is noted for a later run
+  // (once it has failed, the rest of the run's chats are too, without
+  // waiting for it again); only a batch that cannot even be noted changes
+  // no archive, and is done again from the journal.
   if (history_) {
-    const bool kept = history_->commit().has_value();
+    historyFailed_ = !history_->commit().has_value() || historyFailed_;
     history_.reset();
-    if (!kept) {
-      historyFailed_ = true;
-      return false;
-    }
   }
+  if (historyFailed_ && !PendingHistory::keep(historyChats_))
+    return false;
+  historyChats_.clear();
   // The stored pictures reach the disk before the archives that name them.
   if (imagePagesDue_)
     syncFileSystemOf(ICLPLogGenerator::parlovaFolder());

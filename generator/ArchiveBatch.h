@@ -15,6 +15,7 @@
 
 #include "foundation/PropertyListValue.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/PendingHistory.h"
 #include "history/ChatHistory.h"
 
 namespace parlova {
@@ -48,10 +49,11 @@ public:
             std::filesystem::path transcript);
 
   // Keeps the history and writes every archive changed since the last
-  // commit, then the pages of every stage that ran. False when the history
-  // or an archive could not be written (that is logged); the pages are
-  // then left alone, and a history that failed fails every later commit:
-  // the batch is to be done again.
+  // commit, then the pages of every stage that ran. Chats the history
+  // cannot take now are noted for a later run (PendingHistory), and so are
+  // those of every later batch. False when an archive, or the note, could
+  // not be written (that is logged); the pages are then left alone, and the
+  // batch is to be done again.
   bool commit();
 
 private:
@@ -65,6 +67,8 @@ private:
   // The history's rows of the batch, in a transaction until commit().
   std::optional<ChatHistory::Additions> history_;
   bool historyFailed_ = false;
+  std::vector<PendingHistory::Chat> historyChats_; // noted for later should the history fail
+
   bool linksSorted_ = false;
   bool imagesSorted_ = false;
   bool linksChanged_ = false;

@@ -8,6 +8,7 @@
 
 #include "context/Settings.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/LibraryPageNames.h"
 #include "generator/PageText.h"
 #include "history/ChatHistory.h"
 #include "model/ICLPChatLog.h"
@@ -53,7 +54,19 @@ std::string hrefOf(std::string_view path) {
   return href;
 }
 
-std::string personFolder(const std::string &account) { return safeFileStem(account, "", kLibraryOwnNames); }
+// Accounts that only a cleaned name would bring together ("a/b" and "a_b")
+// keep folders of their own.
+std::string personFolder(const std::string &account) { return distinctFileStem(account, "", kLibraryOwnNames); }
+
+// The pages given so far, read from the history when first needed.
+LibraryPageNames &givenPages() {
+  static LibraryPageNames names = [] {
+    auto history = ChatHistory::openExisting();
+    const auto given = history ? history->pageKeys() : std::nullopt;
+    return LibraryPageNames(given.value_or(std::vector<std::pair<std::string, std::string>>{}));
+  }();
+  return names;
+}
 
 std::string filled(std::string page, const std::string &title, const std::string &heading, const std::string &nav,
                    const std::string &contents) {
@@ -105,7 +118,8 @@ fs::path ChatLibrary::folder() { return ICLPLogGenerator::parlovaFolder() / "Cha
 
 std::string ChatLibrary::pagePath(const ChatRecord &record) {
   const std::string when = record.firstTime ? localTime(record.firstTime, "%Y-%m-%d at %H.%M.%S") : record.key;
-  return personFolder(record.account) + "/" + safeFileStem(when, ".html", kLibraryOwnNames) + ".html";
+  const std::string page = personFolder(record.account) + "/" + safeFileStem(when, ".html", kLibraryOwnNames) + ".html";
+  return givenPages().claim(page, record.key);
 }
 
 bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record) {
@@ -117,7 +131,7 @@ bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record
   const std::string when = localTime(record.firstTime, "%Y-%m-%d %H:%M");
   const std::string nav = "<a href=\"../index.html\">All people</a> &middot; <a href=\"index.html\">All chats with " +
                           name + "</a>" + (when.empty() ? "" : " &middot; " + when);
-  const fs::path page = folder() / pagePath(record);
+  const fs::path page = folder() / (record.page ? *record.page : pagePath(record));
   std::error_code error;
   fs::create_directories(page.parent_path(), error);
   return writePage(page, filled(*pageTemplate, name + (when.empty() ? "" : ", " + when), "Chat with " + name, nav,

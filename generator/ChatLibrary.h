@@ -20,8 +20,10 @@ public:
   // ~/Library/Parlova/Chats.
   static std::filesystem::path folder();
   // Where the chat's page goes, relative to folder(): the person's folder
-  // (named as the picture archive names files) and the chat's start,
-  // "alice1979/2005-12-30 at 10.00.12.html".
+  // (named as the picture archive names files, with a tag where the name
+  // had to change) and the chat's start, "alice1979/2005-12-30 at
+  // 10.00.12.html"; " #2" before ".html" for a second chat of that person
+  // and second. A chat keeps the page it was given.
   static std::string pagePath(const ChatRecord &record);
 
   // Writes the chat's page: the HTML the mail carries, its attached files

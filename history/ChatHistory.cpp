@@ -82,8 +82,14 @@ std::optional<ChatHistory> ChatHistory::opened(bool create) {
     } else {
       failed = opened.execute("SELECT count(*) FROM chats");
     }
-    if (!failed)
+    if (!failed) {
+      // Readers (a search, any SQLite tool) then never hold a run's writes
+      // off, nor its writes them. Kept in the file; where another
+      // connection keeps it from changing, the next run tries again.
+      if (create && !newer)
+        opened.execute("PRAGMA journal_mode = WAL");
       return ChatHistory(std::move(opened), newer);
+    }
     if (failed->damaged && attempt == 0) {
       if (setAside())
         continue;
@@ -438,16 +444,20 @@ std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records)
   return std::nullopt;
 }
 
-std::optional<std::vector<LibraryChat>> ChatHistory::library() {
-  auto prepared = database_.prepare("SELECT account, display_name, first_time, last_time, messages, "
-                                    "user_words + other_words AS words, first_line, page FROM chats "
-                                    "WHERE page IS NOT NULL ORDER BY account, first_time");
+namespace {
+
+// Every row `sql` gives, each made by `read`; nothing when they cannot be
+// read (logged).
+template <class Read>
+auto readRows(SqliteDatabase &database, std::string_view sql, Read read)
+    -> std::optional<std::vector<decltype(read(std::declval<SqliteStatement &>()))>> {
+  auto prepared = database.prepare(sql);
   if (auto *error = std::get_if<SqliteError>(&prepared)) {
     logFailure("read", *error);
     return std::nullopt;
   }
   auto &statement = std::get<SqliteStatement>(prepared);
-  std::vector<LibraryChat> chats;
+  std::vector<decltype(read(statement))> rows;
   while (true) {
     const auto step = statement.step();
     if (auto *error = std::get_if<SqliteError>(&step)) {
@@ -455,17 +465,35 @@ std::optional<std::vector<LibraryChat>> ChatHistory::library() {
       return std::nullopt;
     }
     if (!std::get<bool>(step))
-      return chats;
-    const auto named = [&](std::string_view name) { return statement.column(name); };
-    LibraryChat chat{statement.text(named("account")), statement.text(named("display_name")), std::nullopt,
-                     std::nullopt, statement.integer(named("messages")), statement.integer(named("words")),
-                     statement.text(named("first_line")), statement.text(named("page"))};
-    if (!statement.isNull(named("first_time")))
-      chat.firstTime = statement.real(named("first_time"));
-    if (!statement.isNull(named("last_time")))
-      chat.lastTime = statement.real(named("last_time"));
-    chats.push_back(std::move(chat));
+      return rows;
+    rows.push_back(read(statement));
   }
+}
+
+} // namespace
+
+std::optional<std::vector<LibraryChat>> ChatHistory::library() {
+  return readRows(database_,
+                  "SELECT account, display_name, first_time, last_time, messages, user_words + other_words AS words, "
+                  "first_line, page FROM chats WHERE page IS NOT NULL ORDER BY account, first_time",
+                  [](SqliteStatement &statement) {
+                    const auto named = [&](std::string_view name) { return statement.column(name); };
+                    LibraryChat chat{statement.text(named("account")), statement.text(named("display_name")),
+                                     std::nullopt, std::nullopt, statement.integer(named("messages")),
+                                     statement.integer(named("words")), statement.text(named("first_line")),
+                                     statement.text(named("page"))};
+                    if (!statement.isNull(named("first_time")))
+                      chat.firstTime = statement.real(named("first_time"));
+                    if (!statement.isNull(named("last_time")))
+                      chat.lastTime = statement.real(named("last_time"));
+                    return chat;
+                  });
+}
+
+std::optional<std::vector<std::pair<std::string, std::string>>> ChatHistory::pageKeys() {
+  return readRows(database_, "SELECT page, key FROM chats WHERE page IS NOT NULL", [](SqliteStatement &statement) {
+    return std::pair(statement.text(0), statement.text(1));
+  });
 }
 
 std::optional<HistorySummary> ChatHistory::summary() {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <variant>
+#include <utility>
 #include <vector>
 
 #include "history/ChatRecord.h"
@@ -111,6 +112,9 @@ public:
   std::optional<HistorySummary> summary();
   // The chats that have a page in the library, by person and time.
   std::optional<std::vector<LibraryChat>> library();
+  // Each library page with the key of its chat; nothing when it cannot be
+  // read (logged).
+  std::optional<std::vector<std::pair<std::string, std::string>>> pageKeys();
 
 private:
   ChatHistory(SqliteDatabase database, bool newer) : database_(std::move(database)), newer_(newer) {}

@@ -275,6 +275,17 @@ bool appendToFile(const fs::path &path, std::span<const uint8_t> bytes) {
   return n == static_cast<ssize_t>(bytes.size());
 }
 
+bool syncFileData(const fs::path &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return false;
+  const bool synced = fdatasync(fd) == 0;
+  const int reason = errno;
+  close(fd);
+  errno = reason;
+  return synced;
+}
+
 bool moveItem(const fs::path &from, const fs::path &to, Durability durability) {
   const auto syncFolderOfItem = [durability](const fs::path &path) {
     if (durability == Durability::Now)

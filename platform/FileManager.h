@@ -79,6 +79,9 @@ void syncFolderOf(const std::filesystem::path &path);
 // Appends `bytes` in one write, making the file when it is missing. False
 // when not all of them were written; errno tells why.
 bool appendToFile(const std::filesystem::path &path, std::span<const uint8_t> bytes);
+// Puts what was written to the file on the disk. False when it could not;
+// errno tells why.
+bool syncFileData(const std::filesystem::path &path);
 
 // Writes a carried file, or the folder with everything in it, to `path`
 // through a temporary beside it, replacing what is there. The contents'

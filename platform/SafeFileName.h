@@ -18,4 +18,10 @@ namespace parlova {
 std::string safeFileStem(std::string_view name, std::string_view suffix,
                          std::span<const std::string_view> reserved = {});
 
+// The same, for names that must never share a file: every name it had to
+// change ends in the tag, and so does a name that merely looks as if it
+// had one, so "a/b" and "a_b" get two stems.
+std::string distinctFileStem(std::string_view name, std::string_view suffix,
+                             std::span<const std::string_view> reserved = {});
+
 } // namespace parlova

@@ -14,6 +14,7 @@
 #include "context/MailSettings.h"
 #include "foundation/FoundationValues.h"
 #include "foundation/PropertyList.h"
+#include "platform/Home.h"
 #include "platform/Preferences.h"
 
 using namespace parlova;
@@ -158,6 +159,14 @@ int main(int argc, char **argv) {
     const PlistPtr all = preferences.copyAllValues();
     std::cout << describe(all.get(), "", true) << "\n";
     return 0;
+  }
+
+  // Settings written by another user (root, through sudo) would be theirs,
+  // and the user's own runs could not read them.
+  if (const auto foreign = verb == "write" || verb == "delete" ? homeOfAnotherUser() : std::nullopt) {
+    std::cerr << "parlova-defaults: " << foreign->why << "; nothing is written (run parlova-defaults as "
+              << foreign->owner << ")\n";
+    return 1;
   }
 
   if (verb == "write") {

@@ -34,6 +34,8 @@ CHATS = Path("Documents/iChats")
 ARCHIVED = Path("Documents/iChats (Parlovaed)")
 ARCHIVES = ("gatheredURLs.plist", "gatheredImages.plist", "chatgeist.plist")
 MOST_RUNS = 400  # a trial that needs more has stopped making progress
+MAILDIR = (("sendEmails", "-bool", "YES"), ("emailDelivery", "maildir"), ("emailAddress", "me@example.org"),
+           ("emailOutgoing", "parlova@example.org"))
 
 
 class Tool:
@@ -113,7 +115,7 @@ def snapshot(home: Path) -> dict:
             for name in folders:
                 state[str(relative / name) + "/"] = b""
             for name in files:
-                if name in (".parlova.lock", "history.sqlite"):
+                if name in (".parlova.lock", "history.sqlite", "history.sqlite-wal", "history.sqlite-shm"):
                     continue
                 state[str(relative / name)] = (Path(folder) / name).read_bytes()
     return state
@@ -147,11 +149,12 @@ def uninterrupted(tool: Tool, template: Path, root: Path, name: str = "reference
     return snapshot(home), longest
 
 
-def catch_up_time(tool: Tool, template: Path, root: Path) -> float:
-    home = root / "catch-up-timing"
+def run_time(tool: Tool, template: Path, root: Path, *args: str) -> float:
+    """How long a run with `args` takes on a copy of `template`."""
+    home = root / "timing"
     shutil.copytree(template, home, symlinks=True)
     began = time.monotonic()
-    tool.run(home, "--catch-up", *CATCH_UP)
+    tool.run(home, *args)
     spent = time.monotonic() - began
     shutil.rmtree(home)
     return spent
@@ -254,16 +257,30 @@ def paired_run(tool: Tool):
     return step
 
 
+def maildir_problems(home: Path, transcripts: int) -> list:
+    """Every message in cur/ or new/ whole, exactly one per transcript."""
+    import email
+    import email.policy
+    stored = [p for part in ("cur", "new") if (home / "Maildir/.Chats" / part).exists()
+              for p in (home / "Maildir/.Chats" / part).iterdir()]
+    problems = []
+    for path in stored:
+        message = email.message_from_bytes(path.read_bytes(), policy=email.policy.default)
+        parts = [part for part in message.walk() if part.get_content_maintype() == "text"]
+        if len(parts) != 2 or "</html>" not in parts[1].get_content():
+            problems.append(f"a message not whole: {path.name}")
+    if len(stored) != transcripts or len({path.name.split(":")[0] for path in stored}) != len(stored):
+        problems.append(f"{len(stored)} messages for {transcripts} transcripts")
+    return problems
+
+
 def maildir_kills(tool: Tool, template: Path, root: Path, kills: int, longest: float, rng: random.Random) -> list:
     """Runs storing mail into a Maildir, killed at random instants: every
     message in cur/ or new/ is whole, and each transcript has exactly one.
     The problems found."""
-    import email
-    import email.policy
     home = root / "maildir-kills"
     shutil.copytree(template, home, symlinks=True)
-    for setting in (("sendEmails", "-bool", "YES"), ("emailDelivery", "maildir"), ("emailAddress", "me@example.org"),
-                    ("emailOutgoing", "parlova@example.org")):
+    for setting in MAILDIR:
         tool.defaults(home, *setting)
     tally, step = Tally("maildir"), killed(tool, longest, rng)
     for _ in range(MOST_RUNS):
@@ -274,16 +291,8 @@ def maildir_kills(tool: Tool, template: Path, root: Path, kills: int, longest: f
         else:
             tool.run(home)
     problems = [] if not transcripts_left(home) else ["transcripts still waiting"]
-    stored = [p for part in ("cur", "new") for p in (home / "Maildir/.Chats" / part).iterdir()]
-    for path in stored:
-        message = email.message_from_bytes(path.read_bytes(), policy=email.policy.default)
-        parts = [part for part in message.walk() if part.get_content_maintype() == "text"]
-        if len(parts) != 2 or "</html>" not in parts[1].get_content():
-            problems.append(f"a message not whole: {path.name}")
-    names = {path.name.split(":")[0] for path in stored}
-    if len(stored) != len(transcripts_left(template)) or len(names) != len(stored):
-        problems.append(f"{len(stored)} messages for {len(transcripts_left(template))} transcripts")
-    print(f"maildir: {tally.kills} kills, {len(stored)} messages, {len(problems)} problems")
+    problems += maildir_problems(home, len(transcripts_left(template)))
+    print(f"maildir: {tally.kills} kills, {len(problems)} problems")
     for problem in problems:
         print("maildir: " + problem, file=sys.stderr)
     return problems
@@ -457,7 +466,7 @@ def main() -> int:
 
         backlog = prepare_template(tool, root, backlog=40)
         backlog_reference, _ = uninterrupted(tool, backlog, root, "backlog-reference")
-        catch_up_longest = catch_up_time(tool, backlog, root)
+        catch_up_longest = run_time(tool, backlog, root, "--catch-up", *CATCH_UP)
         print(f"catch-up: {len(transcripts_left(backlog))} transcripts, {catch_up_longest * 1000:.0f} ms")
         caught = Tally("killed catch-up")
         while caught.kills < args.catch_up_kills:

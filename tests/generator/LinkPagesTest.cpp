@@ -205,6 +205,14 @@ TEST(SafeFileNames, OrdinaryNamesAreKeptAndOthersMadeSafe) {
   EXPECT_EQ(stem[stem.size() - 9], '~');
   EXPECT_EQ((static_cast<unsigned char>(stem[stem.size() - 10]) & 0xC0), 0x80u) << "cut between characters";
   EXPECT_NE(safeFileStem(longName + "x", "-images.html"), stem) << "long names stay apart";
+
+  // Names that must never share a file: one changed, or looking so, is tagged.
+  const std::string_view index[] = {"index.html"};
+  for (const std::string name : {"a/b", "a_b~0123abcd", "index.html"})
+    EXPECT_NE(distinctFileStem(name, "", index), safeFileStem(name, "", index)) << name;
+  for (const std::string name : {"a_b", "a_b~0123abcg", "alice1979"})
+    EXPECT_EQ(distinctFileStem(name, "", index), name) << name;
+  EXPECT_NE(distinctFileStem("a/b", ""), distinctFileStem("a\nb", ""));
 }
 
 } // namespace

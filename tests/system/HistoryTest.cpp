@@ -3,6 +3,7 @@
 // transcript comes by; rebuilt from the processed folder; set aside when
 // damaged; and the charts it draws on the statistics page, read back by
 // Python's XML parser and shown in headless Chromium.
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include "samples/Backlog.h"
@@ -156,6 +157,34 @@ TEST_F(History, EachRowHoldsWhatTheTotalsGrewByAndIsKeptOnce) {
   EXPECT_TRUE(filesBelow(home_.chats()).empty());
 }
 
+// Another program with the history open: a reader in the middle of a
+// read holds no run back; a writer holding it makes the runs (a single run
+// and a catch-up alike) note their chats, which the first run after it
+// lets go writes; nothing is lost meanwhile.
+TEST_F(History, AHistoryHeldByAnotherProgramHoldsNoRunBackAndLosesNoRow) {
+  for (const char *account : {"alice", "bob", "carol", "dave"})
+    home_.addTranscript(std::string(account) + " on 2007-05-04 at 19.33.ichat", simpleChat(account));
+  const auto held = home_.run(
+      "/usr/bin/python3",
+      {"-c",
+       "import os, sqlite3, subprocess, sys\n"
+       "db, run = os.environ['HOME'] + '/Library/Parlova/history.sqlite', lambda *options: subprocess.run(\n"
+       "    [sys.argv[1] + '/parlova', *options], capture_output=True, text=True).stderr\n"
+       "state = lambda: (sqlite3.connect(db).execute('SELECT count(*) FROM chats').fetchone()[0],\n"
+       "                 os.path.exists(db.replace('history.sqlite', '.history-pending.plist')))\n"
+       "run(); other = sqlite3.connect(db, isolation_level=None)\n"
+       "other.execute('BEGIN'); other.execute('SELECT count(*) FROM chats').fetchone()\n"
+       "said = run().count('cannot take'); print('beside a reader', *state(), said)\n"
+       "other.execute('COMMIT'); other.execute('BEGIN IMMEDIATE')\n"
+       "print('held', run().count('The chat history cannot take '), run('--catch-up', '--quiet').count(\n"
+       "    'The chat history cannot take '))\n"
+       "other.execute('ROLLBACK')\n"
+       "print('after', run().count('now holds the 2 chats it could not take before'), *state())\n",
+       PARLOVA_BINARY_DIR});
+  EXPECT_EQ(held.out, "beside a reader 2 False 0\nheld 1 1\nafter 1 4 False\n") << held.err;
+  EXPECT_TRUE(filesBelow(home_.chats()).empty());
+}
+
 // One bar per month of the span, one row per person (at most 15), one cell
 // per weekday and hour, each sized by its number; Python's XML parser
 // reads every chart, and the page shows in a browser without a console
@@ -258,14 +287,32 @@ TEST_F(History, TheChatLibraryShowsEveryChatAndEveryLinkLeadsSomewhere) {
   keyed.messages = {says(alice, 157629600, "<b>not bold</b> & cake <img src=x onerror=\"console.log('ran')\">"),
                     withPicture(alice, 157629720, "cake #1?.png", pictureBytes(ImageFormat::PNG, 8, 8))};
   home_.addTranscript("Alice on 2005-12-30 at 10.00.ichat", keyed);
+  // Names that only cleaning would bring together, and a second chat of
+  // one person begun in the same second, by a later run: pages of their own.
   home_.addTranscript("Carol on 2006-01-01 at 10.00.ichat", simpleChat("carol/ette"));
+  home_.addTranscript("Carol on 2006-01-02 at 10.00.ichat", simpleChat("carol_ette"));
   ASSERT_EQ(home_.run("parlova", {"--catch-up", "--quiet"}, {{"TZ", "UTC"}}).exitCode, 0);
+  TranscriptSpec again;
+  again.others = {alice};
+  again.messages = {says(alice, 157629600, "the same second, another chat")};
+  home_.addTranscript("Alice on 2005-12-30 at 10.00 (2).ichat", again);
+  ASSERT_EQ(home_.run("parlova", {}, {{"TZ", "UTC"}}).exitCode, 0);
 
   const fs::path chats = folder() / "Chats";
   const fs::path alicePage = chats / "alice1979" / "2005-12-30 at 10.00.00.html";
-  EXPECT_EQ(filesBelow(chats), (std::vector<std::string>{"alice1979/2005-12-30 at 10.00.00.html",
-                                                         "alice1979/index.html", "carol_ette/2007-05-04 at 19.33.20.html",
-                                                         "carol_ette/index.html", "index.html"}));
+  const auto files = filesBelow(chats);
+  const auto taggedPage = std::find_if(files.begin(), files.end(),
+                                       [](const std::string &file) { return file.starts_with("carol_ette~"); });
+  ASSERT_NE(taggedPage, files.end());
+  const std::string tagged = taggedPage->substr(0, taggedPage->find('/'));
+  EXPECT_EQ(tagged.find_first_not_of("0123456789abcdef", 11), std::string::npos) << tagged;
+  EXPECT_EQ(tagged.size(), 19u) << tagged;
+  EXPECT_EQ(files,
+            (std::vector<std::string>{"alice1979/2005-12-30 at 10.00.00 #2.html", "alice1979/2005-12-30 at 10.00.00.html",
+                                      "alice1979/index.html", "carol_ette/2007-05-04 at 19.33.20.html",
+                                      "carol_ette/index.html", tagged + "/2007-05-04 at 19.33.20.html",
+                                      tagged + "/index.html", "index.html"}));
+  EXPECT_NE(readText(chats / "alice1979" / "2005-12-30 at 10.00.00 #2.html").find("another chat"), std::string::npos);
   const std::string page = readText(alicePage);
   EXPECT_NE(page.find("&lt;b&gt;not bold&lt;/b&gt; &amp; cake"), std::string::npos) << page;
   EXPECT_NE(page.find("<a href=\"../../Images/cake%20%231%3F-alice1979-2005-12-30%2010%3A02%3A00%20%2B0000.png\">"

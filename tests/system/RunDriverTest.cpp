@@ -7,6 +7,7 @@
 #include <functional>
 #include <regex>
 #include <sstream>
+#include <tuple>
 #include <spawn.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -184,10 +185,16 @@ TEST(RunDriver, AHomeThatDoesNotExistOrIsAnotherUsersIsRefused) {
     GTEST_SKIP() << "needs root to give the home to another user";
   ASSERT_EQ(chown(home.path().c_str(), 65534, 65534), 0);
   home.addTranscript("Alice on 2005-03-01.ichat", simpleChat());
-  result = home.run("parlova", {"--catch-up"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_EQ(result.err, "parlova: the home folder " + home.path().string() +
-                            " belongs to nobody, not to root, who runs this; nothing is done (run parlova as nobody)\n");
+  const std::string foreign = "the home folder " + home.path().string() + " belongs to nobody, not to root, who runs this";
+  const std::string defaults = "parlova-defaults: " + foreign + "; nothing is written (run parlova-defaults as nobody)\n";
+  for (const auto &[tool, arguments, said] : std::vector<std::tuple<std::string, std::vector<std::string>, std::string>>{
+           {"parlova", {"--catch-up"}, "parlova: " + foreign + "; nothing is done (run parlova as nobody)\n"},
+           {"parlova-defaults", {"write", "com.hollowmere.parlova", "sendEmails", "-bool", "YES"}, defaults},
+           {"parlova-defaults", {"delete", "com.hollowmere.parlova"}, defaults}}) {
+    result = home.run(tool, arguments);
+    EXPECT_EQ(result.exitCode, 1) << tool;
+    EXPECT_EQ(result.err, said);
+  }
   EXPECT_FALSE(fs::exists(home.path() / "Library"));
 }
 
