@@ -76,7 +76,7 @@ bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, Fai
   return moved;
 }
 
-std::optional<std::string> WhyArchivingCannotFinish(const fs::path &transcript) {
+std::optional<std::string> WhyArchivingCannotFinish(const fs::path &target) {
   const fs::path folder = ArchiveFolder();
   std::error_code error;
   fs::create_directories(folder, error);
@@ -87,7 +87,7 @@ std::optional<std::string> WhyArchivingCannotFinish(const fs::path &transcript) 
     return fileExistsAtPath(folder) ? "it is not a folder" : "it cannot be made: " + error.message();
   if (access(folder.c_str(), W_OK | X_OK) != 0)
     return std::strerror(errno);
-  const std::string name = ArchiveTargetFor(transcript).filename().string();
+  const std::string name = target.filename().string();
   const long longest = pathconf(folder.c_str(), _PC_NAME_MAX);
   if (longest > 0 && name.size() > static_cast<size_t>(longest))
     return "the name it would get there (" + std::to_string(name.size()) + " bytes) is longer than the file system "

@@ -38,9 +38,10 @@ bool MakeMoveToArchiveFolder(const std::filesystem::path &transcript, const std:
 
 // Why a transcript could not be carried to its end: the archive folder
 // cannot be made, is no writable folder (a file, a link to nothing, a
-// read-only file system), or the name it would get there is too long.
-// Checked before anything is sent or archived; nothing when all is well.
-std::optional<std::string> WhyArchivingCannotFinish(const std::filesystem::path &transcript);
+// read-only file system), or `target`, the name a transcript would get
+// there, is too long. Checked before anything is sent or archived; nothing
+// when all is well.
+std::optional<std::string> WhyArchivingCannotFinish(const std::filesystem::path &target);
 // Says so in the log and in reportThis.
 void ReportArchivingCannotFinish(const std::string &why);
 

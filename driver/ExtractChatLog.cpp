@@ -50,7 +50,9 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
     extraction.why = std::move(*why);
     return extraction;
   }
-  if (const auto why = WhyArchivingCannotFinish(path)) {
+  // Its name there counts the moves a catch-up has decided but not made.
+  const fs::path target = archives.targetFor(path);
+  if (const auto why = WhyArchivingCannotFinish(target)) {
     ReportArchivingCannotFinish(*why);
     extraction.outcome = Outcome::CannotFinish;
     extraction.why = "cannot move transcripts: " + *why;
@@ -93,7 +95,6 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
 
   if (ChatHistory::wanted())
     stages.historyKey = TranscriptJournal::identityOf(contents).key();
-  const fs::path target = archives.targetFor(path);
   auto added = archives.archive(*log, path, target, stages);
   if (auto *why = std::get_if<std::string>(&added)) {
     extraction.outcome = Outcome::NotArchived;

@@ -91,7 +91,7 @@ void PendingHistory::writeDue() {
   if (left.empty())
     return;
   const ICLPLogGenerator::WordLists lists = ICLPLogGenerator::ReadWordLists();
-  size_t written = 0, unreadable = 0;
+  size_t written = 0;
   while (!left.empty()) {
     const size_t count = std::min(left.size(), kChatsPerWrite);
     std::vector<ChatRecord> records;
@@ -103,7 +103,6 @@ void PendingHistory::writeDue() {
         // Moved or deleted since: --rebuild-history finds it where it is.
         logFormat("The chat history could not be given %@: it cannot be read there any more.",
                   chat.transcript.string());
-        ++unreadable;
         continue;
       }
       records.push_back(keptChat(*log, ICLPLogGenerator::CountChat(*log, lists), chat.key, chat.transcript,
