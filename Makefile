@@ -13,8 +13,9 @@ all: $(BUILD)/Makefile
 $(BUILD)/Makefile:
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
 
+# What each use needs, and only that (see tools/install-deps).
 deps:
-	tools/install-deps
+	tools/install-deps test
 
 # Every test; then each fuzz target briefly, over its saved failures first;
 # then the tests again with every undefined behaviour an error.
@@ -43,7 +44,7 @@ check-ubsan: deps
 COVERAGE_FLAGS = -DCMAKE_BUILD_TYPE=Debug -DPARLOVA_TESTS=ON -DCMAKE_CXX_FLAGS=--coverage \
   -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_MODULE_LINKER_FLAGS=--coverage
 coverage: deps
-	tools/install-deps gcovr
+	tools/install-deps test gcovr
 	cmake -S . -B $(BUILD)-coverage $(COVERAGE_FLAGS) $(CMAKE_FLAGS)
 	cmake --build $(BUILD)-coverage -j$(JOBS) --target parlova_tests
 	find $(BUILD)-coverage -name '*.gcda' -delete
@@ -52,10 +53,13 @@ coverage: deps
 	  --filter '(foundation|archiving|platform|context|mail|history|model|generator|driver|tools)/' \
 	  --exclude 'tools/parlova-samples' --txt $(BUILD)-coverage/coverage.txt --print-summary
 
-demo: deps all
+demo:
+	tools/install-deps demo
+	$(MAKE) all
 	tools/demo.sh $(BUILD)
 
-bench: deps
+bench:
+	tools/install-deps bench
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
 	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults parlova-search
 	$(BUILD)-bench/bench/parlova_bench $(FIGURES)
@@ -66,7 +70,8 @@ FUZZ_SECONDS ?= 600
 fuzz: fuzz-build
 	tests/fuzz/run-fuzzers $(BUILD)-fuzz $(BUILD) $(FUZZ_SECONDS)
 
-fuzz-build: deps
+fuzz-build:
+	tools/install-deps fuzz
 	cmake -S tests/fuzz/targets -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++
 	cmake --build $(BUILD)-fuzz -j$(JOBS)
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
@@ -109,7 +114,8 @@ install: all
 
 # The Debian package (build/parlova_*.deb), and its check: lintian, installed
 # into this machine (as root), used in a scratch home, removed again.
-deb: deps
+deb:
+	tools/install-deps package
 	tools/make-deb $(BUILD)
 
 deb-check: deb

@@ -17,6 +17,27 @@ std::string deliveryNamesText(std::string_view last) {
   return text;
 }
 
+std::span<const NeededSetting> settingsNeededBy(DeliveryKind kind) {
+  static constexpr NeededSetting kSmtp[] = {{"emailServer", "the mail server's name"},
+                                            {"emailAddress", "the address the mail goes to"},
+                                            {"emailOutgoing", "the address the mail comes from"}};
+  static constexpr NeededSetting kImap[] = {{"emailServer", "the mail server's name"},
+                                            {"emailUsername", "the IMAP login"},
+                                            {"emailAddress", "the address the mail goes to"},
+                                            {"emailOutgoing", "the address the mail comes from"}};
+  static constexpr NeededSetting kMaildir[] = {{"emailAddress", "the address the mail goes to"},
+                                               {"emailOutgoing", "the address the mail comes from"}};
+  switch (kind) {
+  case DeliveryKind::Smtp:
+    return kSmtp;
+  case DeliveryKind::Imap:
+    return kImap;
+  case DeliveryKind::Maildir:
+    return kMaildir;
+  }
+  return {};
+}
+
 std::optional<std::string> choiceSetting(Preferences &settings, std::string_view key, std::string_view absent) {
   const auto stored = settings.copyAppValue(key);
   if (!stored)
@@ -78,6 +99,12 @@ MailSettings MailSettings::read(Preferences &settings) {
   mail.caFile_ = settings.stringValue("emailCAFile").value_or("");
   mail.verify_ = !settings.boolValue("emailAllowUnverifiedCertificate");
   return mail;
+}
+
+std::optional<std::string> MailSettings::imapFolderProblem() const {
+  if (folder.empty() || folder.find_first_of("\"\\\r\n") != std::string::npos)
+    return "emailFolder for IMAP must be a folder name without quotes or backslashes";
+  return std::nullopt;
 }
 
 std::variant<MailServerSetting, std::string> MailSettings::serverFor(const std::string &host, unsigned plainPort,

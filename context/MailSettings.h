@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -35,6 +36,16 @@ inline constexpr std::array kDeliveryNames{
 // last one: "smtp, imap or maildir".
 std::string deliveryNamesText(std::string_view last);
 
+// A text setting a delivery cannot do without, and what it is.
+struct NeededSetting {
+  std::string_view key;
+  std::string_view what;
+};
+// Those of `kind`: what a run checks before it begins, and what --setup
+// names. (An IMAP login's password comes from emailPasswordCommand or
+// emailPassword, and is checked by asking for it.)
+std::span<const NeededSetting> settingsNeededBy(DeliveryKind kind);
+
 // A setting that names one of a few choices: its string in lower case,
 // `absent` when it is not set, and nothing for a value of another type (a
 // boolean from "-bool YES", a number), which no choice may be guessed from.
@@ -55,6 +66,10 @@ public:
   std::string folder;                // emailFolder, "Chats" when not set
   std::filesystem::path maildir;     // emailMaildir, "~" taken as the home folder
   bool dateFromChat = false;         // emailDateFromChat
+
+  // Why `folder` cannot name an IMAP folder (the framework puts it between
+  // quotes as it is); nothing when it can.
+  std::optional<std::string> imapFolderProblem() const;
 
   // Where and how `host` is reached: emailPort when set, else `tlsPort` for
   // implicit TLS and `plainPort` otherwise. Or why the settings allow no

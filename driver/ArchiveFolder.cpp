@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "context/Settings.h"
+#include "driver/DayFolders.h"
 #include "foundation/PropertyList.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
@@ -51,15 +52,17 @@ void resetFailureCount(FailureCountReset reset) {
 } // namespace
 
 void AnnounceMoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
-  logFormat("preparing to move %@ to %@", transcript.string(), target.string());
+  logRoutine("preparing to move %@ to %@", transcript.string(), target.string());
   resetFailureCount(reset);
 }
 
 bool MakeMoveToArchiveFolder(const fs::path &transcript, const fs::path &target, Durability durability) {
   std::error_code error;
   fs::create_directories(target.parent_path(), error);
-  if (moveItem(transcript, target, durability))
+  if (moveItem(transcript, target, durability)) {
+    removeEmptyDayFolder(transcript.parent_path());
     return true;
+  }
   const std::string reason = std::strerror(errno);
   logLine("FAILED");
   logFormat("Could not move %@ to %@: %@; later runs try the move again, and only the move.", transcript.string(),
@@ -70,7 +73,7 @@ bool MakeMoveToArchiveFolder(const fs::path &transcript, const fs::path &target,
 // The end of every processed transcript: the move, and a clean slate for
 // the email failure count.
 bool MoveToArchiveFolder(const fs::path &transcript, const fs::path &target, FailureCountReset reset) {
-  logFormat("preparing to move %@ to %@", transcript.string(), target.string());
+  logRoutine("preparing to move %@ to %@", transcript.string(), target.string());
   const bool moved = MakeMoveToArchiveFolder(transcript, target, Durability::Now);
   resetFailureCount(reset);
   return moved;

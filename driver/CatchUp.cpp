@@ -1,6 +1,8 @@
 #include "driver/CatchUp.h"
 
 #include <csignal>
+#include <cstdio>
+#include <unistd.h>
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -12,8 +14,10 @@
 #include "context/Settings.h"
 #include "driver/ArchivesInBatches.h"
 #include "driver/CatchUpProgress.h"
+#include "driver/DayFolders.h"
 #include "driver/EntryJudgement.h"
 #include "driver/ExtractChatLog.h"
+#include "driver/RunPlan.h"
 #include "driver/RunStart.h"
 #include "driver/Setup.h"
 #include "generator/ICLPLogGenerator.h"
@@ -55,16 +59,34 @@ struct Tally {
   }
 };
 
+// On a terminal, the plan and a question before anything moves: a first
+// catch-up with mail off would archive a decade without mailing any of it.
+bool agreed(const RunPlan &plan, size_t transcripts) {
+  std::fprintf(stderr, "%s\nCarry %s transcripts through with mail %s? [y/N] ", plan.text().c_str(),
+               thousands(transcripts).c_str(), plan.mailOn() ? "on" : "off");
+  std::fflush(stderr);
+  char answer[64] = {};
+  if (!std::fgets(answer, sizeof answer, stdin))
+    return false;
+  return answer[0] == 'y' || answer[0] == 'Y';
+}
+
 } // namespace
 
 int catchUp(const RunOptions &options) {
   const auto started = startRun();
   if (!started)
-    return 0;
-  StopSignals::install();
-  const auto start = Clock::now();
-
+    return 1;
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
+  if (std::error_code error; !fs::is_directory(chatFolder, error)) {
+    logFormat("There is no transcript folder %@ (parlova --setup makes it); there is nothing to catch up.",
+              chatFolder.string());
+    return 1;
+  }
+  const RunPlan plan = RunPlan::ofSettings(RunPlan::Password::Tried);
+  if (!plan.allowsRun())
+    return 1;
+
   shouldQuit = true;
   // The walk is taken whole first: moving transcripts out of the folder
   // while it is read could make the file system skip or repeat entries.
@@ -75,6 +97,14 @@ int catchUp(const RunOptions &options) {
     candidates += ICLPChatLog::hasTranscriptExtension(*entry) ? 1 : 0;
   }
 
+  const bool onTerminal = isatty(STDERR_FILENO);
+  if (onTerminal && isatty(STDIN_FILENO) && !options.yes && !agreed(plan, candidates)) {
+    logLine("Catch-up not begun; nothing was done.");
+    return 1;
+  }
+  StopSignals::install();
+  const auto start = Clock::now();
+  showRoutineLines(options.verbose || !onTerminal);
   readDebugMode();
   noteMissingTemplates();
 
@@ -101,6 +131,8 @@ int catchUp(const RunOptions &options) {
       break;
     }
     const fs::path path = chatFolder / entry;
+    if (removeEmptyDayFolder(path))
+      continue;
     const bool candidate = ICLPChatLog::hasTranscriptExtension(path);
     if (candidate)
       progress.show(seen, entry);
@@ -185,7 +217,7 @@ int catchUp(const RunOptions &options) {
           thousands(tally.mailed) + " mailed, " +
           thousands(tally.committed.links) + " links and " + thousands(tally.committed.pictures) + " pictures added, " +
           CatchUpProgress::clockText(elapsed) + " elapsed.");
-  return 0;
+  return stopped.empty() ? 0 : 1;
 }
 
 } // namespace parlova

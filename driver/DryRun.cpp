@@ -6,7 +6,9 @@
 
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
+#include "driver/DayFolders.h"
 #include "driver/EntryJudgement.h"
+#include "driver/RunPlan.h"
 #include "driver/RunStart.h"
 #include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
@@ -26,22 +28,34 @@ void say(const std::string &line) { std::fputs((line + "\n").c_str(), stdout); }
 
 int dryRun(const RunOptions &options) {
   if (!settingsAreUsable()) {
-    say("stop: the settings file is damaged; a run would end before anything else");
-    return 0;
+    say("problem  the settings file is damaged; a run would end before anything else");
+    return 1;
   }
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
+  const RunPlan plan = RunPlan::ofSettings(RunPlan::Password::Tried);
+  std::fputs(plan.text().c_str(), stdout);
+  bool problem = !plan.problems().empty();
+  if (std::error_code error; !fs::is_directory(chatFolder, error)) {
+    say("problem  there is no transcript folder " + chatFolder.string() + " (parlova --setup makes it)");
+    problem = true;
+  }
   if (fs::exists(TranscriptJournal(ICLPLogGenerator::parlovaFolder()).journalFile()))
-    say("note: a run was interrupted; the next run first puts its archives right");
+    say("note     a run was interrupted; the next run first puts its archives right");
 
   Preferences &settings = appSettings();
   readDebugMode();
+  const bool catchUp = options.task == RunOptions::Task::CatchUp;
 
   size_t toProcess = 0;
   size_t toLeave = 0;
   DirectoryEnumerator entries(chatFolder);
   while (const auto entry = entries.nextObject()) {
-    judgeEntry(*entry);
     const fs::path path = chatFolder / *entry;
+    if (std::error_code error; isRemovableDayFolder(path) && fs::is_empty(path, error)) {
+      say("remove   " + *entry + ": an empty day folder");
+      continue;
+    }
+    judgeEntry(*entry);
     const auto log = ICLPChatLog::initWithFilePath(path);
     if (!log) {
       if (ICLPChatLog::hasTranscriptExtension(path) && !fs::is_directory(path)) {
@@ -54,7 +68,7 @@ int dryRun(const RunOptions &options) {
       say("leave    " + *entry + ": the chat is still open");
       ++toLeave;
       // A run ends at such a chat when the walk's own question found it over.
-      if (!options.catchUp && isLikelyComplete)
+      if (!catchUp && isLikelyComplete)
         break;
       continue;
     }
@@ -65,12 +79,12 @@ int dryRun(const RunOptions &options) {
     }
     say("process  " + *entry);
     ++toProcess;
-    if (!options.catchUp)
+    if (!catchUp)
       break;
   }
-  if (options.catchUp)
+  if (catchUp)
     say(std::to_string(toProcess) + " to process, " + std::to_string(toLeave) + " to leave");
-  return 0;
+  return problem ? 1 : 0;
 }
 
 } // namespace parlova

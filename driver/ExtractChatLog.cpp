@@ -8,7 +8,7 @@
 #include "driver/TranscriptJournal.h"
 #include "driver/TranscriptMailContent.h"
 #include "history/ChatHistory.h"
-#include "mail/Delivery.h"
+#include "mail/ChosenDelivery.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -26,7 +26,7 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
   stages.links = settings.boolValue("handleURLs");
   stages.images = settings.boolValue("handleImages");
 
-  logFormat("extracting %@", path);
+  logRoutine("extracting %@", path);
 
   if (log == nullptr) {
     logFormat("Error parsing %@. This file is likely not a chat log and has been skipped.", path);
@@ -67,13 +67,13 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
     return extraction;
   }
 
-  logFormat("preparing email send %@", path);
+  logRoutine("preparing email send %@", path);
 
   if (mail.sendEmails) {
     // Where the mail goes; no guess at another place.
     TranscriptMailContent content(path, *log);
     const DeliveryResult result = mail.delivery
-                                      ? Delivery::chosen(mail)->deliver(content)
+                                      ? chosenDelivery(mail)->deliver(content)
                                       : waitForSetting("emailDelivery must be " + deliveryNamesText(" or "));
     if (result.code != 0)
       reportErrorAndLog(result.code, result.reason);

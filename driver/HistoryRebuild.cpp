@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <unordered_set>
 #include <string>
 #include <vector>
 
@@ -30,9 +32,46 @@ using Clock = std::chrono::steady_clock;
 // The history is written this many chats at a time: one transaction each.
 constexpr size_t kRecordsPerWrite = 1000;
 
+// What a rebuild would add, on standard output; nothing is written.
+int sayWhatRebuildWouldAdd() {
+  std::unordered_set<std::string> known;
+  int64_t reindex = 0;
+  if (auto history = ChatHistory::openExisting()) {
+    const auto keys = history->keys();
+    if (!keys)
+      return 1;
+    known.insert(keys->begin(), keys->end());
+    reindex = history->waitingForReindex().value_or(0);
+  }
+  size_t transcripts = 0, missing = 0;
+  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();) {
+    if (!ICLPChatLog::hasTranscriptExtension(*entry))
+      continue;
+    const fs::path path = ArchiveFolder() / *entry;
+    const auto contents = readFileContents(path);
+    ++transcripts;
+    if (contents && known.contains(TranscriptJournal::identityOf(*contents).key()))
+      continue;
+    if (!contents || !ICLPChatLog::initWithFileContents(path, *contents)) {
+      std::printf("leave    %s: does not load\n", entry->c_str());
+      continue;
+    }
+    std::printf("add      %s\n", entry->c_str());
+    ++missing;
+  }
+  std::printf("%s transcripts, %s to add to %s\n", thousands(transcripts).c_str(), thousands(missing).c_str(),
+              ChatHistory::file().c_str());
+  if (reindex > 0)
+    std::printf("%s chats there already to index anew (their sent files' names)\n",
+                thousands(static_cast<uint64_t>(reindex)).c_str());
+  return 0;
+}
+
 } // namespace
 
 int rebuildHistory(const RunOptions &options) {
+  if (options.dryRun)
+    return sayWhatRebuildWouldAdd();
   // No run may move transcripts out from under the walk, nor count them.
   const auto started = startRun();
   if (!started)
@@ -57,13 +96,13 @@ int rebuildHistory(const RunOptions &options) {
   const bool library = ChatLibrary::wanted();
   CatchUpProgress progress(entries.size(), options.quiet);
   std::vector<ChatRecord> records;
-  size_t read = 0, added = 0, notLoaded = 0;
+  size_t read = 0, added = 0, notLoaded = 0, reindexed = 0;
   bool failed = false;
   std::string stopped;
   const auto write = [&] {
     if (records.empty())
       return;
-    if (const auto count = ChatHistory::store(records))
+    if (const auto count = ChatHistory::store(records, &reindexed))
       added += *count;
     else
       failed = true;
@@ -106,7 +145,9 @@ int rebuildHistory(const RunOptions &options) {
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   logLine(std::string(stopped.empty() ? "History rebuilt: " : "History rebuild stopped (" + stopped + "): ") +
           thousands(read) + " transcripts read, " + thousands(added) + " added, " +
-          thousands(read - notLoaded - added) + " there already, " + thousands(notLoaded) + " did not load, " +
+          thousands(read - notLoaded - added) + " there already" +
+          (reindexed ? " (" + thousands(reindexed) + " of them indexed anew)" : std::string()) + ", " +
+          thousands(notLoaded) + " did not load, " +
           CatchUpProgress::clockText(elapsed) + " elapsed.");
   if (!ChatHistory::wanted())
     logLine("New chats go into the history once keepHistory is on: parlova-defaults write com.hollowmere.parlova "

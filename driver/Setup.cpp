@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "context/MailSettings.h"
+#include "context/Settings.h"
 #include "generator/ICLPLogGenerator.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
@@ -76,21 +77,39 @@ int setUp() {
       failed = 1;
     }
   }
+  const std::string domain(kSettingsDomain);
+  std::string mail;
+  for (const DeliveryName &delivery : kDeliveryNames) {
+    mail += "     " + std::string(delivery.name) + ":";
+    for (const NeededSetting &needed : settingsNeededBy(delivery.kind))
+      mail += " " + std::string(needed.key);
+    mail += delivery.kind == DeliveryKind::Imap   ? " emailPasswordCommand (or emailPassword)\n"
+            : delivery.kind == DeliveryKind::Smtp ? " (for a login: emailNeedsUsername emailUsername "
+                                                    "emailPasswordCommand)\n"
+                                                  : " (emailMaildir: ~/Maildir when not set)\n";
+  }
   std::printf("\nNext steps:\n"
-              "  1. Settings, for example (man parlova-defaults lists them all):\n"
-              "       parlova-defaults write com.hollowmere.parlova sendEmails -bool YES\n"
-              "       parlova-defaults write com.hollowmere.parlova emailDelivery maildir   (%s)\n"
-              "       parlova-defaults write com.hollowmere.parlova handleURLs -bool YES\n"
-              "       parlova-defaults write com.hollowmere.parlova handleImages -bool YES\n"
-              "       parlova-defaults write com.hollowmere.parlova keepHistory -bool YES\n"
-              "  2. Carry the transcripts already in %s through once:\n"
+              "  1. Settings (man parlova-defaults lists them all). Mail, for example into a Maildir:\n"
+              "       parlova-defaults write %1$s sendEmails -bool YES\n"
+              "       parlova-defaults write %1$s emailDelivery maildir\n"
+              "       parlova-defaults write %1$s emailAddress me@example.org\n"
+              "       parlova-defaults write %1$s emailOutgoing parlova@example.org\n"
+              "     Each delivery needs these settings:\n"
+              "%2$s"
+              "     Links, pictures and the searchable history:\n"
+              "       parlova-defaults write %1$s handleURLs -bool YES\n"
+              "       parlova-defaults write %1$s handleImages -bool YES\n"
+              "       parlova-defaults write %1$s keepHistory -bool YES\n"
+              "  2. See the plan, then carry the transcripts already in %3$s through once:\n"
               "       parlova --dry-run --catch-up\n"
               "       parlova --catch-up\n"
+              "     (Processed with mail off? parlova --mail-processed mails them afterwards.)\n"
               "  3. Run parlova every five minutes:\n"
               "       systemctl --user daemon-reload && systemctl --user enable --now parlova.timer\n"
+              "     (on a machine nobody logs in to: loginctl enable-linger)\n"
               "     or, without systemd, with this line in crontab -e:\n"
               "       */5 * * * * parlova\n",
-              deliveryNamesText(", ").c_str(), (home / "Documents" / "iChats").c_str());
+              domain.c_str(), mail.c_str(), (home / "Documents" / "iChats").c_str());
   return failed;
 }
 

@@ -5,8 +5,10 @@
 
 #include "context/ProcessFlags.h"
 #include "driver/ArchivesNow.h"
+#include "driver/DayFolders.h"
 #include "driver/EntryJudgement.h"
 #include "driver/ExtractChatLog.h"
+#include "driver/RunPlan.h"
 #include "driver/RunStart.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -47,6 +49,10 @@ int runOnce(const RunOptions &options) {
   const auto started = startRun();
   if (!started)
     return 0;
+  // The password is left to the mail: a command of the user's that asks a
+  // keyring is not run every few minutes for nothing.
+  if (!RunPlan::ofSettings(RunPlan::Password::NotTried).allowsRun())
+    return 0;
 
   const fs::path chatFolder = homeDirectory() / "Documents/iChats";
   shouldQuit = true;
@@ -55,6 +61,8 @@ int runOnce(const RunOptions &options) {
   readDebugMode();
 
   while (const auto entry = entries.nextObject()) {
+    if (removeEmptyDayFolder(chatFolder / *entry))
+      continue;
     judgeEntry(*entry);
     if (verbose)
       logFormat("Processing %@", *entry);

@@ -210,7 +210,7 @@ struct ChatHistory::Additions::Writing {
   static constexpr size_t kWakeAt = 16;
   static constexpr size_t kAhead = 4 * kWakeAt;
 
-  std::optional<SqliteError> prepare() {
+  std::optional<SqliteError> prepare(bool reindex) {
     SqliteDatabase &database = history->database_;
     const auto prepared = [&](std::optional<SqliteStatement> &into, std::string_view sql) -> std::optional<SqliteError> {
       auto made = database.prepare(sql);
@@ -243,6 +243,36 @@ struct ChatHistory::Additions::Writing {
     if (auto failed = database.execute("BEGIN IMMEDIATE"))
       return failed;
     open = true;
+    return reindex ? prepareReindex() : std::nullopt;
+  }
+
+  // Where the messages of each chat waiting in `reindex` are: a chat's
+  // rows follow each other, so a range of rows, found in one pass.
+  std::optional<SqliteError> prepareReindex() {
+    SqliteDatabase &database = history->database_;
+    auto waiting = database.prepare("SELECT chat FROM reindex");
+    if (auto *error = std::get_if<SqliteError>(&waiting))
+      return *error;
+    auto &chats = std::get<SqliteStatement>(waiting);
+    for (auto step = chats.step(); std::holds_alternative<bool>(step) && std::get<bool>(step); step = chats.step())
+      rowsOf.emplace(chats.integer(0), std::pair<int64_t, int64_t>(0, -1));
+    if (rowsOf.empty())
+      return std::nullopt;
+    auto ranges = database.prepare("SELECT chat, min(rowid), max(rowid) FROM texts "
+                                   "WHERE chat IN (SELECT chat FROM reindex) GROUP BY chat");
+    if (auto *error = std::get_if<SqliteError>(&ranges))
+      return *error;
+    auto &range = std::get<SqliteStatement>(ranges);
+    for (auto step = range.step(); std::holds_alternative<bool>(step) && std::get<bool>(step); step = range.step())
+      rowsOf[range.integer(0)] = {range.integer(1), range.integer(2)};
+    for (const auto &[into, sql] : std::initializer_list<std::pair<std::optional<SqliteStatement> *, const char *>>{
+             {&unindex, "DELETE FROM texts WHERE rowid BETWEEN :first AND :last AND chat = :chat"},
+             {&reindexDone, "DELETE FROM reindex WHERE chat = :chat"}}) {
+      auto made = database.prepare(sql);
+      if (auto *error = std::get_if<SqliteError>(&made))
+        return *error;
+      into->emplace(std::move(std::get<SqliteStatement>(made)));
+    }
     return std::nullopt;
   }
 
@@ -300,11 +330,14 @@ struct ChatHistory::Additions::Writing {
     const bool isNew = std::holds_alternative<bool>(step) && changes->integer(changes->column("changed")) > 0;
     const int64_t id = changes->integer(changes->column("id"));
     changes->reset();
-    if (!isNew)
-      return record.page ? bind(bind(*paged, ":key", std::string_view(record.key)), ":page",
-                                std::string_view(*record.page))
-                               .run()
-                         : std::nullopt;
+    if (!isNew) {
+      if (auto failed = record.page ? bind(bind(*paged, ":key", std::string_view(record.key)), ":page",
+                                           std::string_view(*record.page))
+                                          .run()
+                                    : std::nullopt)
+        return failed;
+      return indexAnew(record);
+    }
     ++added;
     for (int day = 0; day < 7; ++day)
       for (int hour = 0; hour < 24; ++hour)
@@ -315,6 +348,40 @@ struct ChatHistory::Additions::Writing {
           if (auto failed = bind(*slot, ":messages", messages).run())
             return failed;
         }
+    return index(id, record);
+  }
+
+  // The messages of a chat there already, when they wait to be indexed
+  // anew: the old rows out, the record's in.
+  std::optional<SqliteError> indexAnew(const ChatRecord &record) {
+    if (rowsOf.empty())
+      return std::nullopt;
+    auto found = history->database_.prepare("SELECT id FROM chats WHERE key = :key");
+    if (auto *error = std::get_if<SqliteError>(&found))
+      return *error;
+    auto &chatId = std::get<SqliteStatement>(found);
+    bind(chatId, ":key", std::string_view(record.key));
+    const auto step = chatId.step();
+    if (auto *error = std::get_if<SqliteError>(&step))
+      return *error;
+    const auto rows = std::get<bool>(step) ? rowsOf.find(chatId.integer(0)) : rowsOf.end();
+    if (rows == rowsOf.end())
+      return std::nullopt;
+    const int64_t id = rows->first;
+    bind(*unindex, ":first", rows->second.first);
+    bind(*unindex, ":last", rows->second.second);
+    if (auto failed = bind(*unindex, ":chat", id).run())
+      return failed;
+    if (auto failed = index(id, record))
+      return failed;
+    if (auto failed = bind(*reindexDone, ":chat", id).run())
+      return failed;
+    rowsOf.erase(rows);
+    ++reindexed;
+    return std::nullopt;
+  }
+
+  std::optional<SqliteError> index(int64_t id, const ChatRecord &record) {
     // A chat's messages follow each other in the index, so the ones around
     // a hit are its neighbours by row. Times in whole seconds.
     for (const ChatRecord::Message &text : record.texts) {
@@ -340,7 +407,7 @@ struct ChatHistory::Additions::Writing {
     open = false;
     failed = true;
     if (error.damaged) {
-      for (auto *statement : {&chat, &slot, &message, &speaker, &speakerId, &changes, &paged})
+      for (auto *statement : {&chat, &slot, &message, &speaker, &speakerId, &changes, &paged, &unindex, &reindexDone})
         statement->reset();
       history.reset();
       setAsideDamaged = setAside();
@@ -359,7 +426,11 @@ struct ChatHistory::Additions::Writing {
   bool failed = false;
   bool setAsideDamaged = false;
   size_t added = 0;
-  std::optional<SqliteStatement> chat, slot, message, speaker, speakerId, changes, paged;
+  size_t reindexed = 0;
+  std::optional<SqliteStatement> chat, slot, message, speaker, speakerId, changes, paged, unindex, reindexDone;
+  // The chats waiting in `reindex` and their rows in the index (first,
+  // last; none: first past last).
+  std::map<int64_t, std::pair<int64_t, int64_t>> rowsOf;
   std::map<std::pair<std::string, std::string>, int64_t> speakers;
 };
 
@@ -368,7 +439,7 @@ ChatHistory::Additions::Additions(Additions &&) noexcept = default;
 ChatHistory::Additions &ChatHistory::Additions::operator=(Additions &&) noexcept = default;
 ChatHistory::Additions::~Additions() = default;
 
-std::optional<ChatHistory::Additions> ChatHistory::Additions::begin() {
+std::optional<ChatHistory::Additions> ChatHistory::Additions::begin(bool reindex) {
   auto history = open();
   if (!history)
     return std::nullopt;
@@ -384,7 +455,7 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin() {
     return Additions(nullptr);
   }
   auto writing = std::make_unique<Writing>(std::move(*history));
-  if (const auto failed = writing->prepare()) {
+  if (const auto failed = writing->prepare(reindex)) {
     writing->abandon(*failed);
     return std::nullopt;
   }
@@ -406,6 +477,8 @@ bool ChatHistory::Additions::add(ChatRecord record) {
 
 bool ChatHistory::Additions::setAsideDamaged() const { return writing_ && writing_->setAsideDamaged; }
 
+size_t ChatHistory::Additions::reindexed() const { return writing_ ? writing_->reindexed : 0; }
+
 std::optional<size_t> ChatHistory::Additions::commit() {
   if (!writing_)
     return size_t{0};
@@ -424,20 +497,23 @@ std::optional<size_t> ChatHistory::Additions::commit() {
   return writing_->added;
 }
 
-std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records) {
+std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records, size_t *reindexed) {
   if (records.empty())
     return size_t{0};
   // A database found damaged on the way is set aside; the chats then go
   // into a new one.
   for (int attempt = 0; attempt < 2; ++attempt) {
-    auto additions = Additions::begin();
+    auto additions = Additions::begin(true);
     if (!additions)
       return std::nullopt;
     for (const ChatRecord &record : records)
       if (!additions->add(record))
         break;
-    if (const auto added = additions->commit())
+    if (const auto added = additions->commit()) {
+      if (reindexed)
+        *reindexed += additions->reindexed();
       return added;
+    }
     if (!additions->setAsideDamaged())
       return std::nullopt;
   }
@@ -494,6 +570,21 @@ std::optional<std::vector<std::pair<std::string, std::string>>> ChatHistory::pag
   return readRows(database_, "SELECT page, key FROM chats WHERE page IS NOT NULL", [](SqliteStatement &statement) {
     return std::pair(statement.text(0), statement.text(1));
   });
+}
+
+std::optional<int64_t> ChatHistory::waitingForReindex() {
+  // A history not yet brought to this version waits with every chat that
+  // sent a file.
+  const auto version = HistorySchema::version(database_);
+  const bool before = std::holds_alternative<int64_t>(version) && std::get<int64_t>(version) < 2;
+  const auto counts = readRows(database_,
+                               before ? "SELECT count(*) FROM chats WHERE pictures > 0" : "SELECT count(*) FROM reindex",
+                               [](SqliteStatement &statement) { return statement.integer(0); });
+  return counts && !counts->empty() ? std::optional(counts->front()) : std::nullopt;
+}
+
+std::optional<std::vector<std::string>> ChatHistory::keys() {
+  return readRows(database_, "SELECT key FROM chats", [](SqliteStatement &statement) { return statement.text(0); });
 }
 
 std::optional<HistorySummary> ChatHistory::summary() {

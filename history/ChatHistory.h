@@ -75,8 +75,13 @@ public:
   // new; nothing when they could not be written (logged). The history is
   // opened for it (made, or set aside when damaged, as open() does; a
   // database found damaged while writing is set aside too, and the chats
-  // go into a new one).
-  static std::optional<size_t> store(const std::vector<ChatRecord> &records);
+  // go into a new one). A chat there already whose messages wait to be
+  // indexed anew (see HistorySchema) has them replaced by the record's,
+  // counted in `reindexed`.
+  static std::optional<size_t> store(const std::vector<ChatRecord> &records, size_t *reindexed = nullptr);
+  // How many chats wait to have their messages indexed anew; nothing when
+  // it cannot be read (logged).
+  std::optional<int64_t> waitingForReindex();
 
   // Chats added one at a time and kept all or none, for a batch too large
   // to hold as records: their rows wait in one transaction until commit().
@@ -88,7 +93,7 @@ public:
     // Nothing when the history cannot be opened (logged). For a history
     // of a newer version (logged once) the chats are kept nowhere and
     // nothing fails.
-    static std::optional<Additions> begin();
+    static std::optional<Additions> begin(bool reindex = false);
     Additions(Additions &&) noexcept;
     Additions &operator=(Additions &&) noexcept;
     ~Additions();
@@ -102,6 +107,8 @@ public:
     std::optional<size_t> commit();
     // Whether it failed on a damaged database, now set aside.
     bool setAsideDamaged() const;
+    // Chats there already whose messages were indexed anew.
+    size_t reindexed() const;
 
   private:
     struct Writing;
@@ -115,6 +122,8 @@ public:
   // Each library page with the key of its chat; nothing when it cannot be
   // read (logged).
   std::optional<std::vector<std::pair<std::string, std::string>>> pageKeys();
+  // The key of every chat it holds; nothing when it cannot be read (logged).
+  std::optional<std::vector<std::string>> keys();
 
 private:
   ChatHistory(SqliteDatabase database, bool newer) : database_(std::move(database)), newer_(newer) {}

@@ -61,6 +61,13 @@ CREATE VIRTUAL TABLE IF NOT EXISTS texts USING fts5 (
 );
 CREATE INDEX IF NOT EXISTS chats_by_month ON chats (month, user_words, other_words);
 CREATE INDEX IF NOT EXISTS chats_by_account ON chats (account, user_words, other_words, last_time, display_name);
+)sql",
+// Version 2: a sent file's name had been indexed glued to the word before
+// it ("seepic2916.png"). The chats that sent files wait in `reindex` until
+// a rebuild reads them again and puts their messages in anew.
+R"sql(
+CREATE TABLE IF NOT EXISTS reindex (chat INTEGER PRIMARY KEY);
+INSERT OR IGNORE INTO reindex (chat) SELECT id FROM chats WHERE pictures > 0;
 )sql"};
 
 static_assert(std::size(kMigrations) == HistorySchema::kVersion);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "history/PeopleAndChats.h"
+
 namespace parlova {
 
 namespace {
@@ -154,10 +156,9 @@ std::string hitsStatement(HitOrder order) {
                      "c.participants AS participants, c.display_name AS chat_name, c.first_time AS chat_time, "
                      "c.page AS page "
                      "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
-                     "WHERE texts MATCH ?1 "
-                     "AND (?2 IS NULL OR lower(c.account) = lower(?2) OR lower(c.display_name) = lower(?2) "
-                     "     OR instr(char(10) || lower(c.participants), char(10) || lower(?2) || char(10)) > 0) "
-                     "AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) ") +
+                     "WHERE texts MATCH ?1 AND ") +
+         PeopleAndChats::kWithCondition +
+         " AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) " +
          (order == HitOrder::Oldest ? "ORDER BY texts.time, texts.rowid "
           : order == HitOrder::Best ? "ORDER BY rank "
                                     : "ORDER BY texts.rowid DESC ") +
@@ -190,8 +191,8 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
     return unprepared(*error);
   auto &statement = std::get<SqliteStatement>(prepared);
   statement.bind(1, query);
-  if (options.with)
-    statement.bind(2, *options.with);
+  if (!options.with.empty())
+    statement.bind(2, PeopleAndChats::accountList(options.with));
   if (options.since)
     statement.bind(3, *options.since);
   if (options.until)

@@ -25,7 +25,7 @@ std::string ftsQuery(std::string_view typed);
 
 struct SearchOptions {
   std::string query; // as typed
-  std::optional<std::string> with;
+  std::vector<std::string> with; // accounts or names; empty: anybody
   std::optional<double> since; // seconds since 1970, from this instant
   std::optional<double> until; // before this instant
   size_t limit = 50;           // 0: all

@@ -33,11 +33,13 @@ struct DeliveryResult {
   bool delivered() const { return kind == Kind::Sent || kind == Kind::AlreadyThere; }
 };
 
+// Whether a message goes out again that went out before: a mailbox holds
+// each message once in any case; a server that passes mail on sends it
+// again unless told to look at what it was handed.
+enum class Resending { Allowed, OncePerAddress };
+
 class Delivery {
 public:
-  // The delivery the settings name; their delivery must be one of the table's.
-  static std::unique_ptr<Delivery> chosen(const MailSettings &settings);
-
   virtual ~Delivery() = default;
   // Carries the transcript's message, with the log lines of the way; the
   // caller records the result's error for the settings pane.

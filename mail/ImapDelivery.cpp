@@ -45,9 +45,8 @@ DeliveryResult ImapDelivery::deliver(MailContent &content) {
   if (request.username.empty())
     return waitForSetting("IMAP needs emailUsername");
   request.folder = settings_.folder;
-  // The framework puts folder names between quotes as they are.
-  if (request.folder.empty() || request.folder.find_first_of("\"\\\r\n") != std::string::npos)
-    return waitForSetting("emailFolder for IMAP must be a folder name without quotes or backslashes");
+  if (const auto why = settings_.imapFolderProblem())
+    return waitForSetting(*why);
   const MailPassword password = mailPassword(appSettings());
   if (!password.failure.empty())
     return notStoredYet(password.failure);
@@ -71,7 +70,7 @@ DeliveryResult ImapDelivery::deliver(MailContent &content) {
   case Outcome::Stored:
     return DeliveryResult::sent();
   case Outcome::AlreadyThere:
-    logFormat("The mail of %@ is in the IMAP folder %@ already; it is not stored again.", content.transcriptPath(),
+    logRoutine("The mail of %@ is in the IMAP folder %@ already; it is not stored again.", content.transcriptPath(),
               request.folder);
     return DeliveryResult::alreadyThere();
   case Outcome::Unreachable:

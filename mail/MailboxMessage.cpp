@@ -23,6 +23,7 @@ std::optional<MailboxMessage> MailboxMessage::compose(MailContent &content, cons
   MailMessage message = content.message(to.value_or(""), sender);
   message.messageId = stored.name + "@" + domain;
   message.date = chatTime;
+  message.labelledParts = true;
   auto bytes = SmtpSession::messageBytes(message);
   if (const auto *why = std::get_if<std::string>(&bytes)) {
     logFormat("Could not load the mail module: %@", *why);

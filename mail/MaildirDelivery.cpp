@@ -16,7 +16,7 @@ DeliveryResult MaildirDelivery::deliver(MailContent &content) {
   case MaildirFolder::Outcome::Stored:
     return DeliveryResult::sent();
   case MaildirFolder::Outcome::AlreadyThere:
-    logFormat("The mail of %@ is in %@ already; it is not stored again.", content.transcriptPath(),
+    logRoutine("The mail of %@ is in %@ already; it is not stored again.", content.transcriptPath(),
               folder.folder().string());
     return DeliveryResult::alreadyThere();
   case MaildirFolder::Outcome::Failed:

@@ -3,6 +3,7 @@
 #include "mail/ImapSession.h"
 #include "mail/SmtpSession.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <deque>
@@ -148,18 +149,28 @@ CWMessage *newMessage(const MailMessage &mail) {
       }
     }
   };
+  const auto labelled = [&mail](CWPart *part, const void *bytes, size_t length) {
+    if (!mail.labelledParts)
+      return;
+    [part setCharset:@"utf-8"];
+    const auto *text = static_cast<const unsigned char *>(bytes);
+    if (std::any_of(text, text + length, [](unsigned char c) { return c >= 0x80; }))
+      [part setContentTransferEncoding:PantomimeEncodingQuotedPrintable];
+  };
   CWMIMEMultipart *multipart = [[CWMIMEMultipart alloc] init];
   CWPart *plain = [[CWPart alloc] init];
   [plain setContentType:@"text/plain"];
   // Parts carry bytes; the plain part gets no character set of its own.
   [plain setContent:[NSData dataWithBytes:mail.plainText.data() length:mail.plainText.size()]];
   fitForSmtp(plain, mail.plainText.data(), mail.plainText.size());
+  labelled(plain, mail.plainText.data(), mail.plainText.size());
   [multipart addPart:plain];
   CWPart *html = [[CWPart alloc] init];
   [html setContentType:@"text/html"];
   [html setContent:[NSData dataWithBytes:mail.html.data() length:mail.html.size()]];
   [html setCharset:@"utf-8"];
   fitForSmtp(html, mail.html.data(), mail.html.size());
+  labelled(html, mail.html.data(), mail.html.size());
   [multipart addPart:html];
 
   [message setContentType:@"multipart/alternative"];
@@ -342,6 +353,9 @@ struct ImapExchange {
   bool done = false;
   bool initialized = false;
   bool created = false;
+  // Once the message is in, the rest (subscribing to the folder) is a
+  // courtesy: however the exchange ends, the message is stored.
+  bool appended = false;
   std::string folder;          // as the server names it
   std::string received;        // what came since the last command was sent
   std::string lastLine;        // the last line the server sent
@@ -350,8 +364,8 @@ struct ImapExchange {
     if (done)
       return;
     done = true;
-    result.outcome = outcome;
-    result.detail = std::move(detail);
+    result.outcome = appended ? ImapResult::Outcome::Stored : outcome;
+    result.detail = appended ? std::string() : std::move(detail);
   }
   // The server's words in its last tagged answer, without the tag.
   std::string serverSaid() const {
@@ -515,6 +529,15 @@ std::optional<std::string> imapQuoted(const std::string &text) {
   exchange->finish(parlova::ImapResult::Outcome::NotStored, exchange->serverSaid());
 }
 - (void)folderAppendCompleted:(NSNotification *)notification {
+  // Subscribed, so that mail programs which show only subscribed folders
+  // show it.
+  exchange->appended = true;
+  [exchange->store subscribeToFolderWithName:parlova::text(exchange->folder)];
+}
+- (void)folderSubscribeCompleted:(NSNotification *)notification {
+  exchange->finish(parlova::ImapResult::Outcome::Stored);
+}
+- (void)folderSubscribeFailed:(NSNotification *)notification {
   exchange->finish(parlova::ImapResult::Outcome::Stored);
 }
 - (void)folderAppendFailed:(NSNotification *)notification {

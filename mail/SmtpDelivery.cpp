@@ -6,6 +6,7 @@
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "foundation/Unicode.h"
+#include "mail/SmtpSentRecord.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -31,6 +32,11 @@ DeliveryResult SmtpDelivery::deliver(MailContent &content) {
   if (const auto *why = std::get_if<std::string>(&chosen))
     return waitForSetting(*why);
 
+  const auto key = content.contentKey();
+  if (key && resending_ == Resending::OncePerAddress && SmtpSentRecord::read().has(*to, *key)) {
+    logRoutine("%@ was sent to %@ before; it is not sent again.", content.transcriptPath(), *to);
+    return DeliveryResult::alreadyThere();
+  }
   MailMessage message = content.message(*to, *from);
   if (settings_.dateFromChat)
     message.date = content.chatStart();
@@ -39,7 +45,11 @@ DeliveryResult SmtpDelivery::deliver(MailContent &content) {
     logFormat("Could not load the mail module: %@", *why);
     return unreachable();
   }
-  return HandleEmailSending(*std::get<std::unique_ptr<SmtpSession>>(opened));
+  const DeliveryResult result = HandleEmailSending(*std::get<std::unique_ptr<SmtpSession>>(opened));
+  if (result.kind == DeliveryResult::Kind::Sent && key && !SmtpSentRecord::add(*to, *key))
+    logFormat("Could not note in %@ that %@ was sent: %@", SmtpSentRecord::file().string(), content.transcriptPath(),
+              std::string(std::strerror(errno)));
+  return result;
 }
 
 DeliveryResult SmtpDelivery::HandleEmailSending(SmtpSession &session) {

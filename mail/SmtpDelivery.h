@@ -11,7 +11,8 @@ namespace parlova {
 
 class SmtpDelivery final : public Delivery, private SmtpSessionDelegate {
 public:
-  explicit SmtpDelivery(MailSettings settings) : settings_(std::move(settings)) {}
+  SmtpDelivery(MailSettings settings, Resending resending)
+      : settings_(std::move(settings)), resending_(resending) {}
   DeliveryResult deliver(MailContent &content) override;
 
 private:
@@ -26,6 +27,7 @@ private:
   void connectionTimedOut() override;
 
   MailSettings settings_;
+  Resending resending_;
   SmtpSession *session_ = nullptr;
   // Set once the exchange has ended, well or badly.
   std::optional<DeliveryResult> ended_;

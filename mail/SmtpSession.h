@@ -27,6 +27,10 @@ struct MailMessage {
   // Message-ID without its angle brackets (empty: one of the framework's).
   std::optional<double> date;
   std::string messageId;
+  // For a mailbox, whose readers go by the labels alone: each text part
+  // names its character set, and one that is not plain ASCII goes
+  // quoted-printable. Off, the parts are as SMTP has always sent them.
+  bool labelledParts = false;
   // Filled in by SmtpSession::open() for a message with a date: its bytes,
   // sent as they are.
   std::vector<uint8_t> raw;

@@ -47,14 +47,25 @@ std::string ICLPInstantMessage::SearchableText() const {
   const std::u16string &said = string_->string();
   if (names.empty())
     return utf16ToUtf8(said);
+  // A file's name is a word of its own, never one with the word or link
+  // before or after it.
+  const auto isSpace = [](char16_t unit) { return unit == u' ' || unit == u'\n' || unit == u'\t' || unit == u'\r'; };
   std::u16string text;
   text.reserve(said.size());
   size_t attached = 0;
-  for (const char16_t unit : said) {
-    if (unit == 0xFFFC && attached < names.size())
-      text += names[attached++];
-    else
-      text += unit;
+  for (size_t i = 0; i < said.size(); ++i) {
+    if (said[i] != 0xFFFC || attached >= names.size()) {
+      text += said[i];
+      continue;
+    }
+    const std::u16string &name = names[attached++];
+    if (name.empty())
+      continue;
+    if (!text.empty() && !isSpace(text.back()))
+      text += u' ';
+    text += name;
+    if (i + 1 < said.size() && !isSpace(said[i + 1]))
+      text += u' ';
   }
   return utf16ToUtf8(text);
 }

@@ -14,7 +14,16 @@ std::string &statusLine() {
   return line;
 }
 
+bool &routineShown() {
+  static bool shown = true;
+  return shown;
+}
+
 } // namespace
+
+void showRoutineLines(bool shown) { routineShown() = shown; }
+
+bool routineLinesShown() { return routineShown(); }
 
 void setStatusLine(std::string text) {
   std::string out = statusLine().empty() ? "" : "\r\033[K";

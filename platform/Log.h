@@ -23,4 +23,14 @@ template <class... Args> void logFormat(std::string_view format, const Args &...
   logLine(formatText(format, {std::string(arguments)...}));
 }
 
+// The lines every transcript writes on its way ("extracting ...",
+// "preparing to move ..."): shown unless a catch-up on a terminal hides
+// them behind its progress line.
+void showRoutineLines(bool shown);
+bool routineLinesShown();
+template <class... Args> void logRoutine(std::string_view format, const Args &...arguments) {
+  if (routineLinesShown())
+    logFormat(format, arguments...);
+}
+
 } // namespace parlova

@@ -48,8 +48,8 @@ echo "== What a catch-up would do (parlova --dry-run --catch-up) =="
 "$build/parlova" --dry-run --catch-up
 
 echo
-echo "== Carrying every transcript through (parlova --catch-up) =="
-"$build/parlova" --catch-up
+echo "== Carrying every transcript through (parlova --catch-up --yes: the plan above was seen) =="
+"$build/parlova" --catch-up --yes
 
 echo
 echo "== Finding a chat again (parlova-search --context 1 holiday) =="

@@ -2,13 +2,16 @@
 //   parlova-defaults read [DOMAIN [KEY]]
 //   parlova-defaults write DOMAIN KEY [-string|-int|-integer|-float|-bool|-boolean] VALUE
 //   parlova-defaults delete DOMAIN [KEY]
+#include <algorithm>
 #include <cerrno>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "context/MailSettings.h"
@@ -61,6 +64,57 @@ std::string describe(plist_t node, const std::string &indent, bool topLevel) {
   default:
     return "?";
   }
+}
+
+// Every key Parlova reads or writes.
+constexpr std::string_view kKnownKeys[] = {
+    "sendEmails", "handleURLs", "handleImages", "debugMode", "forceUniqueSubjects", "emailServer", "emailPort",
+    "emailAddress", "emailOutgoing", "emailSecurity", "emailCAFile", "emailAllowUnverifiedCertificate",
+    "emailNeedsUsername", "emailUsername", "emailPassword", "emailPasswordCommand", "emailDelivery", "emailFolder",
+    "emailMaildir", "emailDateFromChat", "escapeHTML", "keepHistory", "keepChatPages", "errorStatus", "emailFails",
+    "reportThis", "subjectNumber"};
+
+// Edits from one text to the other, letters compared without case.
+size_t editDistance(std::string_view from, std::string_view to) {
+  std::vector<size_t> row(to.size() + 1);
+  for (size_t j = 0; j <= to.size(); ++j)
+    row[j] = j;
+  for (size_t i = 1; i <= from.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= to.size(); ++j) {
+      const size_t above = row[j];
+      const bool same = std::tolower(static_cast<unsigned char>(from[i - 1])) ==
+                        std::tolower(static_cast<unsigned char>(to[j - 1]));
+      row[j] = std::min({row[j - 1] + 1, above + 1, diagonal + (same ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[to.size()];
+}
+
+// What to say before writing where Parlova will never look: a domain that
+// is not Parlova's, or a key it does not know (with the nearest it knows).
+std::optional<std::string> unreadWrite(const std::string &domain, const std::string &key) {
+  if (domain != kDefaultDomain) {
+    const bool typo = editDistance(domain, kDefaultDomain) <= 3;
+    return "warning: " + domain + " is not Parlova's domain" +
+           (typo ? " (did you mean " + std::string(kDefaultDomain) + "?)" : " (" + std::string(kDefaultDomain) + ")") +
+           "; Parlova does not read it";
+  }
+  if (std::find(std::begin(kKnownKeys), std::end(kKnownKeys), key) != std::end(kKnownKeys))
+    return std::nullopt;
+  std::string_view nearest;
+  size_t best = key.size() / 2 + 2;
+  for (const std::string_view known : kKnownKeys)
+    if (const size_t distance = editDistance(key, known); distance < best) {
+      best = distance;
+      nearest = known;
+    }
+  return "warning: Parlova has no setting " + key +
+         (nearest.empty() ? std::string(" (parlova-defaults with no arguments lists them)")
+                          : " (did you mean " + std::string(nearest) + "?)") +
+         "; it is written, and Parlova does not read it";
 }
 
 int usage() {
@@ -170,6 +224,9 @@ int main(int argc, char **argv) {
   }
 
   if (verb == "write") {
+    if (args.size() == 4 || args.size() == 5)
+      if (const auto warning = unreadWrite(domain, args[2]))
+        std::cerr << "parlova-defaults: " << *warning << "\n";
     if (args.size() == 4) {
       preferences.setAppValue(args[2], PreferenceValue::string(args[3]));
     } else if (args.size() == 5) {

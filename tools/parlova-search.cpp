@@ -1,7 +1,8 @@
 // parlova-search: finds messages in every chat the history holds.
 //
-//   parlova-search [--with PERSON] [--since DATE] [--until DATE] [--limit N]
-//                  [--sort rank|date] [--context N] [--json] QUERY...
+//   parlova-search [--with PERSON]... [--since DATE] [--until DATE] [--limit N]
+//                  [--sort rank|date] [--context N] [--json] [QUERY...]
+//   parlova-search --people [--json]
 //
 // Exit status as grep's: 0 something found, 1 nothing found, 2 trouble.
 #include <algorithm>
@@ -16,9 +17,12 @@
 #include <variant>
 #include <vector>
 
+#include "foundation/JsonText.h"
+#include "foundation/LocalDay.h"
 #include "foundation/TerminalText.h"
 #include "foundation/Unicode.h"
 #include "history/MessageSearch.h"
+#include "history/PeopleAndChats.h"
 #include "platform/Home.h"
 #include "platform/SqliteDatabase.h"
 
@@ -28,18 +32,22 @@ using parlova::SearchHit;
 using parlova::terminalLine;
 
 constexpr const char *kUsage =
-    "usage: parlova-search [--with PERSON] [--since DATE] [--until DATE] [--limit N]\n"
-    "                      [--sort rank|date] [--context N] [--json] QUERY...\n"
+    "usage: parlova-search [--with PERSON]... [--since DATE] [--until DATE] [--limit N]\n"
+    "                      [--sort rank|date] [--context N] [--json] [QUERY...]\n"
+    "       parlova-search --people [--json]\n"
     "\n"
     "Finds messages in every chat of the history (~/Library/Parlova/history.sqlite).\n"
     "QUERY: words (all must occur), \"a phrase\", prefix*, OR, NOT, NEAR(a b, 5).\n"
-    "  --with PERSON    only chats with this account or name (any case)\n"
+    "Without a QUERY, --with, --since and --until list the chats instead.\n"
+    "  --people         everybody talked with: chats and the last one\n"
+    "  --with PERSON    only chats with this account or name (any case), or the one\n"
+    "                   person whose account or name begins so; again: any of them\n"
     "  --since DATE     from this day (YYYY-MM-DD, local time)\n"
     "  --until DATE     up to and including this day\n"
     "  --limit N        at most N hits (default 50; 0: all)\n"
     "  --sort rank|date best first (default) or oldest first\n"
     "  --context N      N messages before and after each hit\n"
-    "  --json           one JSON object per hit and line\n"
+    "  --json           one JSON object per hit (person, chat) and line\n"
     "  --               the rest is the query, even where it starts with -\n"
     "Exit status: 0 found, 1 nothing found, 2 trouble.\n";
 
@@ -49,22 +57,11 @@ int trouble(const std::string &line) {
 }
 
 // A day as YYYY-MM-DD: its first instant in local time, or nothing.
-std::optional<double> startOfDay(const std::string &text, int addDays = 0) {
-  int year = 0, month = 0, day = 0;
-  char rest = 0;
-  if (text.size() != 10 || std::sscanf(text.c_str(), "%4d-%2d-%2d%c", &year, &month, &day, &rest) != 3 ||
-      text[4] != '-' || text[7] != '-')
+std::optional<double> startOfDay(const std::string &text, bool dayAfter) {
+  const auto day = parlova::LocalDay::parse(text);
+  if (!day)
     return std::nullopt;
-  std::tm local{};
-  local.tm_year = year - 1900;
-  local.tm_mon = month - 1;
-  local.tm_mday = day;
-  local.tm_isdst = -1;
-  std::tm checked = local;
-  if (std::mktime(&checked) == -1 || checked.tm_mday != day || checked.tm_mon != month - 1)
-    return std::nullopt;
-  local.tm_mday += addDays;
-  return static_cast<double>(std::mktime(&local));
+  return (dayAfter ? day->next() : *day).start().timeIntervalSince1970();
 }
 
 std::string localTime(std::optional<double> seconds, const char *format) {
@@ -93,26 +90,7 @@ std::string isoTime(std::optional<double> seconds) {
   return std::string(text) + zone;
 }
 
-// A JSON string: typed by others, so every control character escaped and
-// whatever is not UTF-8 made U+FFFD.
-std::string json(const std::string &text) {
-  const std::string valid = parlova::utf16ToUtf8(parlova::utf8ToUtf16(text));
-  std::string out = "\"";
-  for (const char c : valid) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (byte < 0x20) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-      out += escaped;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
+std::string json(const std::string &text) { return parlova::jsonString(text); }
 
 // Where a hit's words begin and end, on a terminal: characters of the
 // private use area, which survive the escaping of what the text holds, then
@@ -149,6 +127,46 @@ void printJson(const std::vector<SearchHit> &hits) {
                 json(hit.message.speaker).c_str(),
                 hit.message.time ? json(isoTime(hit.message.time)).c_str() : "null", json(hit.message.text).c_str(),
                 json(hit.snippet).c_str(), page ? json(*page).c_str() : "null");
+  }
+}
+
+void printPeople(const std::vector<parlova::HistoryPerson> &people, bool asJson) {
+  for (const auto &person : people) {
+    if (asJson)
+      std::printf("{\"account\":%s,\"name\":%s,\"chats\":%lld,\"last\":%s}\n", json(person.account).c_str(),
+                  json(person.name).c_str(), static_cast<long long>(person.chats),
+                  person.lastChat ? json(isoTime(person.lastChat)).c_str() : "null");
+    else
+      std::printf("%s%s  %lld chat%s, the last %s\n", terminalLine(person.account).c_str(),
+                  person.name != person.account ? (" (" + terminalLine(person.name) + ")").c_str() : "",
+                  static_cast<long long>(person.chats), person.chats == 1 ? "" : "s",
+                  localTime(person.lastChat, "%Y-%m-%d").c_str());
+  }
+}
+
+void printChats(const std::vector<parlova::HistoryChat> &chats, bool asJson) {
+  const auto home = parlova::homeDirectory() / "Library" / "Parlova" / "Chats";
+  for (const auto &chat : chats) {
+    std::error_code error;
+    const std::optional<std::string> page =
+        !chat.page.empty() && std::filesystem::exists(home / chat.page, error)
+            ? std::optional((home / chat.page).string())
+            : std::nullopt;
+    if (asJson) {
+      std::string with = "[";
+      for (const std::string &account : chat.with)
+        with += (with.size() > 1 ? "," : "") + json(account);
+      std::printf("{\"transcript\":%s,\"with\":%s],\"name\":%s,\"time\":%s,\"messages\":%lld,\"page\":%s}\n",
+                  json(chat.transcript).c_str(), with.c_str(), json(chat.name).c_str(),
+                  chat.time ? json(isoTime(chat.time)).c_str() : "null", static_cast<long long>(chat.messages),
+                  page ? json(*page).c_str() : "null");
+      continue;
+    }
+    std::printf("%s  %s  %lld message%s\n  %s\n", localTime(chat.time, "%Y-%m-%d %H:%M").c_str(),
+                terminalLine(chat.name).c_str(), static_cast<long long>(chat.messages),
+                chat.messages == 1 ? "" : "s", terminalLine(chat.transcript).c_str());
+    if (page)
+      std::printf("  %s\n", terminalLine(*page).c_str());
   }
 }
 
@@ -194,6 +212,8 @@ void printForPeople(const std::vector<SearchHit> &hits, bool context, bool marke
 int main(int argc, char **argv) {
   parlova::SearchOptions options;
   bool asJson = false;
+  bool listPeople = false;
+  std::vector<std::string> typedWith;
   bool endOfOptions = false; // after "--" every argument is the query's
   std::string query;
   for (int i = 1; i < argc; ++i) {
@@ -213,13 +233,16 @@ int main(int argc, char **argv) {
       return 0;
     } else if (argument == "--json") {
       asJson = true;
+    } else if (argument == "--people") {
+      listPeople = true;
     } else if (argument == "--with") {
-      options.with = value();
-      if (!options.with || options.with->empty())
+      const auto person = value();
+      if (!person || person->empty())
         return trouble("--with needs a person's account or name");
+      typedWith.push_back(*person);
     } else if (argument == "--since" || argument == "--until") {
       const auto text = value();
-      const auto day = text ? startOfDay(*text, argument == "--until" ? 1 : 0) : std::nullopt;
+      const auto day = text ? startOfDay(*text, argument == "--until") : std::nullopt;
       if (!day)
         return trouble(argument + " needs a day as YYYY-MM-DD");
       (argument == "--since" ? options.since : options.until) = day;
@@ -256,7 +279,31 @@ int main(int argc, char **argv) {
   auto opened = parlova::SqliteDatabase::openForReading(file);
   if (std::holds_alternative<parlova::SqliteError>(opened))
     return trouble("the chat history " + file.string() + " cannot be read");
-  const auto found = parlova::searchMessages(std::get<parlova::SqliteDatabase>(opened), options);
+  auto &history = std::get<parlova::SqliteDatabase>(opened);
+  const std::string unreadable = "the chat history " + file.string() + " cannot be read (a catch-up or a rebuild "
+                                 "may be writing it; try again when it is done)";
+  parlova::PeopleAndChats people(history);
+  if (listPeople || !typedWith.empty()) {
+    const auto everybody = people.people();
+    if (!everybody)
+      return trouble(unreadable);
+    if (listPeople) {
+      printPeople(*everybody, asJson);
+      return everybody->empty() ? 1 : 0;
+    }
+    auto resolved = parlova::PeopleAndChats::resolve(*everybody, typedWith);
+    if (const auto *why = std::get_if<std::string>(&resolved))
+      return trouble(*why);
+    options.with = std::move(std::get<std::vector<std::string>>(resolved));
+  }
+  if (query.find_first_not_of(" ") == std::string::npos && (!options.with.empty() || options.since || options.until)) {
+    const auto chats = people.chats(options.with, options.since, options.until, options.limit);
+    if (!chats)
+      return trouble(unreadable);
+    printChats(*chats, asJson);
+    return chats->empty() ? 1 : 0;
+  }
+  const auto found = parlova::searchMessages(history, options);
   if (const auto *failure = std::get_if<parlova::SearchFailure>(&found)) {
     if (failure->kind == parlova::SearchFailure::Kind::NoIndex)
       return trouble(noIndex);

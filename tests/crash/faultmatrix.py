@@ -231,7 +231,8 @@ FAULTS = [
     ("settings binary garbage", replaced(SETTINGS, write(bytes(range(256)) * 4)), "damaged or cut short", "accept",
      False, False),
     ("settings out of range", None,
-     "] Unable to connect to mail server: emailPort 68061 is no port number (0 to 65535).\n", "accept", False, False),
+     "] Mail is on, but the settings are not complete: emailPort 68061 is no port number (0 to 65535). Nothing is",
+     "accept", False, False),
     ("server floods its greeting", nothing(), "did not greet as a mail server does", "flood", False, False),
     ("server trickles its greeting", nothing(), "did not answer within 2 seconds", "trickle", False, False),
     ("server drops the connection", nothing(), "The attempt to send email timed out", "drop", False, False),
@@ -326,9 +327,11 @@ def trial(build: Path, template: Path, root: Path, certificates: Path, reference
         if reason.startswith(("] Nothing", "] Could not lock", "it cannot be moved out")) and reason not in logs[-1]:
             problems.append(f"the catch-up did not say why ({reason!r}):\n{logs[-1]}")
         report = plistlib.loads((home / SETTINGS).read_bytes()).get("reportThis", "") \
-            if reason.startswith(("] Nothing", "] Unable")) else None
+            if reason.startswith(("] Nothing", "] Unable", "] Mail is on")) else None
         if report is not None and f"] Nothing was sent or archived: {report}. The next run tries again.\n" not in under_fault \
-                and f"] Unable to connect to mail server: {report}.\n" != reason:
+                and f"] Unable to connect to mail server: {report}.\n" != reason \
+                and f"] Mail is on, but the settings are not complete: {report.removeprefix('Mail settings: ')}. " \
+                not in under_fault:
             problems.append(f"reportThis is {report!r}")
         if reason.startswith("] Nothing"):
             if "preparing email send" in under_fault + logs[-1]:

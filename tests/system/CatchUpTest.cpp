@@ -117,7 +117,7 @@ TEST(CatchUp, EndsWhereSingleRunsEndWhetherWholeInBatchesOrStoppedAndResumed) {
   prepare(resumed, kTranscripts);
   const auto stopped = stoppedCatchUp(resumed, {"--pause", "0.01", "--commit-every", "16"}, SIGTERM,
                                       std::chrono::milliseconds(1200));
-  EXPECT_EQ(stopped.exitCode, 0);
+  EXPECT_EQ(stopped.exitCode, 1);
   EXPECT_NE(stopped.err.find("] Catch-up stopped (asked to stop): "), std::string::npos) << stopped.err;
   const size_t moved = filesBelow(resumed.archive()).size();
   EXPECT_GT(moved, 0u);
@@ -134,9 +134,9 @@ TEST(CatchUp, AStandingErrorOrUndeliverableMailStopsTheBatchBeforeAnythingIsArch
     if (standingError)
       home.setSetting("errorStatus", "-int", "2");
     else
-      home.setSetting("sendEmails", "-bool", "YES"); // and no server to send to
+      home.mailTo("1"); // nothing listens there
     const auto result = home.run("parlova", {"--catch-up"});
-    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.exitCode, 1);
     const std::string why = standingError ? "] an error has occurred while emailing?\n"
                                           : "] Unable to connect to mail server.\n";
     EXPECT_EQ(countOccurrences(result.err, why), 1u) << result.err;
@@ -149,10 +149,12 @@ TEST(CatchUp, AStandingErrorOrUndeliverableMailStopsTheBatchBeforeAnythingIsArch
   }
 }
 
-// parlova --catch-up ARGS on a terminal (through script(1)): what it shows.
-std::string onATerminal(const ScratchHome &home, const std::string &arguments) {
-  const std::string command = "HOME='" + home.path().string() + "' PARLOVA_PAUSE_SECONDS=0 script -qec \"'" +
-                              PARLOVA_BINARY_DIR + "/parlova' --catch-up " + arguments + "\" /dev/null";
+// parlova --catch-up ARGS on a terminal (through script(1)), `typed` its
+// input: what it shows.
+std::string onATerminal(const ScratchHome &home, const std::string &arguments, const std::string &typed = "") {
+  const std::string command = "printf '" + typed + "' | HOME='" + home.path().string() +
+                              "' PARLOVA_PAUSE_SECONDS=0 script -qec \"'" + PARLOVA_BINARY_DIR +
+                              "/parlova' --catch-up " + arguments + "\" /dev/null";
   std::string screen;
   if (FILE *pipe = popen(command.c_str(), "r")) {
     char buffer[4096];
@@ -163,21 +165,30 @@ std::string onATerminal(const ScratchHome &home, const std::string &arguments) {
   return screen;
 }
 
-TEST(CatchUp, ShowsItsProgressOnATerminalOnlyAndUnlessQuiet) {
+TEST(CatchUp, OnATerminalAsksFirstAndShowsItsProgressUnlessQuiet) {
   ScratchHome home;
   samples::writeBacklog(home.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
-  const std::string shown = onATerminal(home, "--pause 0.02");
+  const std::string refused = onATerminal(home, "", "n\\n");
+  EXPECT_NE(refused.find("mail     off (sendEmails)"), std::string::npos) << refused;
+  EXPECT_NE(refused.find("Carry 12 transcripts through with mail off? [y/N] "), std::string::npos) << refused;
+  EXPECT_NE(refused.find("] Catch-up not begun; nothing was done."), std::string::npos) << refused;
+  EXPECT_FALSE(fs::exists(home.archive()));
+
+  const std::string shown = onATerminal(home, "--pause 0.02", "y\\n");
   EXPECT_TRUE(std::regex_search(shown, std::regex("\r\x1b\\[K11/12  [0-9.]+/s  [0-9]+:[0-9][0-9] left  [^\r\n]+chat")))
       << shown;
   EXPECT_NE(shown.find("] Catch-up finished: 12 processed"), std::string::npos);
   EXPECT_FALSE(std::regex_search(shown, std::regex("left  [^\n\x1b]*parlova\\[")))
       << "a log line is written over the progress line, never after it";
   EXPECT_TRUE(std::regex_search(shown, std::regex("\n[0-9]+/12  "))) << "and the line is drawn again below it";
+  EXPECT_EQ(shown.find("] extracting "), std::string::npos) << "each transcript's lines only with --verbose";
 
   ScratchHome quiet;
   samples::writeBacklog(quiet.chats(), {.transcripts = 12, .seed = 3, .people = 5, .longestChat = 20});
-  const std::string quietly = onATerminal(quiet, "--quiet");
+  const std::string quietly = onATerminal(quiet, "--quiet --verbose --yes");
   EXPECT_EQ(quietly.find("\x1b[K"), std::string::npos) << quietly;
+  EXPECT_EQ(quietly.find("[y/N]"), std::string::npos) << quietly;
+  EXPECT_EQ(countOccurrences(quietly, "] extracting "), 12u) << quietly;
   EXPECT_NE(quietly.find("] Catch-up finished: 12 processed"), std::string::npos) << quietly;
 }
 
@@ -190,7 +201,8 @@ TEST(CatchUp, HelpVersionAndBadArgumentsRunNothing) {
   EXPECT_EQ(help.err, "");
   const std::string manPage = readText(fs::path(PARLOVA_SOURCE_DIR) / "man" / "parlova.1");
   for (const std::string option : {"--catch-up", "--dry-run", "--quiet", "--pause", "--commit-every", "--help",
-                                   "--version"}) {
+                                   "--version", "--mail-processed", "--since", "--until", "--rebuild-pages", "--yes",
+                                   "--verbose"}) {
     EXPECT_NE(help.out.find(option), std::string::npos) << option;
     EXPECT_NE(manPage.find(std::regex_replace(option, std::regex("-"), "\\-")), std::string::npos) << option;
   }
@@ -201,7 +213,10 @@ TEST(CatchUp, HelpVersionAndBadArgumentsRunNothing) {
   EXPECT_TRUE(std::regex_match(version.out, std::regex("parlova [0-9]+\\.[0-9]+.*\n"))) << version.out;
 
   for (const std::vector<std::string> &bad :
-       {std::vector<std::string>{"--catchup"}, {"stray"}, {"--pause", "soon"}, {"--quiet=yes"}, {"--commit-every"}}) {
+       {std::vector<std::string>{"--catchup"}, {"stray"}, {"--pause", "soon"}, {"--quiet=yes"}, {"--commit-every"},
+        {"--setup", "--catch-up"}, {"--dry-run", "--setup"}, {"--yes"}, {"--rebuild-pages", "--commit-every", "5"},
+        {"--mail-processed", "--until", "2005-02-30"}, {"--mail-processed", "--since=2006-01-01", "--until=2005-12-31"},
+        {"--since", "2005-01-01"}}) {
     const auto result = home.run("parlova", bad);
     EXPECT_EQ(result.exitCode, 2) << bad.front();
     EXPECT_EQ(result.out, "");
@@ -212,12 +227,14 @@ TEST(CatchUp, HelpVersionAndBadArgumentsRunNothing) {
       << "nothing ran: no settings, no archives, no lock";
 }
 
-TEST(CatchUp, DryRunSaysWhatItWouldDoAndWhyAndChangesNothing) {
+TEST(CatchUp, DryRunShowsThePlanAndWhatARunWouldRefuseAndChangesNothing) {
   ScratchHome home;
   home.addTranscript("alice on 2005-03-01 at 10.15.ichat", simpleChat("alice"));
   home.addTranscript("carol on 2005-03-03 at 09.00.ichat", simpleChat("carol"));
   writeText(home.chats() / "Broken on 2005-01-01.ichat", "bplist00 but not really");
   home.setSetting("sendEmails", "-bool", "YES");
+  home.setSetting("emailDelivery", "-string", "maildir");
+  home.setSetting("handleURLs", "-bool", "YES");
   const fs::path osascript = home.path() / "osascript";
   // iChat has a window open with carol only.
   writeText(osascript, "#!/bin/sh\nif grep -q 'Chat with carol\"' ; then echo yes; else echo no; fi\n");
@@ -226,24 +243,50 @@ TEST(CatchUp, DryRunSaysWhatItWouldDoAndWhyAndChangesNothing) {
   const auto before = everyFile(home);
 
   const auto all = home.run("parlova", {"--dry-run", "--catch-up"}, {{"PARLOVA_OSASCRIPT", osascript.string()}});
-  EXPECT_EQ(all.exitCode, 0) << all.err;
+  EXPECT_EQ(all.exitCode, 1) << "a problem is found";
   std::vector<std::string> lines;
   std::istringstream out(all.out);
   for (std::string line; std::getline(out, line);)
     lines.push_back(line);
-  std::sort(lines.begin(), lines.end());
+  // The walk's order is the file system's.
+  if (lines.size() > 9)
+    std::sort(lines.end() - 4, lines.end() - 1);
   EXPECT_EQ(lines, (std::vector<std::string>{
-                       "1 to process, 2 to leave",
+                       "mail     on (sendEmails): maildir into " + (home.path() / "Maildir/.Chats").string() +
+                           ", from ? to ?",
+                       "links    on (handleURLs)",
+                       "pictures off (handleImages)",
+                       "history  off (keepHistory)",
+                       "library  off (keepChatPages)",
+                       "problem  emailAddress is not set (the address the mail goes to)",
+                       "problem  emailOutgoing is not set (the address the mail comes from)",
+                       "note     no page templates in " + (home.path() / "Library/Parlova").string() +
+                           ", so no pages are made; parlova --setup puts them there",
                        "leave    Broken on 2005-01-01.ichat: does not load: not a property list, binary or XML",
                        "leave    carol on 2005-03-03 at 09.00.ichat: the chat is still open",
                        "process  alice on 2005-03-01 at 10.15.ichat",
+                       "1 to process, 2 to leave",
                    }));
-
   const auto one = home.run("parlova", {"--dry-run"}, {{"PARLOVA_OSASCRIPT", osascript.string()}});
-  EXPECT_EQ(one.exitCode, 0);
   EXPECT_EQ(countOccurrences(one.out, "process  "), 1u) << "a run processes one transcript";
   EXPECT_EQ(everyFile(home), before) << "a dry run changes nothing";
   EXPECT_FALSE(fs::exists(home.path() / "Library/Parlova/.parlova.lock"));
+
+  // The runs refuse before anything is touched, and say why where the
+  // settings pane shows it, until it is put right.
+  for (const std::vector<std::string> &arguments : {std::vector<std::string>{}, {"--catch-up"}}) {
+    const auto refused = home.run("parlova", arguments, {{"PARLOVA_OSASCRIPT", osascript.string()}});
+    EXPECT_EQ(refused.exitCode, arguments.empty() ? 0 : 1);
+    EXPECT_EQ(home.readSetting("reportThis"), "Mail settings: emailAddress is not set (the address the mail goes "
+                                              "to); emailOutgoing is not set (the address the mail comes from)");
+    EXPECT_EQ(filesBelow(home.chats()).size(), 3u);
+  }
+  home.setSetting("emailAddress", "-string", "me@example.org");
+  home.setSetting("emailOutgoing", "-string", "parlova@example.org");
+  EXPECT_EQ(home.run("parlova", {"--dry-run"}, {{"PARLOVA_OSASCRIPT", osascript.string()}}).exitCode, 0);
+  EXPECT_EQ(home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", osascript.string()}}).exitCode, 0);
+  EXPECT_EQ(home.readSetting("reportThis"), "(absent)");
+  EXPECT_EQ(filesBelow(home.chats()).size(), 2u);
 }
 
 } // namespace

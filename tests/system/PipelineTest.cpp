@@ -224,10 +224,34 @@ TEST(Setup, PutsTheShippedFilesInPlaceAndKeepsTheUsersOwn) {
   EXPECT_TRUE(fs::is_directory(home.path() / "Documents" / "iChats"));
   EXPECT_TRUE(fs::is_directory(home.path() / "Documents" / "iChats (Parlovaed)"));
   EXPECT_NE(result.out.find("systemctl --user enable --now parlova.timer"), std::string::npos);
+  EXPECT_NE(result.out.find("maildir: emailAddress emailOutgoing"), std::string::npos) << "what a delivery needs";
   // A catch-up without any template says how to get them.
+  // A catch-up without any template says how to get them; the pages come
+  // once they are there, and again after a template was changed.
   ScratchHome bare;
+  auto chat = simpleChat("alice");
+  chat.messages.push_back(samples::withLink(chat.others.front(), 2e8 + 60, "http://example.com/kept"));
+  bare.addTranscript("Alice on 2005-03-01 at 10.15.ichat", chat);
+  bare.setSetting("handleURLs", "-bool", "YES");
   EXPECT_NE(bare.run("parlova", {"--catch-up", "--quiet"}).err.find("; parlova --setup puts them there."),
             std::string::npos);
+  const fs::path links = bare.path() / "Library/Parlova/Links.html";
+  const auto without = bare.run("parlova", {"--rebuild-pages"});
+  EXPECT_EQ(without.exitCode, 1);
+  EXPECT_NE(without.err.find("] Pages rebuilt in part (no template linktemplate.html, statstemplate.html in "),
+            std::string::npos)
+      << without.err;
+  EXPECT_FALSE(fs::exists(links));
+  bare.run("parlova", {"--setup"});
+  for (const std::string mark : {"", "<!-- edited -->"}) {
+    writeText(bare.path() / "Library/Parlova/linktemplate.html",
+              readText(fs::path(PARLOVA_SOURCE_DIR) / "resources/linktemplate.html") + mark);
+    const auto rebuilt = bare.run("parlova", {"--rebuild-pages"});
+    EXPECT_EQ(rebuilt.exitCode, 0) << rebuilt.err;
+    EXPECT_NE(rebuilt.err.find("] Pages rebuilt: links and statistics, "), std::string::npos) << rebuilt.err;
+    EXPECT_NE(readText(links).find("example.com"), std::string::npos);
+    EXPECT_TRUE(readText(links).ends_with(mark));
+  }
 }
 
 // A link archive that does not read (left as it is, no pages) or cannot be

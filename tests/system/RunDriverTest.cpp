@@ -27,11 +27,18 @@ namespace fs = std::filesystem;
 
 using Strings = std::vector<std::string>;
 
-TEST(RunDriver, EmptyOrMissingTranscriptFolderEndsQuietly) {
+TEST(RunDriver, EmptyOrMissingTranscriptFolderEndsQuietlyButACatchUpSaysSo) {
   ScratchHome home;
   auto result = home.run("parlova");
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
+  const auto catchUp = home.run("parlova", {"--catch-up"});
+  EXPECT_EQ(catchUp.exitCode, 1);
+  EXPECT_NE(catchUp.err.find("] There is no transcript folder " + home.chats().string()), std::string::npos)
+      << catchUp.err;
+  const auto dry = home.run("parlova", {"--dry-run", "--catch-up"});
+  EXPECT_EQ(dry.exitCode, 1);
+  EXPECT_NE(dry.out.find("problem  there is no transcript folder "), std::string::npos) << dry.out;
 
   fs::create_directories(home.chats());
   result = home.run("parlova");
@@ -69,6 +76,42 @@ TEST(RunDriver, ProcessesOneFinishedTranscriptPerRunAndSkipsWhatIsNotOne) {
   EXPECT_EQ(filesBelow(home.chats()), (Strings{"Broken on 2005-01-01.ichat", "Empty on 2005-01-01.ichat",
                                                "NoDate.ichat", "notes.txt"}));
   EXPECT_TRUE(fs::is_directory(home.chats() / "Folder on 2005.ichat"));
+}
+
+// Folders below the transcript folder, relative to it.
+Strings foldersBelow(const fs::path &root) {
+  Strings folders;
+  for (const auto &entry : fs::recursive_directory_iterator(root))
+    if (entry.is_directory())
+      folders.push_back(entry.path().lexically_relative(root).string());
+  std::sort(folders.begin(), folders.end());
+  return folders;
+}
+
+TEST(RunDriver, EmptyDayFoldersGoOnceTheirTranscriptsHaveLeft) {
+  char today[16];
+  const time_t now = time(nullptr);
+  strftime(today, sizeof today, "%Y-%m-%d", localtime(&now));
+  // Kept: not a day, not a day that exists, a day whose chat may be going on.
+  const Strings kept = {"2005", "2005-02-30", "2005-03-05", "misc", today};
+  for (const bool catchUp : {false, true}) {
+    ScratchHome home;
+    for (const std::string &folder : kept)
+      fs::create_directories(home.chats() / folder);
+    writeText(home.chats() / "2005-03-05/notes.txt", "not a chat");
+    fs::create_directories(home.chats() / "2005-03-01");
+    home.addTranscript("2005-03-02/Alice on 2005-03-02 at 10.15.ichat", simpleChat("alice"));
+    home.addTranscript("2005/2005-03-03/Bob on 2005-03-03 at 11.00.ichat", simpleChat("bob"));
+
+    const auto dry = home.run("parlova", {"--dry-run", "--catch-up"});
+    EXPECT_NE(dry.out.find("remove   2005-03-01: an empty day folder\n"), std::string::npos) << dry.out;
+    for (int run = 0; run < (catchUp ? 1 : 3); ++run)
+      home.run("parlova", catchUp ? Strings{"--catch-up"} : Strings{});
+    EXPECT_EQ(filesBelow(home.archive()).size(), 2u);
+    Strings left = kept;
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(foldersBelow(home.chats()), left) << (catchUp ? "catch-up" : "single runs");
+  }
 }
 
 TEST(RunDriver, LogLinesHaveTheSystemLogShapeAndExactTexts) {

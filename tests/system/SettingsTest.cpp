@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 
 #include "tests/support/ToolTestSupport.h"
@@ -27,13 +28,15 @@ TEST(Settings, DamagedSettingsStopEveryRunBeforeAnythingIsTouched) {
     damage();
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{}, {"--catch-up"}}) {
       const auto result = home.run("parlova", arguments);
-      EXPECT_EQ(result.exitCode, 0);
+      EXPECT_EQ(result.exitCode, arguments.empty() ? 0 : 1);
       EXPECT_NE(result.err.find("] The settings file " + file.string() + " is damaged: " + reason +
                                 ". This run ends and touches nothing;"),
                 std::string::npos)
           << result.err;
     }
-    EXPECT_NE(home.run("parlova", {"--dry-run"}).out.find("stop: the settings file is damaged"), std::string::npos);
+    const auto dry = home.run("parlova", {"--dry-run"});
+    EXPECT_NE(dry.out.find("problem  the settings file is damaged"), std::string::npos);
+    EXPECT_EQ(dry.exitCode, 1);
     const auto read = home.run("parlova-defaults", {"read", "com.hollowmere.parlova"});
     EXPECT_EQ(read.exitCode, 1);
     EXPECT_EQ(read.err, "parlova-defaults: the settings file " + file.string() + " is damaged: " + reason + "\n");
@@ -94,6 +97,21 @@ TEST(DefaultsTool, WritesReadsAndDeletesLikeDefaults) {
   EXPECT_EQ(missing.exitCode, 1);
   EXPECT_NE(missing.err.find("does not exist"), std::string::npos);
   EXPECT_NE(home.run("parlova-defaults", {"write", "com.hollowmere.parlova", "emailPort", "-int", "lots"}).exitCode, 0);
+
+  // Written where Parlova never looks: said, and written all the same.
+  for (const auto &[domain, key, warning] : std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"com.hollowmere.parlova", "sendEmail", "Parlova has no setting sendEmail (did you mean sendEmails?)"},
+           {"com.hollowmere.parlova", "EmailFolder", "(did you mean emailFolder?)"},
+           {"com.hollowmere.parlova", "zzz", "no setting zzz (parlova-defaults with no arguments lists them)"},
+           {"com.hollowmere.parolva", "sendEmails", "not Parlova's domain (did you mean com.hollowmere.parlova?)"},
+           {"com.hollowmere.parlova", "sendEmails", ""}}) {
+    const auto written = home.run("parlova-defaults", {"write", domain, key, "-bool", "YES"});
+    EXPECT_EQ(written.exitCode, 0);
+    if (warning.empty())
+      EXPECT_EQ(written.err, "");
+    else
+      EXPECT_NE(written.err.find(warning), std::string::npos) << written.err;
+  }
 }
 
 // The error the settings pane shows, and the dialog that points to it.
