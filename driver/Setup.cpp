@@ -77,39 +77,40 @@ int setUp() {
       failed = 1;
     }
   }
-  const std::string domain(kSettingsDomain);
-  std::string mail;
+  const std::string write = "       parlova-defaults write " + std::string(kSettingsDomain) + " ";
+  std::string steps = "\nNext steps:\n"
+                      "  1. Settings (man parlova-defaults lists them all). Mail, for example into a Maildir:\n";
+  for (const char *setting : {"sendEmails -bool YES", "emailDelivery maildir", "emailAddress me@example.org",
+                              "emailOutgoing parlova@example.org"})
+    steps += write + setting + "\n";
+  steps += "     Each delivery needs these settings:\n";
   for (const DeliveryName &delivery : kDeliveryNames) {
-    mail += "     " + std::string(delivery.name) + ":";
-    for (const NeededSetting &needed : settingsNeededBy(delivery.kind))
-      mail += " " + std::string(needed.key);
-    mail += delivery.kind == DeliveryKind::Imap   ? " emailPasswordCommand (or emailPassword)\n"
-            : delivery.kind == DeliveryKind::Smtp ? " (for a login: emailNeedsUsername emailUsername "
-                                                    "emailPasswordCommand)\n"
-                                                  : " (emailMaildir: ~/Maildir when not set)\n";
+    steps += "     ";
+    steps += delivery.name;
+    steps += ':';
+    for (const NeededSetting &needed : settingsNeededBy(delivery.kind)) {
+      steps += ' ';
+      steps += needed.key;
+    }
+    steps += delivery.kind == DeliveryKind::Imap   ? " emailPasswordCommand (or emailPassword)\n"
+             : delivery.kind == DeliveryKind::Smtp ? " (for a login: emailNeedsUsername emailUsername "
+                                                     "emailPasswordCommand)\n"
+                                                   : " (emailMaildir: ~/Maildir when not set)\n";
   }
-  std::printf("\nNext steps:\n"
-              "  1. Settings (man parlova-defaults lists them all). Mail, for example into a Maildir:\n"
-              "       parlova-defaults write %1$s sendEmails -bool YES\n"
-              "       parlova-defaults write %1$s emailDelivery maildir\n"
-              "       parlova-defaults write %1$s emailAddress me@example.org\n"
-              "       parlova-defaults write %1$s emailOutgoing parlova@example.org\n"
-              "     Each delivery needs these settings:\n"
-              "%2$s"
-              "     Links, pictures and the searchable history:\n"
-              "       parlova-defaults write %1$s handleURLs -bool YES\n"
-              "       parlova-defaults write %1$s handleImages -bool YES\n"
-              "       parlova-defaults write %1$s keepHistory -bool YES\n"
-              "  2. See the plan, then carry the transcripts already in %3$s through once:\n"
-              "       parlova --dry-run --catch-up\n"
-              "       parlova --catch-up\n"
-              "     (Processed with mail off? parlova --mail-processed mails them afterwards.)\n"
-              "  3. Run parlova every five minutes:\n"
-              "       systemctl --user daemon-reload && systemctl --user enable --now parlova.timer\n"
-              "     (on a machine nobody logs in to: loginctl enable-linger)\n"
-              "     or, without systemd, with this line in crontab -e:\n"
-              "       */5 * * * * parlova\n",
-              domain.c_str(), mail.c_str(), (home / "Documents" / "iChats").c_str());
+  steps += "     Links, pictures and the searchable history:\n";
+  for (const char *setting : {"handleURLs -bool YES", "handleImages -bool YES", "keepHistory -bool YES"})
+    steps += write + setting + "\n";
+  steps += "  2. See the plan, then carry the transcripts already in " + (home / "Documents" / "iChats").string() +
+           " through once:\n"
+           "       parlova --dry-run --catch-up\n"
+           "       parlova --catch-up\n"
+           "     (Processed with mail off? parlova --mail-processed mails them afterwards.)\n"
+           "  3. Run parlova every five minutes:\n"
+           "       systemctl --user daemon-reload && systemctl --user enable --now parlova.timer\n"
+           "     (on a machine nobody logs in to: loginctl enable-linger)\n"
+           "     or, without systemd, with this line in crontab -e:\n"
+           "       */5 * * * * parlova\n";
+  std::fputs(steps.c_str(), stdout);
   return failed;
 }
 

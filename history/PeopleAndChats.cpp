@@ -99,8 +99,11 @@ std::variant<std::vector<std::string>, std::string> PeopleAndChats::resolve(cons
 
 std::string PeopleAndChats::accountList(const std::vector<std::string> &accounts) {
   std::string json = "[";
-  for (const std::string &account : accounts)
-    json += (json.size() > 1 ? "," : "") + jsonString(account);
+  for (const std::string &account : accounts) {
+    if (json.size() > 1)
+      json += ',';
+    json += jsonString(account);
+  }
   return json + "]";
 }
 
