@@ -7,6 +7,7 @@
 #include "context/Settings.h"
 #include "driver/DayFolders.h"
 #include "foundation/PropertyList.h"
+#include "model/ICLPChatLog.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
 
@@ -29,6 +30,14 @@ fs::path ArchiveTargetIn(const fs::path &archiveFolder, const fs::path &transcri
 }
 
 fs::path ArchiveFolder() { return homeDirectory() / "Documents" / "iChats (Parlovaed)"; }
+
+std::vector<std::string> ProcessedTranscripts() {
+  std::vector<std::string> entries;
+  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();)
+    if (ICLPChatLog::hasTranscriptExtension(*entry))
+      entries.push_back(*entry);
+  return entries;
+}
 
 fs::path ArchiveTargetFor(const fs::path &transcript) { return ArchiveTargetIn(ArchiveFolder(), transcript); }
 

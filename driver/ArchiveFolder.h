@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <unordered_set>
+#include <vector>
 #include <string>
 
 #include "platform/FileManager.h"
@@ -13,6 +14,8 @@
 namespace parlova {
 
 std::filesystem::path ArchiveFolder();
+// The transcripts there, relative to it, in the walk's order.
+std::vector<std::string> ProcessedTranscripts();
 // Where a transcript goes in `archiveFolder`: its own name, or with " #2",
 // " #2 #3", ... when that is taken.
 // Names in `alsoTaken` count as taken: moves that are due but not made.

@@ -11,6 +11,7 @@
 #include "driver/RunPlan.h"
 #include "driver/RunStart.h"
 #include "driver/TranscriptJournal.h"
+#include "foundation/TerminalText.h"
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -22,6 +23,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// An entry's name goes through terminalLine: a file name that someone
+// else's screen name went into.
 void say(const std::string &line) { std::fputs((line + "\n").c_str(), stdout); }
 
 } // namespace
@@ -52,20 +55,20 @@ int dryRun(const RunOptions &options) {
   while (const auto entry = entries.nextObject()) {
     const fs::path path = chatFolder / *entry;
     if (std::error_code error; isRemovableDayFolder(path) && fs::is_empty(path, error)) {
-      say("remove   " + *entry + ": an empty day folder");
+      say("remove   " + terminalLine(*entry) + ": an empty day folder");
       continue;
     }
     judgeEntry(*entry);
     const auto log = ICLPChatLog::initWithFilePath(path);
     if (!log) {
       if (ICLPChatLog::hasTranscriptExtension(path) && !fs::is_directory(path)) {
-        say("leave    " + *entry + ": does not load: " + ICLPChatLog::reasonNotLoaded(path));
+        say("leave    " + terminalLine(*entry) + ": does not load: " + ICLPChatLog::reasonNotLoaded(path));
         ++toLeave;
       }
       continue;
     }
     if (!log->isLikelyEndOfChat()) {
-      say("leave    " + *entry + ": the chat is still open");
+      say("leave    " + terminalLine(*entry) + ": the chat is still open");
       ++toLeave;
       // A run ends at such a chat when the walk's own question found it over.
       if (!catchUp && isLikelyComplete)
@@ -73,11 +76,11 @@ int dryRun(const RunOptions &options) {
       continue;
     }
     if (const int32_t error = settings.intValue("errorStatus"); error != 0) {
-      say("stop at  " + *entry + ": an email error stands (errorStatus " + std::to_string(error) +
+      say("stop at  " + terminalLine(*entry) + ": an email error stands (errorStatus " + std::to_string(error) +
           "); nothing is archived until it is deleted");
       break;
     }
-    say("process  " + *entry);
+    say("process  " + terminalLine(*entry));
     ++toProcess;
     if (!catchUp)
       break;

@@ -11,6 +11,7 @@
 #include "driver/CatchUpProgress.h"
 #include "driver/RunStart.h"
 #include "driver/TranscriptJournal.h"
+#include "foundation/TerminalText.h"
 #include "generator/ChatLibrary.h"
 #include "generator/ChatRecords.h"
 #include "generator/ICLPLogGenerator.h"
@@ -44,19 +45,17 @@ int sayWhatRebuildWouldAdd() {
     reindex = history->waitingForReindex().value_or(0);
   }
   size_t transcripts = 0, missing = 0;
-  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();) {
-    if (!ICLPChatLog::hasTranscriptExtension(*entry))
-      continue;
-    const fs::path path = ArchiveFolder() / *entry;
+  for (const std::string &entry : ProcessedTranscripts()) {
+    const fs::path path = ArchiveFolder() / entry;
     const auto contents = readFileContents(path);
     ++transcripts;
     if (contents && known.contains(TranscriptJournal::identityOf(*contents).key()))
       continue;
     if (!contents || !ICLPChatLog::initWithFileContents(path, *contents)) {
-      std::printf("leave    %s: does not load\n", entry->c_str());
+      std::printf("leave    %s: does not load\n", terminalLine(entry).c_str());
       continue;
     }
-    std::printf("add      %s\n", entry->c_str());
+    std::printf("add      %s\n", terminalLine(entry).c_str());
     ++missing;
   }
   std::printf("%s transcripts, %s to add to %s\n", thousands(transcripts).c_str(), thousands(missing).c_str(),
@@ -87,10 +86,7 @@ int rebuildHistory(const RunOptions &options) {
     return 1;
   }
 
-  std::vector<std::string> entries;
-  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();)
-    if (ICLPChatLog::hasTranscriptExtension(*entry))
-      entries.push_back(*entry);
+  const std::vector<std::string> entries = ProcessedTranscripts();
 
   const ICLPLogGenerator::WordLists lists = ICLPLogGenerator::ReadWordLists();
   const bool library = ChatLibrary::wanted();

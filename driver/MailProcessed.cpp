@@ -42,10 +42,7 @@ bool withinDates(const RunOptions &options, const TranscriptMailContent &content
 }
 
 std::vector<std::string> processedTranscripts() {
-  std::vector<std::string> entries;
-  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();)
-    if (ICLPChatLog::hasTranscriptExtension(*entry))
-      entries.push_back(*entry);
+  std::vector<std::string> entries = ProcessedTranscripts();
   std::sort(entries.begin(), entries.end());
   return entries;
 }

@@ -37,10 +37,7 @@ std::optional<size_t> rewriteChatPages(const RunOptions &options) {
   for (const auto &[page, key] : *pages)
     pageOfKey.emplace(key, page);
 
-  std::vector<std::string> entries;
-  for (DirectoryEnumerator walk(ArchiveFolder()); const auto entry = walk.nextObject();)
-    if (ICLPChatLog::hasTranscriptExtension(*entry))
-      entries.push_back(*entry);
+  const std::vector<std::string> entries = ProcessedTranscripts();
   const ICLPLogGenerator::WordLists lists = ICLPLogGenerator::ReadWordLists();
   CatchUpProgress progress(entries.size(), options.quiet);
   size_t written = 0, read = 0;

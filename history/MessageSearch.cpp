@@ -71,16 +71,6 @@ SearchHit::Message messageOf(const SqliteStatement &row) {
   return message;
 }
 
-std::vector<std::string> lines(const std::string &text) {
-  std::vector<std::string> found;
-  for (size_t start = 0; start < text.size();) {
-    const size_t end = text.find('\n', start);
-    found.push_back(text.substr(start, end - start));
-    start = end == std::string::npos ? text.size() : end + 1;
-  }
-  return found;
-}
-
 } // namespace
 
 std::string ftsQuery(std::string_view typed) {
@@ -215,7 +205,7 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
     hit.marked = statement.text(named("marked"));
     hit.snippet = statement.text(named("snippet"));
     hit.transcript = statement.text(named("transcript"));
-    hit.with = lines(statement.text(named("participants")));
+    hit.with = PeopleAndChats::accountsIn(statement.text(named("participants")));
     hit.chatName = statement.text(named("chat_name"));
     if (!statement.isNull(named("chat_time")))
       hit.chatTime = statement.real(named("chat_time"));

@@ -16,17 +16,6 @@ std::string lowered(std::string text) {
   return text;
 }
 
-std::vector<std::string> lines(const std::string &text) {
-  std::vector<std::string> found;
-  for (size_t start = 0; start < text.size();) {
-    const size_t end = std::min(text.find('\n', start), text.size());
-    if (end > start)
-      found.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return found;
-}
-
 } // namespace
 
 std::optional<std::vector<HistoryPerson>> PeopleAndChats::people() {
@@ -56,7 +45,7 @@ std::optional<std::vector<HistoryPerson>> PeopleAndChats::people() {
     if (statement->integer(2) == 0)
       count(statement->text(0), statement->text(1), last);
     else
-      for (const std::string &account : lines(statement->text(3)))
+      for (const std::string &account : accountsIn(statement->text(3)))
         count(account, account, last);
   }
   std::vector<HistoryPerson> people;
@@ -97,6 +86,17 @@ std::variant<std::vector<std::string>, std::string> PeopleAndChats::resolve(cons
   return accounts;
 }
 
+std::vector<std::string> PeopleAndChats::accountsIn(const std::string &participants) {
+  std::vector<std::string> found;
+  for (size_t start = 0; start < participants.size();) {
+    const size_t end = std::min(participants.find('\n', start), participants.size());
+    if (end > start)
+      found.push_back(participants.substr(start, end - start));
+    start = end + 1;
+  }
+  return found;
+}
+
 std::string PeopleAndChats::accountList(const std::vector<std::string> &accounts) {
   std::string json = "[";
   for (const std::string &account : accounts) {
@@ -133,7 +133,7 @@ std::optional<std::vector<HistoryChat>> PeopleAndChats::chats(const std::vector<
     if (!std::get<bool>(step))
       return chats;
     HistoryChat chat{statement->text(0), statement->text(1), statement->text(2), statement->text(3),
-                     lines(statement->text(4)), std::nullopt, statement->integer(6)};
+                     accountsIn(statement->text(4)), std::nullopt, statement->integer(6)};
     if (!statement->isNull(5))
       chat.time = statement->real(5);
     chats.push_back(std::move(chat));

@@ -49,6 +49,8 @@ public:
   std::optional<std::vector<HistoryChat>> chats(const std::vector<std::string> &with, std::optional<double> since,
                                                 std::optional<double> until, size_t limit);
 
+  // The accounts of a chat's participants column (one a line).
+  static std::vector<std::string> accountsIn(const std::string &participants);
   // `accounts` as the statements take a list of people: a JSON array.
   static std::string accountList(const std::vector<std::string> &accounts);
   // The condition on a chat `c` that it is with one of the people listed in

@@ -292,8 +292,9 @@ int main(int argc, char **argv) {
       return everybody->empty() ? 1 : 0;
     }
     auto resolved = parlova::PeopleAndChats::resolve(*everybody, typedWith);
+    // It names people as their chats name them: typed by others.
     if (const auto *why = std::get_if<std::string>(&resolved))
-      return trouble(*why);
+      return trouble(terminalLine(*why));
     options.with = std::move(std::get<std::vector<std::string>>(resolved));
   }
   if (query.find_first_not_of(" ") == std::string::npos && (!options.with.empty() || options.since || options.until)) {

@@ -287,6 +287,12 @@ TEST(CatchUp, DryRunShowsThePlanAndWhatARunWouldRefuseAndChangesNothing) {
   EXPECT_EQ(home.run("parlova", {}, {{"PARLOVA_OSASCRIPT", osascript.string()}}).exitCode, 0);
   EXPECT_EQ(home.readSetting("reportThis"), "(absent)");
   EXPECT_EQ(filesBelow(home.chats()).size(), 2u);
+
+  // A screen name went into the file's name: shown, not sent, on a terminal.
+  home.addTranscript("eve\x1b]0;owned\x07 on 2005-03-04 at 09.00.ichat", simpleChat("eve"));
+  const auto named = home.run("parlova", {"--dry-run", "--catch-up"}, {{"PARLOVA_OSASCRIPT", osascript.string()}});
+  EXPECT_NE(named.out.find("process  eve"), std::string::npos) << named.out;
+  EXPECT_EQ(named.out.find('\x1b'), std::string::npos) << named.out;
 }
 
 } // namespace
