@@ -61,7 +61,7 @@ demo:
 bench:
 	tools/install-deps bench
 	cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DPARLOVA_TESTS=OFF -DPARLOVA_BENCH=ON
-	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults parlova-search
+	cmake --build $(BUILD)-bench -j$(JOBS) --target parlova_bench parlova parlova-inspect parlova-defaults parlova-search parlova-web
 	$(BUILD)-bench/bench/parlova_bench $(FIGURES)
 
 # Every coverage-guided fuzz target (clang's libFuzzer with AddressSanitizer

@@ -36,15 +36,7 @@ namespace parlova::bench {
 
 namespace fs = std::filesystem;
 
-namespace {
-
 using Clock = std::chrono::steady_clock;
-
-struct ChildRun {
-  double seconds = 0;
-  double cpuSeconds = 0; // user and system, the child's alone
-  double peakMiB = 0;
-};
 
 ChildRun runIn(const fs::path &home, const std::vector<std::string> &command) {
   std::vector<std::string> words = command;
@@ -118,6 +110,8 @@ fs::path makeHome(const fs::path &root, const std::string &name, const fs::path 
     runIn(home, {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova", key, "-bool", "YES"});
   return home;
 }
+
+namespace {
 
 size_t transcriptsWaiting(const fs::path &home) {
   size_t count = 0;

@@ -29,6 +29,22 @@ double median(std::vector<double> values);
 void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
           const char *goal);
 
+// A tool run to its end with this home, its output thrown away.
+struct ChildRun {
+  double seconds = 0;
+  double cpuSeconds = 0; // user and system, the child's alone
+  double peakMiB = 0;
+};
+ChildRun runIn(const std::filesystem::path &home, const std::vector<std::string> &command);
+// A home with the shipped files, links and pictures on, mail off, and the
+// given transcripts of the backlog (linked, not copied).
+std::filesystem::path makeHome(const std::filesystem::path &root, const std::string &name,
+                               const std::filesystem::path &backlog,
+                               const std::vector<std::filesystem::path> &transcripts,
+                               const std::filesystem::path &binaryDir);
+// The web view on the backlog and a chat of 200,000 messages.
+void printWeb(const std::filesystem::path &binaryDir);
+
 // Merging 50 links into an archive of 100,000, pages included: the median
 // time, and the archive it started from.
 double linkMergeSeconds(std::vector<uint8_t> &archive);

@@ -136,6 +136,8 @@ int main(int argc, char **argv) {
     parlova::bench::printHistoryPage();
   if (wanted("search"))
     parlova::bench::printSearch(PARLOVA_BINARY_DIR);
+  if (wanted("web"))
+    parlova::bench::printWeb(PARLOVA_BINARY_DIR);
   std::filesystem::remove_all(folder);
   return 0;
 }

@@ -236,6 +236,7 @@ struct ChatHistory::Additions::Writing {
              {&speaker, "INSERT OR IGNORE INTO speakers (account, name) VALUES (:account, :name)"},
              {&speakerId, "SELECT id FROM speakers WHERE account = :account AND name = :name"},
              {&changes, "SELECT changes() AS changed, last_insert_rowid() AS id"},
+             {&firstRow, "UPDATE chats SET first_row = last_insert_rowid() WHERE id = :chat"},
              // A chat kept before the library was asked for gets its page later.
              {&paged, "UPDATE chats SET page = :page WHERE key = :key AND page IS NULL"}})
       if (auto failed = prepared(*into, sql))
@@ -394,6 +395,9 @@ struct ChatHistory::Additions::Writing {
         bind(*message, ":time", static_cast<int64_t>(std::floor(*text.time)));
       if (auto failed = bind(*message, ":speaker", std::get<int64_t>(who)).run())
         return failed;
+      if (&text == &record.texts.front())
+        if (auto failed = bind(*firstRow, ":chat", id).run())
+          return failed;
     }
     return std::nullopt;
   }
@@ -427,7 +431,7 @@ struct ChatHistory::Additions::Writing {
   bool setAsideDamaged = false;
   size_t added = 0;
   size_t reindexed = 0;
-  std::optional<SqliteStatement> chat, slot, message, speaker, speakerId, changes, paged, unindex, reindexDone;
+  std::optional<SqliteStatement> chat, slot, message, speaker, speakerId, changes, paged, unindex, reindexDone, firstRow;
   // The chats waiting in `reindex` and their rows in the index (first,
   // last; none: first past last).
   std::map<int64_t, std::pair<int64_t, int64_t>> rowsOf;

@@ -68,6 +68,16 @@ CREATE INDEX IF NOT EXISTS chats_by_account ON chats (account, user_words, other
 R"sql(
 CREATE TABLE IF NOT EXISTS reindex (chat INTEGER PRIMARY KEY);
 INSERT OR IGNORE INTO reindex (chat) SELECT id FROM chats WHERE pictures > 0;
+)sql",
+// Version 3: where a chat's messages begin in the index, so that a reader
+// finds any stretch of a chat by row numbers alone (the index cannot be
+// searched by chat). Its rows follow each other, one for each message.
+R"sql(
+ALTER TABLE chats ADD COLUMN first_row INTEGER;
+CREATE TEMP TABLE first_rows (chat INTEGER PRIMARY KEY, first INTEGER NOT NULL);
+INSERT INTO first_rows SELECT chat, min(rowid) FROM texts GROUP BY chat;
+UPDATE chats SET first_row = (SELECT first FROM first_rows WHERE first_rows.chat = chats.id);
+DROP TABLE first_rows;
 )sql"};
 
 static_assert(std::size(kMigrations) == HistorySchema::kVersion);

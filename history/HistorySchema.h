@@ -15,7 +15,7 @@ namespace parlova {
 class HistorySchema {
 public:
   // The version this program writes.
-  static constexpr int64_t kVersion = 2;
+  static constexpr int64_t kVersion = 3;
 
   enum class State {
     Current, // made, migrated, or as this program writes it already

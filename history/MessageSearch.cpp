@@ -36,6 +36,8 @@ std::string quoted(std::string_view word) {
 
 // FTS5's complaint in the user's words.
 SearchFailure badQuery(const SqliteError &error) {
+  if (error.stopped)
+    return {SearchFailure::Kind::TooLong, "the query reads too much of the index; add a word, a person or dates"};
   if (error.busy)
     return {SearchFailure::Kind::Busy, "the chat history is being written"};
   const std::string &sqlite = error.message;
@@ -54,6 +56,8 @@ SearchFailure badQuery(const SqliteError &error) {
 // A history kept before messages were indexed has no table of them; one
 // whose tables cannot be read at all is another matter.
 SearchFailure unprepared(const SqliteError &error) {
+  if (error.stopped)
+    return badQuery(error);
   if (error.busy)
     return {SearchFailure::Kind::Busy, "the chat history is being written"};
   if (error.message.find("no such table") != std::string::npos)
@@ -69,6 +73,22 @@ SearchHit::Message messageOf(const SqliteStatement &row) {
   message.speaker = row.text(row.column("speaker"));
   message.text = row.text(row.column("text"));
   return message;
+}
+
+// The conditions on a matching message besides the words, and their
+// parameters (?2 to ?4, ?8 and ?9) bound.
+constexpr const char *kConditions = " AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) "
+                                    "AND (coalesce(?8, 0) = 0 OR c.links > 0) AND (coalesce(?9, 0) = 0 OR c.pictures > 0) ";
+
+void bindConditions(SqliteStatement &statement, const std::string &query, const SearchOptions &options) {
+  statement.bind(1, query);
+  if (!options.with.empty())
+    statement.bind(2, PeopleAndChats::accountList(options.with));
+  if (options.since)
+    statement.bind(3, *options.since);
+  if (options.until)
+    statement.bind(4, *options.until);
+  statement.bind(8, int64_t{options.withLinks}).bind(9, int64_t{options.withPictures});
 }
 
 } // namespace
@@ -147,12 +167,11 @@ std::string hitsStatement(HitOrder order) {
                      "c.page AS page "
                      "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
                      "WHERE texts MATCH ?1 AND ") +
-         PeopleAndChats::kWithCondition +
-         " AND (?3 IS NULL OR texts.time >= ?3) AND (?4 IS NULL OR texts.time < ?4) " +
+         PeopleAndChats::kWithCondition + kConditions +
          (order == HitOrder::Oldest ? "ORDER BY texts.time, texts.rowid "
           : order == HitOrder::Best ? "ORDER BY rank "
                                     : "ORDER BY texts.rowid DESC ") +
-         "LIMIT ?5";
+         "LIMIT ?5 OFFSET coalesce(?10, 0)";
 }
 
 std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabase &history,
@@ -180,15 +199,10 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
   if (const auto *error = std::get_if<SqliteError>(&prepared))
     return unprepared(*error);
   auto &statement = std::get<SqliteStatement>(prepared);
-  statement.bind(1, query);
-  if (!options.with.empty())
-    statement.bind(2, PeopleAndChats::accountList(options.with));
-  if (options.since)
-    statement.bind(3, *options.since);
-  if (options.until)
-    statement.bind(4, *options.until);
+  bindConditions(statement, query, options);
   statement.bind(5, options.limit == 0 ? int64_t{-1} : static_cast<int64_t>(options.limit));
   statement.bind(6, options.markOpen).bind(7, options.markClose);
+  statement.bind(10, static_cast<int64_t>(options.skip));
 
   std::vector<SearchHit> hits;
   while (true) {
@@ -235,6 +249,39 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
       }
   }
   return hits;
+}
+
+std::variant<HitCount, SearchFailure> countHits(SqliteDatabase &history, const SearchOptions &options,
+                                                int64_t most) {
+  const std::string query = ftsQuery(options.query);
+  if (query.empty())
+    return SearchFailure{SearchFailure::Kind::BadQuery, "there are no words to search for"};
+  auto prepared = history.prepare(
+      std::string("SELECT coalesce(CAST(strftime('%Y', sent, 'unixepoch', 'localtime') AS INTEGER), 0) AS year, "
+                  "count(*) AS hits FROM (SELECT texts.time AS sent FROM texts JOIN chats c ON c.id = texts.chat "
+                  "WHERE texts MATCH ?1 AND ") +
+      PeopleAndChats::kWithCondition + kConditions + "LIMIT ?5) GROUP BY year ORDER BY year");
+  if (const auto *error = std::get_if<SqliteError>(&prepared))
+    return unprepared(*error);
+  auto &statement = std::get<SqliteStatement>(prepared);
+  bindConditions(statement, query, options);
+  statement.bind(5, most + 1);
+  HitCount count;
+  while (true) {
+    const auto step = statement.step();
+    if (const auto *error = std::get_if<SqliteError>(&step))
+      return badQuery(*error);
+    if (!std::get<bool>(step))
+      break;
+    const int64_t hits = statement.integer(1);
+    count.years.emplace_back(static_cast<int>(statement.integer(0)), hits);
+    count.total += hits;
+  }
+  if (count.total > most) {
+    count.more = true;
+    count.total = most;
+  }
+  return count;
 }
 
 } // namespace parlova

@@ -28,7 +28,10 @@ struct SearchOptions {
   std::vector<std::string> with; // accounts or names; empty: anybody
   std::optional<double> since; // seconds since 1970, from this instant
   std::optional<double> until; // before this instant
+  bool withLinks = false;      // only chats in which a link was posted
+  bool withPictures = false;   // only chats in which a file was sent
   size_t limit = 50;           // 0: all
+  size_t skip = 0;             // the first hits, shown already
   bool byDate = false;         // oldest first, else best first
   size_t context = 0;          // messages before and after each hit
   // Put around the matched words in `marked`.
@@ -57,17 +60,28 @@ inline constexpr int64_t kMostRanked = 10000;
 
 // The statements a search runs: how many messages match ?1, then the hits
 // (?1 the query, ?2 the person or null, ?3 and ?4 the instants or null, ?5
-// the most hits, ?6 and ?7 the marks around matched words).
+// the most hits, ?6 and ?7 the marks around matched words, ?8 and ?9 1 for
+// chats with links or pictures only, ?10 the hits to skip).
 inline constexpr const char *kCountStatement = "SELECT count(*) FROM texts WHERE texts MATCH ?1";
 enum class HitOrder { Best, Newest, Oldest };
 std::string hitsStatement(HitOrder order);
 
 struct SearchFailure {
-  enum class Kind { BadQuery, NoIndex, Unreadable, Busy } kind;
+  enum class Kind { BadQuery, NoIndex, Unreadable, Busy, TooLong } kind;
   std::string reason; // in the user's words, never SQLite's
 };
 
 std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabase &history,
                                                                    const SearchOptions &options);
+
+// How many messages the search finds (counted up to `most`), by the year
+// they were sent in, local time; its limit and order play no part.
+struct HitCount {
+  int64_t total = 0;
+  bool more = false; // there are more than `total`
+  std::vector<std::pair<int, int64_t>> years; // oldest first; 0: no date
+};
+std::variant<HitCount, SearchFailure> countHits(SqliteDatabase &history, const SearchOptions &options,
+                                                int64_t most);
 
 } // namespace parlova

@@ -109,12 +109,14 @@ std::string PeopleAndChats::accountList(const std::vector<std::string> &accounts
 
 std::optional<std::vector<HistoryChat>> PeopleAndChats::chats(const std::vector<std::string> &with,
                                                               std::optional<double> since,
-                                                              std::optional<double> until, size_t limit) {
+                                                              std::optional<double> until, size_t limit,
+                                                              size_t skip) {
   auto prepared = history_.prepare(std::string("SELECT transcript, coalesce(page, ''), account, display_name, "
-                                               "participants, first_time, messages FROM chats c WHERE ") +
+                                               "participants, first_time, messages, id, first_line, "
+                                               "user_words + other_words FROM chats c WHERE ") +
                                    kWithCondition +
                                    " AND (?3 IS NULL OR first_time >= ?3) AND (?4 IS NULL OR first_time < ?4) "
-                                   "ORDER BY first_time, id LIMIT ?5");
+                                   "ORDER BY first_time, id LIMIT ?5 OFFSET ?6");
   auto *statement = std::get_if<SqliteStatement>(&prepared);
   if (!statement)
     return std::nullopt;
@@ -125,6 +127,7 @@ std::optional<std::vector<HistoryChat>> PeopleAndChats::chats(const std::vector<
   if (until)
     statement->bind(4, *until);
   statement->bind(5, limit == 0 ? int64_t{-1} : static_cast<int64_t>(limit));
+  statement->bind(6, static_cast<int64_t>(skip));
   std::vector<HistoryChat> chats;
   while (true) {
     const auto step = statement->step();
@@ -133,7 +136,8 @@ std::optional<std::vector<HistoryChat>> PeopleAndChats::chats(const std::vector<
     if (!std::get<bool>(step))
       return chats;
     HistoryChat chat{statement->text(0), statement->text(1), statement->text(2), statement->text(3),
-                     accountsIn(statement->text(4)), std::nullopt, statement->integer(6)};
+                     accountsIn(statement->text(4)), std::nullopt, statement->integer(6), statement->integer(7),
+                     statement->text(8), statement->integer(9)};
     if (!statement->isNull(5))
       chat.time = statement->real(5);
     chats.push_back(std::move(chat));

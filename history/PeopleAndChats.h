@@ -28,6 +28,9 @@ struct HistoryChat {
   std::vector<std::string> with; // the other participants' accounts
   std::optional<double> time;
   int64_t messages = 0;
+  int64_t id = 0; // its row in the history
+  std::string firstLine;
+  int64_t words = 0;
 };
 
 class PeopleAndChats {
@@ -45,9 +48,10 @@ public:
                                                                      const std::vector<std::string> &typed);
 
   // The chats with any of `with` (all when empty) begun in [since, until),
-  // oldest first, at most `limit` (0: all); nothing when unreadable.
+  // oldest first, at most `limit` (0: all) after the first `skip`;
+  // nothing when unreadable.
   std::optional<std::vector<HistoryChat>> chats(const std::vector<std::string> &with, std::optional<double> since,
-                                                std::optional<double> until, size_t limit);
+                                                std::optional<double> until, size_t limit, size_t skip = 0);
 
   // The accounts of a chat's participants column (one a line).
   static std::vector<std::string> accountsIn(const std::string &participants);

@@ -20,7 +20,8 @@ SqliteError sqliteError(sqlite3 *database, int code) {
     system = ENOSPC;
   if (system != 0)
     text += std::string(" (") + std::strerror(system) + ")";
-  return {text, primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB, primary == SQLITE_BUSY || primary == SQLITE_LOCKED};
+  return {text, primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB, primary == SQLITE_BUSY || primary == SQLITE_LOCKED,
+          primary == SQLITE_INTERRUPT};
 }
 
 void SqliteStatement::Finalizer::operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
@@ -142,6 +143,23 @@ std::variant<SqliteStatement, SqliteError> SqliteDatabase::prepare(std::string_v
     return sqliteError(database_.get(), code);
   }
   return SqliteStatement(database_.get(), statement);
+}
+
+void SqliteDatabase::limitWork(std::optional<std::chrono::milliseconds> limit) {
+  if (!limit) {
+    sqlite3_progress_handler(database_.get(), 0, nullptr, nullptr);
+    deadline_.reset();
+    return;
+  }
+  deadline_ = std::make_unique<std::chrono::steady_clock::time_point>(std::chrono::steady_clock::now() + *limit);
+  // A few thousand steps of SQLite's machine take a few microseconds.
+  sqlite3_progress_handler(
+      database_.get(), 4000,
+      [](void *deadline) {
+        return std::chrono::steady_clock::now() > *static_cast<std::chrono::steady_clock::time_point *>(deadline) ? 1
+                                                                                                                 : 0;
+      },
+      deadline_.get());
 }
 
 std::optional<SqliteError> SqliteDatabase::execute(const std::string &sql) {

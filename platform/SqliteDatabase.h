@@ -3,6 +3,7 @@
 // whether it said that the file is not a sound database.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -20,6 +21,7 @@ struct SqliteError {
   std::string message;
   bool damaged = false; // the file is not a database, or a damaged one
   bool busy = false;    // another connection held it longer than we waited
+  bool stopped = false; // it ran past the limit set with limitWork
 };
 
 class SqliteStatement {
@@ -75,12 +77,18 @@ public:
   // One or more statements that return nothing.
   std::optional<SqliteError> execute(const std::string &sql);
 
+  // From now on, statements fail (`stopped`) once `limit` has passed;
+  // nothing: no limit again.
+  void limitWork(std::optional<std::chrono::milliseconds> limit);
+
 private:
   struct Closer {
     void operator()(sqlite3 *database) const;
   };
   explicit SqliteDatabase(sqlite3 *database) : database_(database) {}
   std::unique_ptr<sqlite3, Closer> database_;
+  // Where SQLite's progress handler looks, which a move must not change.
+  std::unique_ptr<std::chrono::steady_clock::time_point> deadline_;
 };
 
 // What SQLite said, for a result code and the database it came from.

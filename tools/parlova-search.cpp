@@ -21,6 +21,7 @@
 #include "foundation/LocalDay.h"
 #include "foundation/TerminalText.h"
 #include "foundation/Unicode.h"
+#include "history/HitJson.h"
 #include "history/MessageSearch.h"
 #include "history/PeopleAndChats.h"
 #include "platform/Home.h"
@@ -75,21 +76,6 @@ std::string localTime(std::optional<double> seconds, const char *format) {
   return text;
 }
 
-std::string isoTime(std::optional<double> seconds) {
-  if (!seconds)
-    return {};
-  const auto time = static_cast<std::time_t>(*seconds);
-  std::tm local{};
-  localtime_r(&time, &local);
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
-  const long offset = local.tm_gmtoff / 60;
-  char zone[48];
-  std::snprintf(zone, sizeof zone, "%c%02ld:%02ld", offset < 0 ? '-' : '+', std::labs(offset) / 60,
-                std::labs(offset) % 60);
-  return std::string(text) + zone;
-}
-
 std::string json(const std::string &text) { return parlova::jsonString(text); }
 
 // Where a hit's words begin and end, on a terminal: characters of the
@@ -116,18 +102,8 @@ std::optional<std::string> pageOf(const SearchHit &hit) {
 }
 
 void printJson(const std::vector<SearchHit> &hits) {
-  for (const SearchHit &hit : hits) {
-    std::string with = "[";
-    for (const std::string &account : hit.with)
-      with += (with.size() > 1 ? "," : "") + json(account);
-    const auto page = pageOf(hit);
-    std::printf("{\"transcript\":%s,\"with\":%s],\"account\":%s,\"speaker\":%s,\"time\":%s,\"text\":%s,"
-                "\"snippet\":%s,\"page\":%s}\n",
-                json(hit.transcript).c_str(), with.c_str(), json(hit.message.account).c_str(),
-                json(hit.message.speaker).c_str(),
-                hit.message.time ? json(isoTime(hit.message.time)).c_str() : "null", json(hit.message.text).c_str(),
-                json(hit.snippet).c_str(), page ? json(*page).c_str() : "null");
-  }
+  for (const SearchHit &hit : hits)
+    std::printf("%s\n", parlova::hitJson(hit, pageOf(hit)).c_str());
 }
 
 void printPeople(const std::vector<parlova::HistoryPerson> &people, bool asJson) {
@@ -135,7 +111,7 @@ void printPeople(const std::vector<parlova::HistoryPerson> &people, bool asJson)
     if (asJson)
       std::printf("{\"account\":%s,\"name\":%s,\"chats\":%lld,\"last\":%s}\n", json(person.account).c_str(),
                   json(person.name).c_str(), static_cast<long long>(person.chats),
-                  person.lastChat ? json(isoTime(person.lastChat)).c_str() : "null");
+                  person.lastChat ? json(parlova::isoLocalTime(person.lastChat)).c_str() : "null");
     else
       std::printf("%s%s  %lld chat%s, the last %s\n", terminalLine(person.account).c_str(),
                   person.name != person.account ? (" (" + terminalLine(person.name) + ")").c_str() : "",
@@ -158,7 +134,7 @@ void printChats(const std::vector<parlova::HistoryChat> &chats, bool asJson) {
         with += (with.size() > 1 ? "," : "") + json(account);
       std::printf("{\"transcript\":%s,\"with\":%s],\"name\":%s,\"time\":%s,\"messages\":%lld,\"page\":%s}\n",
                   json(chat.transcript).c_str(), with.c_str(), json(chat.name).c_str(),
-                  chat.time ? json(isoTime(chat.time)).c_str() : "null", static_cast<long long>(chat.messages),
+                  chat.time ? json(parlova::isoLocalTime(chat.time)).c_str() : "null", static_cast<long long>(chat.messages),
                   page ? json(*page).c_str() : "null");
       continue;
     }

@@ -14,6 +14,9 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 extern char **environ;
 
@@ -214,6 +217,79 @@ FakeIChat::~FakeIChat() {
     kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
+}
+
+WebView::WebView(const ScratchHome &home, const std::map<std::string, std::string> &environment) {
+  const fs::path out = home.path() / ".web-stdout";
+  std::string command = "exec env -i HOME=" + shellQuoted(home.path().string()) + " TZ=UTC PATH=/usr/bin:/bin";
+  for (const auto &[key, value] : environment)
+    command += " " + shellQuoted(key + "=" + value);
+  command += " " + shellQuoted((fs::path(PARLOVA_BINARY_DIR) / "parlova-web").string()) + " --port 0 > " +
+             shellQuoted(out.string()) + " 2> " + shellQuoted((home.path() / ".web-stderr").string());
+  const char *argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  pid_t pid = -1;
+  if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char **>(argv), environ) == 0)
+    pid_ = pid;
+  for (int i = 0; i < 200 && opening_.find('\n') == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    opening_ = fs::exists(out) ? readText(out) : "";
+  }
+  if (opening_.find('\n') == std::string::npos)
+    throw std::runtime_error("parlova-web printed no address: " + readText(home.path() / ".web-stderr"));
+  opening_.resize(opening_.find('\n'));
+}
+
+WebView::~WebView() {
+  if (pid_ > 0) {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+std::string WebView::origin() const { return opening_.substr(0, opening_.find("/?token=")); }
+std::string WebView::port() const { return origin().substr(origin().rfind(':') + 1); }
+std::string WebView::token() const { return opening_.substr(opening_.find("token=") + 6); }
+
+HttpAnswer httpGet(const std::string &port, const std::string &target, const std::vector<std::string> &headers) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  HttpAnswer answer;
+  if (connect(socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    close(socket);
+    return answer;
+  }
+  std::string request = "GET " + target + " HTTP/1.1\r\n";
+  for (const std::string &header : headers)
+    request += header + "\r\n";
+  request += "Connection: close\r\n\r\n";
+  for (size_t sent = 0; sent < request.size();) {
+    const ssize_t wrote = send(socket, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+    if (wrote <= 0)
+      break;
+    sent += static_cast<size_t>(wrote);
+  }
+  std::string received;
+  char buffer[65536];
+  for (ssize_t got; (got = recv(socket, buffer, sizeof buffer, 0)) > 0;)
+    received.append(buffer, static_cast<size_t>(got));
+  close(socket);
+  const size_t end = received.find("\r\n\r\n");
+  answer.head = received.substr(0, end);
+  answer.body = end == std::string::npos ? "" : received.substr(end + 4);
+  if (received.size() > 12 && received.starts_with("HTTP/1.1 "))
+    answer.status = std::stoi(received.substr(9, 3));
+  return answer;
+}
+
+std::string browsing(const ScratchHome &home, const std::string &steps) {
+  const fs::path file = home.path() / ".browser-steps.json";
+  writeText(file, steps);
+  return home.run("/usr/bin/python3", {(fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "browser.py").string(),
+                                       file.string()})
+      .out;
 }
 
 std::map<std::string, std::string> fakeOsascript(const ScratchHome &home, const std::string &answer,

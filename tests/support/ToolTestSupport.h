@@ -127,6 +127,39 @@ private:
   int pid_ = -1;
 };
 
+// parlova-web on a free loopback port with HOME at `home`, for as long as
+// the object lives.
+class WebView {
+public:
+  explicit WebView(const ScratchHome &home, const std::map<std::string, std::string> &environment = {});
+  ~WebView();
+  WebView(const WebView &) = delete;
+  WebView &operator=(const WebView &) = delete;
+
+  // The first line it printed: the address to open, with the token.
+  const std::string &openingAddress() const { return opening_; }
+  std::string origin() const;                         // http://127.0.0.1:PORT
+  std::string port() const;
+  std::string token() const;
+
+private:
+  int pid_ = -1;
+  std::string opening_;
+};
+
+struct HttpAnswer {
+  int status = 0;
+  std::string head; // the status line and the headers
+  std::string body;
+};
+// One request on a connection of its own to 127.0.0.1:`port`, the target
+// and the header lines sent as given.
+HttpAnswer httpGet(const std::string &port, const std::string &target, const std::vector<std::string> &headers);
+
+// tests/support/browser.py doing `steps` (its JSON list) in headless
+// Chromium: its JSON report.
+std::string browsing(const ScratchHome &home, const std::string &steps);
+
 // An osascript stand-in, as the environment to run a tool with: it keeps
 // every script it is given as ~/scripts/N.applescript and answers
 // `documents` when asked for iChat's number of documents, else `answer`.

@@ -32,7 +32,8 @@ protected:
   std::string rows() const {
     return pythonReading("import sqlite3, sys\n"
                          "db = sqlite3.connect(sys.argv[1] + '/history.sqlite')\n"
-                         "for row in db.execute('SELECT * FROM chats ORDER BY key'): print(row[1:2] + row[3:])\n"
+                         "# Where a chat's messages begin in the index depends on the order of the runs.\n"
+                         "for row in db.execute('SELECT * FROM chats ORDER BY key'): print(row[1:2] + row[3:-1])\n"
                          "for row in db.execute('SELECT c.key, s.weekday, s.hour, s.messages FROM slots s '\n"
                          "                      'JOIN chats c ON c.id = s.chat ORDER BY 1, 2, 3'): print(row)\n",
                          folder());
@@ -253,8 +254,8 @@ TEST_F(History, AHundredThousandChatsMakeAPageABrowserShows) {
                 "for i in range(100000):\n"
                 "    first = 978307200 + r.randrange(0, 20 * 365 * 86400)\n"
                 "    rows.append((None, 'k%d' % i, '/nowhere', '', 'p%d' % r.randrange(500), 'P', 0, first, first + 600,\n"
-                "                 None, r.randrange(1, 50), r.randrange(300), r.randrange(300), 0, 0, 0, 0, 0, 0, '', None))\n"
-                "db.executemany('INSERT INTO chats VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)', rows)\n"
+                "                 None, r.randrange(1, 50), r.randrange(300), r.randrange(300), 0, 0, 0, 0, 0, 0, '', None, None))\n"
+                "db.executemany('INSERT INTO chats VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)', rows)\n"
                 "db.execute(\"UPDATE chats SET month = (CAST(strftime('%Y', first_time, 'unixepoch', 'localtime') AS \"\n"
                 "           \"INTEGER) * 12 + CAST(strftime('%m', first_time, 'unixepoch', 'localtime') AS INTEGER) - 1) \"\n"
                 "           \"WHERE month IS NULL\")\n"

@@ -1,0 +1,2 @@
+// Must not compile: the web view sees nothing of the driver beside it.
+#include "driver/RunDriver.h"

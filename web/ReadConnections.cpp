@@ -1,0 +1,38 @@
+#include "web/ReadConnections.h"
+
+namespace parlova {
+
+ReadConnections::Lease::~Lease() {
+  if (!database_)
+    return;
+  database_->limitWork(std::nullopt);
+  const std::lock_guard lock(pool_.mutex_);
+  pool_.idle_.push_back(std::move(database_));
+}
+
+std::variant<ReadConnections::Lease, std::string> ReadConnections::lease() {
+  std::unique_ptr<SqliteDatabase> database;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!idle_.empty()) {
+      database = std::move(idle_.back());
+      idle_.pop_back();
+    }
+  }
+  if (!database) {
+    std::error_code error;
+    if (!std::filesystem::exists(file_, error))
+      return std::string("There is no index of the chats yet: parlova --rebuild-history makes it.");
+    auto opened = SqliteDatabase::openForReading(file_);
+    if (auto *failure = std::get_if<SqliteError>(&opened))
+      return "The chat history cannot be read: " + failure->message;
+    database = std::make_unique<SqliteDatabase>(std::move(std::get<SqliteDatabase>(opened)));
+    // A writer holds the file for a moment at a time; waiting long for
+    // it would hold the page up instead.
+    database->execute("PRAGMA busy_timeout = 2000; PRAGMA cache_size = -2000");
+  }
+  database->limitWork(workLimit_);
+  return Lease(*this, std::move(database));
+}
+
+} // namespace parlova
