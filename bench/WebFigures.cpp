@@ -62,8 +62,9 @@ void printWeb(const fs::path &binaryDir) {
   for (int i = 0; i < kLongChat; ++i)
     talk.messages.push_back(samples::says(i % 2 ? me : other, 300000000 + i * 20.0,
                                           i == kLongChat / 2 ? "the zanzibar message" : "line " + std::to_string(i)));
-  const fs::path longChat = "longtalker on 2010-07-05 at 10.00.ichat";
-  samples::writeFile(backlog / longChat, samples::keyedTranscript(talk));
+  // As iChat 2 wrote it: libplist takes minutes to write a keyed archive this large.
+  const fs::path longChat = "longtalker on 2010-07-05 at 10.00.chat";
+  samples::writeFile(backlog / longChat, samples::typedStreamTranscript(talk));
   transcripts.push_back(longChat);
   const fs::path home = makeHome(root, "home", backlog, transcripts, binaryDir);
   runIn(home, {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova", "keepHistory", "-bool",
@@ -97,8 +98,10 @@ void printWeb(const fs::path &binaryDir) {
   const std::string origin = opening.substr(0, opening.find("/?token="));
   const httplib::Headers cookie = {{"Cookie", "parlova-token=" + opening.substr(opening.find("token=") + 6)}};
 
+  // As a browser asks: one connection kept open, without Nagle's delay.
   httplib::Client client(origin);
   client.set_keep_alive(true);
+  client.set_tcp_nodelay(true);
   const auto get = [&](httplib::Client &via, const std::string &target) {
     const auto answer = via.Get(target.c_str(), cookie);
     return answer && answer->status == 200 ? answer->body : std::string();
@@ -134,6 +137,7 @@ void printWeb(const fs::path &binaryDir) {
     clients.emplace_back([&, i] {
       httplib::Client own(origin);
       own.set_keep_alive(true);
+      own.set_tcp_nodelay(true);
       for (int n = 0; n < kEach; ++n)
         timings[i].push_back(millisecondsOf([&] { get(own, rare); }));
     });
@@ -158,6 +162,13 @@ void printWeb(const fs::path &binaryDir) {
   line("web: that page's size", static_cast<double>(chatBytes) / 1024, "KiB", "500 KiB",
        static_cast<double>(chatBytes) / 1024 / 500, "<= 1");
   line("web: 16 clients at once, rare word", sixteen, "ms", "one client", sixteen / rareWord, "< 4");
+  // Sixteen requests at a time on this machine's cores cannot be answered
+  // faster than its cores take turns: the ideal is one client's time times
+  // 16 / cores once the work is the processor's.
+  const double cores = std::max(1u, std::thread::hardware_concurrency());
+  line("web: 16 clients, against the cores' ideal", sixteen, "ms",
+       "one client x 16 / " + std::to_string(static_cast<int>(cores)) + " cores", sixteen / (rareWord * 16 / cores),
+       "<= 1");
   line("web: server's peak memory", memory, "MiB", "64 MiB", memory / 64, "<= 1");
   fs::remove_all(root);
 }

@@ -25,8 +25,11 @@ std::string isoLocalTime(std::optional<double> seconds) {
 
 std::string hitJson(const SearchHit &hit, const std::optional<std::string> &page, std::string_view more) {
   std::string with = "[";
-  for (const std::string &account : hit.with)
-    with += (with.size() > 1 ? "," : "") + jsonString(account);
+  for (const std::string &account : hit.with) {
+    if (with.size() > 1)
+      with += ',';
+    with += jsonString(account);
+  }
   with += "]";
   std::string json = "{\"transcript\":";
   json += jsonString(hit.transcript);

@@ -126,7 +126,9 @@ std::variant<SqliteDatabase, SqliteError> SqliteDatabase::open(const std::filesy
 
 std::variant<SqliteDatabase, SqliteError> SqliteDatabase::openForReading(const std::filesystem::path &file) {
   sqlite3 *handle = nullptr;
-  const int code = sqlite3_open_v2(file.c_str(), &handle, SQLITE_OPEN_READONLY, nullptr);
+  // A reader's connection is used by one thread at a time: SQLite's own
+  // locks around each call would be work for nothing.
+  const int code = sqlite3_open_v2(file.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
   SqliteDatabase database(handle);
   if (code != SQLITE_OK)
     return sqliteError(handle, code);

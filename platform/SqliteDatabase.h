@@ -67,7 +67,7 @@ class SqliteDatabase {
 public:
   // Opens the file, made when missing (with `mode`), or says why not.
   static std::variant<SqliteDatabase, SqliteError> open(const std::filesystem::path &file, unsigned mode = 0600);
-  // Opens an existing file for reading only.
+  // Opens an existing file for reading only, for one thread at a time.
   static std::variant<SqliteDatabase, SqliteError> openForReading(const std::filesystem::path &file);
 
   SqliteDatabase(SqliteDatabase &&) noexcept = default;

@@ -1,6 +1,7 @@
 #include "web/SearchPage.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
 #include <variant>
 
@@ -227,9 +228,21 @@ WebAnswer SearchPage::answer(const WebRequest &request, const std::string &origi
   }
 
   const auto found = searchMessages(history, asked.options);
-  const auto counted = std::holds_alternative<SearchFailure>(found)
-                           ? std::variant<HitCount, SearchFailure>(std::get<SearchFailure>(found))
-                           : countHits(history, asked.options, kMostCounted);
+  // A first page that is not full holds every hit: nothing to count.
+  const auto counted = [&]() -> std::variant<HitCount, SearchFailure> {
+    if (const auto *failure = std::get_if<SearchFailure>(&found))
+      return *failure;
+    const auto &hits = std::get<std::vector<SearchHit>>(found);
+    if (asked.options.skip > 0 || hits.size() >= kHitsPerPage)
+      return countHits(history, asked.options, kMostCounted);
+    HitCount count;
+    count.total = static_cast<int64_t>(hits.size());
+    std::map<int, int64_t> years;
+    for (const SearchHit &hit : hits)
+      ++years[hit.message.time ? std::stoi(localTimeText(hit.message.time, "%Y")) : 0];
+    count.years.assign(years.begin(), years.end());
+    return count;
+  }();
   for (const auto *failure : {std::get_if<SearchFailure>(&found), std::get_if<SearchFailure>(&counted)})
     if (failure)
       return problemAnswer(asked, failure->kind == SearchFailure::Kind::Busy ? 503 : 400,

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <optional>
+#include <thread>
 #include <sstream>
 
 #include <httplib.h>
@@ -27,8 +28,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Requests answered at once, and accepted connections waiting for one.
-constexpr size_t kWorkers = 8;
+// Connections served at once, and accepted connections waiting for a
+// worker. A worker keeps a connection for as long as the browser keeps it
+// open between requests (up to the keep-alive's 2 s), and a browser opens
+// six: a few tabs must not take every worker.
+constexpr size_t kWorkers = 24;
 constexpr size_t kWaiting = 64;
 constexpr size_t kLargestBody = 64 * 1024;
 // How long the statements of one request may take: enough for any page,
@@ -65,13 +69,15 @@ void refuse(httplib::Response &response, int status, const std::string &why) {
 // The address asked for without its token, to go on to once the cookie is
 // set: the token then shows in no history or bookmark.
 std::string withoutToken(const httplib::Request &request) {
+  // Empty segments are left out: "//name" would lead to another site.
   std::string address;
-  size_t start = 1;
-  while (start <= request.path.size()) {
-    const size_t end = request.path.find('/', start);
-    address += "/" + percentEncoded(request.path.substr(start, end == std::string::npos ? std::string::npos : end - start));
+  size_t start = 0;
+  while (start < request.path.size()) {
+    size_t end = request.path.find('/', start);
     if (end == std::string::npos)
-      break;
+      end = request.path.size();
+    if (end > start)
+      address += "/" + percentEncoded(request.path.substr(start, end - start));
     start = end + 1;
   }
   if (address.empty())
@@ -109,7 +115,7 @@ bool liesWithin(const fs::path &inside, const fs::path &folder) {
 
 struct WebServer::State {
   explicit State(const WebServerPlaces &places)
-      : history(places.history, kWorkLimit),
+      : history(places.history, kWorkLimit, std::max(2u, std::thread::hardware_concurrency())),
         pictures(places.pictures / "gatheredImages.plist"), picturesFolder(places.pictures),
         search(history, places.chatLibrary), chat(history, pictures), people(history, AddressBook::shared()),
         calendar(history) {}
@@ -159,9 +165,12 @@ void WebServer::State::servePicture(const httplib::Request &request, httplib::Re
 void WebServer::State::route() {
   server.new_task_queue = [] { return new BoundedTaskQueue(kWorkers, kWaiting); };
   server.set_payload_max_length(kLargestBody);
+  // A page goes out in two writes, its head and its body: without this the
+  // second waits for the browser's delayed acknowledgement, 40 ms.
+  server.set_tcp_nodelay(true);
   server.set_read_timeout(5, 0);
   server.set_write_timeout(5, 0);
-  server.set_keep_alive_timeout(5);
+  server.set_keep_alive_timeout(2);
   server.set_keep_alive_max_count(100);
 
   server.set_pre_routing_handler([this](const httplib::Request &request, httplib::Response &response) {

@@ -180,6 +180,8 @@ TEST_F(Web, AnswersOnlyWithTheTokenAtItsOwnAddressAndNeverWithMarkupOrFilesFromO
             std::string::npos)
       << opened.head;
   EXPECT_NE(opened.head.find("Location: /\r\n"), std::string::npos) << opened.head;
+  EXPECT_NE(httpGet(port, "//attacker.example/?q=a&token=" + token, {host}).head.find("Location: /attacker.example?q=a\r\n"),
+            std::string::npos);
 
   // Markup and script links typed by a chat partner, on every page they reach.
   const HttpAnswer found = httpGet(port, "/search?q=hostile", {host, cookie});
