@@ -50,7 +50,7 @@ coverage: deps
 	find $(BUILD)-coverage -name '*.gcda' -delete
 	cd $(BUILD)-coverage && ctest -j$(JOBS) -E '^(Crash|Faults|Layering|Fuzz)\.' > ctest.log || (tail -40 ctest.log; false)
 	gcovr --root . --object-directory $(BUILD)-coverage --exclude-unreachable-branches --exclude-throw-branches \
-	  --filter '(foundation|archiving|platform|context|mail|history|model|generator|driver|tools)/' \
+	  --filter '(foundation|archiving|platform|context|mail|history|model|generator|driver|web|tools)/' \
 	  --exclude 'tools/parlova-samples' --txt $(BUILD)-coverage/coverage.txt --print-summary
 
 demo:

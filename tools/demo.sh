@@ -72,3 +72,6 @@ echo "  Pictures:   file://$pages/Images.html"
 echo "  Statistics: file://$pages/stats.html (with charts from $pages/history.sqlite)"
 echo "  Chat library: file://$pages/Chats/index.html"
 echo "  Newest pictures: $pages/Images/topimages"
+echo
+echo "To search and browse every chat in a browser:"
+echo "  HOME=$HOME $build/parlova-web     (then open the address it prints)"
