@@ -51,10 +51,14 @@ void replaceOccurrences(std::string &text, std::string_view placeholder, std::st
 }
 
 std::string thousands(uint64_t count) {
-  std::string digits = std::to_string(count);
-  for (size_t at = digits.size(); at > 3; at -= 3)
-    digits.insert(at - 3, ",");
-  return digits;
+  const std::string digits = std::to_string(count);
+  std::string grouped;
+  for (size_t at = 0; at < digits.size(); ++at) {
+    if (at > 0 && (digits.size() - at) % 3 == 0)
+      grouped += ',';
+    grouped += digits[at];
+  }
+  return grouped;
 }
 
 std::optional<std::string> readTemplate(const std::filesystem::path &path) {

@@ -79,10 +79,11 @@ TEST(Colors, EverySpaceTurnsToRgbOrToNothingWhenItCannot) {
   for (const auto &c : cases) {
     const auto rgb = Color(c.space, c.components).usingDeviceRGB();
     ASSERT_EQ(rgb.has_value(), c.rgb.has_value()) << static_cast<int>(c.space);
-    if (rgb)
+    if (rgb) {
       EXPECT_EQ(std::vector({rgb->red, rgb->green, rgb->blue, rgb->alpha}),
                 std::vector({c.rgb->red, c.rgb->green, c.rgb->blue, c.rgb->alpha}))
           << static_cast<int>(c.space);
+    }
   }
   // Components as the archive spells them: at most eight, up to the first
   // thing that is not a number.

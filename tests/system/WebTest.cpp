@@ -3,6 +3,9 @@
 // its JSON against parlova-search's, read with Python's json module.
 #include <gtest/gtest.h>
 
+#include <future>
+#include <set>
+
 #include "samples/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
 
@@ -252,6 +255,25 @@ TEST_F(Web, TheJsonAnswerIsTheSearchToolsWithTheAddressOfEachMessage) {
                                     {host, cookie});
     EXPECT_NE(chat.body.find(" hit\" id=\"m" + row + "\""), std::string::npos) << address;
   }
+
+  // Read while a catch-up writes: every answer whole, and the new chats
+  // found as soon as they are in.
+  for (int i = 0; i < 40; ++i) {
+    TranscriptSpec more;
+    more.others = {kBob};
+    more.messages = {says(kBob, 200000000 + i * 86400.0, "waffles " + std::to_string(i))};
+    home_.addTranscript("Bob on 2007-05-" + std::to_string(10 + i % 20) + " at 1" + std::to_string(i / 20) +
+                            ".00.ichat",
+                        more);
+  }
+  auto writing = std::async(std::launch::async, [&] { return home_.run("parlova", {"--catch-up", "--yes"}); });
+  std::set<int> statuses;
+  while (writing.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready)
+    statuses.insert(httpGet(web.port(), "/search?format=json&q=waffles+OR+pancakes", {host, cookie}).status);
+  EXPECT_EQ(writing.get().exitCode, 0);
+  EXPECT_EQ(statuses, std::set<int>{200});
+  EXPECT_NE(httpGet(web.port(), "/search?format=json&q=waffles", {host, cookie}).body.find("\"total\":40,"),
+            std::string::npos);
 }
 
 } // namespace
