@@ -20,18 +20,22 @@ std::string lowered(std::string text) {
 
 std::optional<std::vector<HistoryPerson>> PeopleAndChats::people() {
   auto prepared = history_.prepare("SELECT account, display_name, is_group, participants, "
-                                   "coalesce(last_time, first_time) FROM chats");
+                                   "coalesce(last_time, first_time), first_time, user_words + other_words FROM chats");
   auto *statement = std::get_if<SqliteStatement>(&prepared);
   if (!statement)
     return std::nullopt;
   std::map<std::string, HistoryPerson> byAccount;
-  const auto count = [&](const std::string &account, const std::string &name, std::optional<double> last) {
+  const auto count = [&](const std::string &account, const std::string &name, std::optional<double> first,
+                         std::optional<double> last, int64_t words) {
     HistoryPerson &person = byAccount[lowered(account)];
     if (person.account.empty()) {
       person.account = account;
       person.name = name.empty() ? account : name;
     }
     ++person.chats;
+    person.words += words;
+    if (first && (!person.firstChat || *first < *person.firstChat))
+      person.firstChat = first;
     if (last && (!person.lastChat || *last > *person.lastChat))
       person.lastChat = last;
   };
@@ -41,12 +45,14 @@ std::optional<std::vector<HistoryPerson>> PeopleAndChats::people() {
       return std::nullopt;
     if (!std::get<bool>(step))
       break;
-    const std::optional<double> last = statement->isNull(4) ? std::nullopt : std::optional(statement->real(4));
+    const auto time = [&](int column) {
+      return statement->isNull(column) ? std::nullopt : std::optional(statement->real(column));
+    };
     if (statement->integer(2) == 0)
-      count(statement->text(0), statement->text(1), last);
+      count(statement->text(0), statement->text(1), time(5), time(4), statement->integer(6));
     else
       for (const std::string &account : accountsIn(statement->text(3)))
-        count(account, account, last);
+        count(account, account, time(5), time(4), statement->integer(6));
   }
   std::vector<HistoryPerson> people;
   for (auto &[key, person] : byAccount)

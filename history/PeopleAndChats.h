@@ -17,7 +17,9 @@ struct HistoryPerson {
   std::string account;
   std::string name; // the name their chats show; the account when none
   int64_t chats = 0; // group chats counted for each participant
-  std::optional<double> lastChat; // seconds since 1970
+  int64_t words = 0; // in those chats, by everybody
+  std::optional<double> firstChat; // seconds since 1970
+  std::optional<double> lastChat;
 };
 
 struct HistoryChat {

@@ -49,48 +49,29 @@ std::string cardName(const ContactCard &card) {
   return name;
 }
 
-// Everybody, merged by card, by their lowered first account.
+// Everybody, one person for each card that lists several of their
+// accounts, by the lowered account met first.
 std::optional<std::map<std::string, Person>> gather(SqliteDatabase &history, const AddressBook &contacts) {
-  auto prepared = history.prepare("SELECT account, display_name, is_group, participants, first_time, "
-                                  "coalesce(last_time, first_time), user_words + other_words FROM chats");
-  auto *statement = std::get_if<SqliteStatement>(&prepared);
-  if (!statement)
+  const auto everybody = PeopleAndChats(history).people();
+  if (!everybody)
     return std::nullopt;
   std::map<const ContactCard *, std::string> keyOfCard;
   std::map<std::string, Person> people;
-  const auto count = [&](const std::string &account, const std::string &name, std::optional<double> first,
-                         std::optional<double> last, int64_t words) {
-    const ContactCard *card = cardOf(contacts, account);
-    std::string key = lowered(account);
-    if (card) {
-      const auto known = keyOfCard.try_emplace(card, key).first;
-      key = known->second;
-    }
+  for (const HistoryPerson &one : *everybody) {
+    const ContactCard *card = cardOf(contacts, one.account);
+    std::string key = lowered(one.account);
+    if (card)
+      key = keyOfCard.try_emplace(card, key).first->second;
     Person &person = people[key];
     if (person.name.empty())
-      person.name = card && !cardName(*card).empty() ? cardName(*card) : name.empty() ? account : name;
-    person.accounts.insert(account);
-    ++person.chats;
-    person.words += words;
-    if (first && (!person.first || *first < *person.first))
-      person.first = first;
-    if (last && (!person.last || *last > *person.last))
-      person.last = last;
-  };
-  while (true) {
-    const auto step = statement->step();
-    if (std::holds_alternative<SqliteError>(step))
-      return std::nullopt;
-    if (!std::get<bool>(step))
-      break;
-    const auto time = [&](int column) {
-      return statement->isNull(column) ? std::nullopt : std::optional(statement->real(column));
-    };
-    if (statement->integer(2) == 0)
-      count(statement->text(0), statement->text(1), time(4), time(5), statement->integer(6));
-    else
-      for (const std::string &account : PeopleAndChats::accountsIn(statement->text(3)))
-        count(account, account, time(4), time(5), statement->integer(6));
+      person.name = card && !cardName(*card).empty() ? cardName(*card) : one.name;
+    person.accounts.insert(one.account);
+    person.chats += one.chats;
+    person.words += one.words;
+    if (one.firstChat && (!person.first || *one.firstChat < *person.first))
+      person.first = one.firstChat;
+    if (one.lastChat && (!person.last || *one.lastChat > *person.last))
+      person.last = one.lastChat;
   }
   return people;
 }
