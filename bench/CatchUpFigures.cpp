@@ -22,8 +22,6 @@
 #include <unistd.h>
 #include <vector>
 
-extern char **environ;
-
 #include "bench/JudgedFigures.h"
 #include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
@@ -111,8 +109,6 @@ fs::path makeHome(const fs::path &root, const std::string &name, const fs::path 
   return home;
 }
 
-namespace {
-
 size_t transcriptsWaiting(const fs::path &home) {
   size_t count = 0;
   for (const auto &entry : fs::recursive_directory_iterator(home / "Documents" / "iChats"))
@@ -154,8 +150,6 @@ double writeFinalArchivesAndPages(const fs::path &home) {
   return seconds;
 }
 
-} // namespace
-
 void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
           const char *goal) {
   std::printf("%-44s %9.2f %-5s %-34s ratio %6.2f  (goal %s)\n", what, figure, unit, against.c_str(), ratio, goal);
@@ -192,95 +186,6 @@ void printCatchUp(const fs::path &binaryDir) {
        (decade.seconds / kDecade) / (thousand.seconds / kThousand), "<= 1.5");
   std::printf("%-44s %9.2f %-5s (1,000 single runs: %.1f s)\n", "catch-up: the floor for 10,000", floor, "s",
               singles);
-  fs::remove_all(root);
-}
-
-// Mail for a backlog: storing 1,000 messages into a Maildir against sending
-// them through a loopback SMTP server, per message. Each cost is a catch-up
-// with the delivery less the same catch-up with mail off. The SMTP session
-// waits a second before each message, as it always has, so SMTP is timed on
-// 20 messages.
-void printDelivery(const fs::path &binaryDir) {
-  constexpr size_t kStored = 1000;
-  constexpr size_t kSent = 20;
-  const fs::path root = fs::temp_directory_path() / ("parlova-delivery-" + std::to_string(getpid()));
-  const fs::path backlog = root / "backlog";
-  const std::vector<fs::path> transcripts = samples::writeBacklog(backlog, {.transcripts = kStored});
-  const std::vector<fs::path> first(transcripts.begin(), transcripts.begin() + kSent);
-  const std::string parlova = (binaryDir / "parlova").string();
-  const auto mailing = [&](const fs::path &home, const std::vector<std::vector<std::string>> &settings) {
-    for (const auto &setting : settings) {
-      std::vector<std::string> command = {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova"};
-      command.insert(command.end(), setting.begin(), setting.end());
-      runIn(home, command);
-    }
-    return runIn(home, {parlova, "--catch-up", "--quiet"}).seconds;
-  };
-  const std::vector<std::vector<std::string>> common = {
-      {"sendEmails", "-bool", "YES"}, {"emailAddress", "me@example.org"}, {"emailOutgoing", "parlova@example.org"}};
-
-  const double plainThousand = mailing(makeHome(root, "plain", backlog, transcripts, binaryDir), {});
-  auto intoMaildir = common;
-  intoMaildir.push_back({"emailDelivery", "maildir"});
-  intoMaildir.push_back({"emailMaildir", (root / "Maildir").string()});
-  const double maildir = mailing(makeHome(root, "maildir", backlog, transcripts, binaryDir), intoMaildir);
-
-  // The loopback Dovecot the tests use: one IMAP session per message
-  // (login, select, search, append), as a catch-up makes them.
-  const fs::path imapFolder = fs::temp_directory_path() / ("parlova-bench-imap-" + std::to_string(getpid()));
-  fs::create_directories(imapFolder);
-  const std::string startImap = "/usr/bin/python3 " + std::string(PARLOVA_SOURCE_DIR) +
-                                "/tests/support/imap_server.py --no-ssl --dir " + imapFolder.string();
-  double imap = -1;
-  if (std::system(startImap.c_str()) == 0) {
-    const auto ports = readFileContents(imapFolder / "ports");
-    const std::string plainPort = ports ? std::string(ports->begin(), ports->end()) : "143";
-    auto intoImap = common;
-    for (const std::vector<std::string> &setting : std::vector<std::vector<std::string>>{
-             {"emailDelivery", "imap"}, {"emailServer", "127.0.0.1"}, {"emailPort", "-int", plainPort.substr(0, plainPort.find(' '))},
-             {"emailUsername", "chatuser"}, {"emailPassword", "s3cret"}})
-      intoImap.push_back(setting);
-    imap = mailing(makeHome(root, "imap", backlog, transcripts, binaryDir), intoImap);
-    const auto master = readFileContents(imapFolder / "run" / "master.pid");
-    if (master)
-      kill(static_cast<pid_t>(std::atol(std::string(master->begin(), master->end()).c_str())), SIGTERM);
-  }
-  fs::remove_all(imapFolder);
-
-  const fs::path portFile = root / "smtp-port";
-  std::vector<std::string> words = {"/usr/bin/python3", std::string(PARLOVA_SOURCE_DIR) + "/tests/support/smtp_server.py",
-                                    "--mode", "accept", "--port-file", portFile.string(), "--dir",
-                                    (root / "smtp").string()};
-  std::vector<char *> argv;
-  for (auto &word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-  pid_t server = 0;
-  posix_spawn(&server, argv[0], nullptr, nullptr, argv.data(), environ);
-  for (int wait = 0; wait < 500 && !fs::exists(portFile); ++wait)
-    usleep(10000);
-  const auto port = readFileContents(portFile);
-  const double plainTwenty = mailing(makeHome(root, "plain-20", backlog, first, binaryDir), {});
-  auto throughSmtp = common;
-  throughSmtp.push_back({"emailServer", "127.0.0.1"});
-  throughSmtp.push_back({"emailPort", "-int", port ? std::string(port->begin(), port->end()) : "25"});
-  const double smtp = mailing(makeHome(root, "smtp", backlog, first, binaryDir), throughSmtp);
-  kill(server, SIGTERM);
-  waitpid(server, nullptr, 0);
-
-  const double perStored = std::max(maildir - plainThousand, 1e-9) / kStored;
-  const double perSent = (smtp - plainTwenty) / kSent;
-  line("mail: into a Maildir, per message (1,000)", perStored * 1000, "ms", "through SMTP: times faster",
-       perSent / perStored, ">= 10");
-  if (imap >= 0) {
-    const double perAppended = std::max(imap - plainThousand, 1e-9) / kStored;
-    line("mail: into loopback IMAP, per message (1,000)", perAppended * 1000, "ms", "through SMTP: times faster",
-         perSent / perAppended, ">= 10");
-  } else {
-    std::printf("(the loopback IMAP server did not start: no IMAP figure)\n");
-  }
-  std::printf("%-44s %9.2f %-5s (of which the session's 1 s wait)\n", "mail: through loopback SMTP, per message",
-              perSent * 1000, "ms");
   fs::remove_all(root);
 }
 

@@ -15,7 +15,11 @@ void printRendering(double thousandSeconds, double tenThousandSeconds);
 void printMerge(double mergeSeconds, const std::vector<uint8_t> &archive);
 // A decade of transcripts in one catch-up, and its yardsticks.
 void printCatchUp(const std::filesystem::path &binaryDir);
-void printDelivery(const std::filesystem::path &binaryDir);
+// Mail for a backlog: into a Maildir, a loopback IMAP server and one 40 ms
+// away, a loopback SMTP server; one session each against single runs.
+void printMail(const std::filesystem::path &binaryDir);
+// A catch-up with every feature on, and a transcript of 65 MB.
+void printEveryFeature(const std::filesystem::path &binaryDir);
 // Finding a chat: queries, indexing and size on the 10,000-transcript backlog.
 void printSearch(const std::filesystem::path &binaryDir);
 // The statistics page drawn from a history of 100,000 chats.
@@ -42,6 +46,26 @@ std::filesystem::path makeHome(const std::filesystem::path &root, const std::str
                                const std::filesystem::path &backlog,
                                const std::vector<std::filesystem::path> &transcripts,
                                const std::filesystem::path &binaryDir);
+// Transcripts still waiting in the home's transcript folder.
+size_t transcriptsWaiting(const std::filesystem::path &home);
+// Decoding every transcript once, in this process.
+double decodeAll(const std::filesystem::path &backlog, const std::vector<std::filesystem::path> &transcripts);
+// Writing the home's final archives and pages once: what a catch-up cannot
+// avoid.
+double writeFinalArchivesAndPages(const std::filesystem::path &home);
+// A helper process (a test server) started with the given words and
+// stopped with SIGTERM when the object goes.
+class Helper {
+public:
+  explicit Helper(std::vector<std::string> words);
+  ~Helper();
+  Helper(const Helper &) = delete;
+  Helper &operator=(const Helper &) = delete;
+
+private:
+  int pid_ = -1;
+};
+
 // The web view on the backlog and a chat of 200,000 messages.
 void printWeb(const std::filesystem::path &binaryDir);
 

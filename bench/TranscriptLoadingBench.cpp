@@ -131,7 +131,9 @@ int main(int argc, char **argv) {
   if (wanted("catch-up"))
     parlova::bench::printCatchUp(PARLOVA_BINARY_DIR);
   if (wanted("mail"))
-    parlova::bench::printDelivery(PARLOVA_BINARY_DIR);
+    parlova::bench::printMail(PARLOVA_BINARY_DIR);
+  if (wanted("every-feature"))
+    parlova::bench::printEveryFeature(PARLOVA_BINARY_DIR);
   if (wanted("history"))
     parlova::bench::printHistoryPage();
   if (wanted("search"))

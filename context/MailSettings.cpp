@@ -89,6 +89,7 @@ MailSettings MailSettings::read(Preferences &settings) {
     maildir = (homeDirectory() / maildir.substr(std::min<size_t>(2, maildir.size()))).string();
   mail.maildir = maildir;
   mail.dateFromChat = settings.boolValue("emailDateFromChat");
+  mail.messagesPerMinute = std::max(0, settings.intValue("emailMessagesPerMinute"));
 
   if (const auto stored = settings.copyAppValue("emailPort")) {
     const auto number = plistInteger(stored->node());

@@ -66,6 +66,9 @@ public:
   std::string folder;                // emailFolder, "Chats" when not set
   std::filesystem::path maildir;     // emailMaildir, "~" taken as the home folder
   bool dateFromChat = false;         // emailDateFromChat
+  // emailMessagesPerMinute: how many messages a backlog hands one server a
+  // minute, for providers that cap sending; 0 for as many as it takes.
+  int messagesPerMinute = 0;
 
   // Why `folder` cannot name an IMAP folder (the framework puts it between
   // quotes as it is); nothing when it can.

@@ -5,6 +5,7 @@
 
 #include "driver/ArchiveFolder.h"
 #include "generator/ICLPLogGenerator.h"
+#include "platform/DeferredSyncs.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
@@ -70,7 +71,12 @@ bool ArchivesInBatches::makeDueMoves() {
     return false;
   if (due_.empty())
     return true;
-  if (!journal_.syncBatchMoves()) {
+  // The mail and the pages of these transcripts reach the disk before the
+  // notes that count them as done.
+  if (!DeferredSyncs::flushAll()) {
+    logFormat("Could not flush the mail and pages of the batch to the disk: %@", std::string(std::strerror(errno)));
+    unmoved_ = due_.front().transcript;
+  } else if (!journal_.syncBatchMoves()) {
     logFormat("Could not write %@: %@", journal_.movesFile().string(), std::strerror(errno));
     unmoved_ = due_.front().transcript;
   }

@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "context/MailSettings.h"
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "driver/ArchivesInBatches.h"
@@ -21,6 +22,7 @@
 #include "driver/RunStart.h"
 #include "driver/Setup.h"
 #include "generator/ICLPLogGenerator.h"
+#include "mail/ChosenDelivery.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -110,6 +112,8 @@ int catchUp(const RunOptions &options) {
 
   Tally tally;
   ArchivesInBatches batch;
+  // One session with the mail server for the whole backlog.
+  const auto delivery = chosenDelivery(MailSettings::read(appSettings()), Resending::Allowed, MailSessions::Kept);
   // Why the catch-up stops when the batch cannot be committed; the next run
   // finishes it.
   const auto commitBatch = [&]() -> std::string {
@@ -159,7 +163,7 @@ int catchUp(const RunOptions &options) {
     }
 
     using Outcome = Extraction::Outcome;
-    const Extraction extraction = ExtractChatLog(path.string(), log, *contents, batch);
+    const Extraction extraction = ExtractChatLog(path.string(), log, *contents, batch, *delivery);
     switch (extraction.outcome) {
     case Outcome::NotLoaded:
       continue;

@@ -8,7 +8,6 @@
 #include "driver/TranscriptJournal.h"
 #include "driver/TranscriptMailContent.h"
 #include "history/ChatHistory.h"
-#include "mail/ChosenDelivery.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -16,7 +15,7 @@ namespace parlova {
 namespace fs = std::filesystem;
 
 Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<const uint8_t> contents,
-                          TranscriptArchives &archives) {
+                          TranscriptArchives &archives, Delivery &delivery) {
   using Outcome = Extraction::Outcome;
   Preferences &settings = appSettings();
   Extraction extraction;
@@ -73,7 +72,7 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
     // Where the mail goes; no guess at another place.
     TranscriptMailContent content(path, *log);
     const DeliveryResult result = mail.delivery
-                                      ? chosenDelivery(mail)->deliver(content)
+                                      ? delivery.deliver(content)
                                       : waitForSetting("emailDelivery must be " + deliveryNamesText(" or "));
     if (result.code != 0)
       reportErrorAndLog(result.code, result.reason);

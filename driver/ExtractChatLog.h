@@ -11,6 +11,7 @@
 #include <string>
 
 #include "driver/TranscriptArchives.h"
+#include "mail/Delivery.h"
 #include "model/ICLPChatLog.h"
 
 namespace parlova {
@@ -35,9 +36,10 @@ struct Extraction {
 };
 
 // `contents` are the bytes `log` was decoded from, which the history knows
-// the chat by. Nothing here ends the process; the caller decides from the
-// outcome whether the run goes on.
+// the chat by; `delivery` is the run's way out for mail, kept from one
+// transcript to the next. Nothing here ends the process; the caller
+// decides from the outcome whether the run goes on.
 Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<const uint8_t> contents,
-                          TranscriptArchives &archives);
+                          TranscriptArchives &archives, Delivery &delivery);
 
 } // namespace parlova

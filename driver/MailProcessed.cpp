@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "generator/PageText.h"
 #include "mail/ChosenDelivery.h"
 #include "model/ICLPChatLog.h"
+#include "platform/DeferredSyncs.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/StopSignals.h"
@@ -81,7 +83,7 @@ int mailProcessed(const RunOptions &options) {
   shouldQuit = true;
 
   const MailSettings mail = MailSettings::read(appSettings());
-  const auto delivery = chosenDelivery(mail, Resending::OncePerAddress);
+  const auto delivery = chosenDelivery(mail, Resending::OncePerAddress, MailSessions::Kept);
   const std::vector<std::string> entries = processedTranscripts();
   CatchUpProgress progress(entries.size(), options.quiet);
   size_t seen = 0, mailed = 0, there = 0, notLoaded = 0, outside = 0;
@@ -117,6 +119,8 @@ int mailProcessed(const RunOptions &options) {
     }
   }
   progress.clear();
+  if (!DeferredSyncs::flushAll())
+    logFormat("Could not flush the stored mail to the disk: %@", std::string(std::strerror(errno)));
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   logLine(std::string(stopped.empty() ? "Mailing finished: " : "Mailing stopped (" + stopped + "): ") +
           thousands(mailed) + " mailed, " + thousands(there) + " delivered before, " + thousands(notLoaded) +

@@ -3,13 +3,16 @@
 #include <filesystem>
 #include <vector>
 
+#include "context/MailSettings.h"
 #include "context/ProcessFlags.h"
+#include "context/Settings.h"
 #include "driver/ArchivesNow.h"
 #include "driver/DayFolders.h"
 #include "driver/EntryJudgement.h"
 #include "driver/ExtractChatLog.h"
 #include "driver/RunPlan.h"
 #include "driver/RunStart.h"
+#include "mail/ChosenDelivery.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
@@ -59,6 +62,7 @@ int runOnce(const RunOptions &options) {
   DirectoryEnumerator entries(chatFolder);
 
   readDebugMode();
+  const auto delivery = chosenDelivery(MailSettings::read(appSettings()), Resending::Allowed, MailSessions::OnePerMessage);
 
   while (const auto entry = entries.nextObject()) {
     if (removeEmptyDayFolder(chatFolder / *entry))
@@ -82,7 +86,7 @@ int runOnce(const RunOptions &options) {
       continue;
 
     ArchivesNow archives;
-    if (runEnds(ExtractChatLog(path, &*log, contents, archives).outcome))
+    if (runEnds(ExtractChatLog(path, &*log, contents, archives, *delivery).outcome))
       return 0;
   }
   return 0;

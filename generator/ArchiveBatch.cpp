@@ -5,6 +5,7 @@
 #include "generator/ChatRecords.h"
 #include "generator/GatheredArchive.h"
 #include "model/ICLPChatLog.h"
+#include "platform/DeferredSyncs.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 
@@ -81,7 +82,8 @@ void ArchiveBatch::addHistory(const ICLPChatLog &log, const ICLPLogGenerator::Ch
   historyChats_.push_back({key, transcript});
   // A chat's own page is written now, while its transcript is loaded; the
   // lists of the library wait for the commit.
-  ChatRecord record = keptChat(log, counts, std::move(key), std::move(transcript), ChatPage::Write);
+  ChatRecord record =
+      keptChat(log, counts, std::move(key), std::move(transcript), ChatPage::Write, Durability::ByNextSync);
   libraryPagesDue_ = libraryPagesDue_ || record.page;
   if (historyFailed_)
     return;
@@ -104,6 +106,8 @@ ArchiveBatch::Added ArchiveBatch::add(const ICLPChatLog &log, bool links, bool i
 }
 
 bool ArchiveBatch::commit() {
+  // The chats' pages reach the disk before the rows that name them.
+  DeferredSyncs::flushAll();
   // The history first. A batch it cannot take now is noted for a later run
   // (once it has failed, the rest of the run's chats are too, without
   // waiting for it again); only a batch that cannot even be noted changes
@@ -126,6 +130,8 @@ bool ArchiveBatch::commit() {
       !writeArchive(ICLPLogGenerator::parlovaFolder() / "chatgeist.plist", *totals_.contents))
     return false;
   static const PlistValue::Array kNothing;
+  // Every page can be made again from the archives: one flush for them all.
+  const DeferredSyncs::Scope pages;
   if (linkPagesDue_)
     ICLPLogGenerator::RebuildLinkPages(*links_->get<PlistValue::Array>());
   if (imagePagesDue_)

@@ -122,7 +122,7 @@ std::string ChatLibrary::pagePath(const ChatRecord &record) {
   return givenPages().claim(page, record.key);
 }
 
-bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record) {
+bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record, Durability durability) {
   const auto pageTemplate = readTemplate(ICLPLogGenerator::parlovaFolder() / "chattemplate.html");
   if (!pageTemplate)
     return false;
@@ -135,7 +135,8 @@ bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record
   std::error_code error;
   fs::create_directories(page.parent_path(), error);
   return writePage(page, filled(*pageTemplate, name + (when.empty() ? "" : ", " + when), "Chat with " + name, nav,
-                                chatBody(log, escaping)));
+                                chatBody(log, escaping)),
+                   durability);
 }
 
 void ChatLibrary::rebuildIndexPages() {

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/FileManager.h"
+
 namespace parlova {
 
 class ICLPChatLog;
@@ -29,7 +31,8 @@ public:
   // Writes the chat's page: the HTML the mail carries, its attached files
   // pointing at their stored copies where the image archive has them.
   // False when there is no template or the page could not be written.
-  static bool writeChatPage(const ICLPChatLog &log, const ChatRecord &record);
+  static bool writeChatPage(const ICLPChatLog &log, const ChatRecord &record,
+                            Durability durability = Durability::Now);
   // The people's index and each person's list of chats, from the history.
   static void rebuildIndexPages();
 };

@@ -85,13 +85,13 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
 }
 
 ChatRecord keptChat(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
-                    fs::path transcript, ChatPage page) {
+                    fs::path transcript, ChatPage page, Durability durability) {
   ChatRecord record = chatRecordOf(log, counts, std::move(key), std::move(transcript));
   if (ChatLibrary::wanted()) {
     record.page = ChatLibrary::pagePath(record);
     // A chat's row that has no page yet is given one.
     if (page == ChatPage::Write || !fileExistsAtPath(ChatLibrary::folder() / *record.page))
-      ChatLibrary::writeChatPage(log, record);
+      ChatLibrary::writeChatPage(log, record, durability);
   }
   return record;
 }

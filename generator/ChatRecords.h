@@ -6,6 +6,7 @@
 
 #include "generator/ICLPLogGenerator.h"
 #include "history/ChatRecord.h"
+#include "platform/FileManager.h"
 
 namespace parlova {
 
@@ -22,6 +23,6 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
 // kept, its page (written always, or only when it is not there yet).
 enum class ChatPage { Write, WriteWhenMissing };
 ChatRecord keptChat(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
-                    std::filesystem::path transcript, ChatPage page);
+                    std::filesystem::path transcript, ChatPage page, Durability durability = Durability::Now);
 
 } // namespace parlova

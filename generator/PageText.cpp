@@ -68,8 +68,8 @@ std::optional<std::string> readTemplate(const std::filesystem::path &path) {
   return std::string(bytes->begin(), bytes->end());
 }
 
-bool writePage(const std::filesystem::path &path, std::string_view text) {
-  return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()));
+bool writePage(const std::filesystem::path &path, std::string_view text, Durability durability) {
+  return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()), durability);
 }
 
 } // namespace parlova

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/FileManager.h"
+
 namespace parlova {
 
 // Fills each "%@" and "%d" of `format` with the next argument, already in
@@ -42,6 +44,6 @@ std::string thousands(uint64_t count);
 std::optional<std::string> readTemplate(const std::filesystem::path &path);
 
 // Writes a page through a temporary file, so a reader never sees half of it.
-bool writePage(const std::filesystem::path &path, std::string_view text);
+bool writePage(const std::filesystem::path &path, std::string_view text, Durability durability = Durability::Now);
 
 } // namespace parlova

@@ -6,14 +6,14 @@
 
 namespace parlova {
 
-std::unique_ptr<Delivery> chosenDelivery(const MailSettings &settings, Resending resending) {
+std::unique_ptr<Delivery> chosenDelivery(const MailSettings &settings, Resending resending, MailSessions sessions) {
   switch (settings.delivery.value_or(DeliveryKind::Smtp)) {
   case DeliveryKind::Smtp:
-    return std::make_unique<SmtpDelivery>(settings, resending);
+    return std::make_unique<SmtpDelivery>(settings, resending, sessions);
   case DeliveryKind::Imap:
     return std::make_unique<ImapDelivery>(settings);
   case DeliveryKind::Maildir:
-    return std::make_unique<MaildirDelivery>(settings);
+    return std::make_unique<MaildirDelivery>(settings, sessions);
   }
   return nullptr;
 }

@@ -8,6 +8,6 @@
 namespace parlova {
 
 // The settings' delivery must be one of the table's.
-std::unique_ptr<Delivery> chosenDelivery(const MailSettings &settings, Resending resending = Resending::Allowed);
+std::unique_ptr<Delivery> chosenDelivery(const MailSettings &settings, Resending resending, MailSessions sessions);
 
 } // namespace parlova

@@ -38,6 +38,13 @@ struct DeliveryResult {
 // again unless told to look at what it was handed.
 enum class Resending { Allowed, OncePerAddress };
 
+// How a run uses the mail server: a single run opens a session for its one
+// message, as it always has, and has a stored message on the disk before it
+// goes on; a backlog keeps one session for all of its messages,
+// reconnecting only when the server drops it, and leaves stored messages
+// for DeferredSyncs::flushAll() before it records them as done.
+enum class MailSessions { OnePerMessage, Kept };
+
 class Delivery {
 public:
   virtual ~Delivery() = default;

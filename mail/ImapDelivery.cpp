@@ -35,43 +35,54 @@ DeliveryResult notStoredYet(const std::string &reason) {
 } // namespace
 
 DeliveryResult ImapDelivery::deliver(MailContent &content) {
-  if (!settings_.server || settings_.server->empty())
-    return unreachable();
-  const auto server = settings_.serverFor(*settings_.server, 143, 993);
-  if (const auto *why = std::get_if<std::string>(&server))
-    return waitForSetting(*why);
-  ImapRequest request;
-  request.username = settings_.username;
-  if (request.username.empty())
-    return waitForSetting("IMAP needs emailUsername");
-  request.folder = settings_.folder;
-  if (const auto why = settings_.imapFolderProblem())
-    return waitForSetting(*why);
-  const MailPassword password = mailPassword(appSettings());
-  if (!password.failure.empty())
-    return notStoredYet(password.failure);
-  request.password = password.password;
+  if (!session_) {
+    if (!settings_.server || settings_.server->empty())
+      return unreachable();
+    const auto server = settings_.serverFor(*settings_.server, 143, 993);
+    if (const auto *why = std::get_if<std::string>(&server))
+      return waitForSetting(*why);
+    ImapLogin login;
+    login.username = settings_.username;
+    if (login.username.empty())
+      return waitForSetting("IMAP needs emailUsername");
+    login.folder = settings_.folder;
+    if (const auto why = settings_.imapFolderProblem())
+      return waitForSetting(*why);
+    // Asked once a session: a command that asks a keyring is not run for
+    // every chat of a backlog.
+    const MailPassword password = mailPassword(appSettings());
+    if (!password.failure.empty())
+      return notStoredYet(password.failure);
+    login.password = password.password;
+    login.messageIdPrefix = MailboxMessage::kNamePrefix;
+    auto opened = ImapSession::open(MailServer{std::get<MailServerSetting>(server)}, login);
+    if (const auto *why = std::get_if<std::string>(&opened)) {
+      logFormat("Could not load the mail module: %@", *why);
+      return unreachable();
+    }
+    session_ = std::move(std::get<std::unique_ptr<ImapSession>>(opened));
+  }
   const auto message = MailboxMessage::compose(content, settings_.to, settings_.from);
   if (!message)
     return DeliveryResult::wait();
-  request.messageIdKey = message->name;
-  request.message = message->bytes;
-  request.internalDate = message->chatTime;
+  const ImapResult result =
+      session_->store({message->name, message->bytes, message->chatTime}, [] { return shouldQuit; });
+  const DeliveryResult delivered = outcome(result, content);
+  // A session that failed is not offered the next message: that one starts
+  // over, from the settings and the password.
+  if (!delivered.delivered())
+    session_.reset();
+  return delivered;
+}
 
-  const auto stored = ImapSession::store(MailServer{std::get<MailServerSetting>(server)}, request,
-                                         [] { return shouldQuit; });
-  if (const auto *why = std::get_if<std::string>(&stored)) {
-    logFormat("Could not load the mail module: %@", *why);
-    return unreachable();
-  }
-  const ImapResult &result = std::get<ImapResult>(stored);
+DeliveryResult ImapDelivery::outcome(const ImapResult &result, MailContent &content) {
   using Outcome = ImapResult::Outcome;
   switch (result.outcome) {
   case Outcome::Stored:
     return DeliveryResult::sent();
   case Outcome::AlreadyThere:
     logRoutine("The mail of %@ is in the IMAP folder %@ already; it is not stored again.", content.transcriptPath(),
-              request.folder);
+               settings_.folder);
     return DeliveryResult::alreadyThere();
   case Outcome::Unreachable:
     return unreachable();

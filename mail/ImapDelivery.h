@@ -1,8 +1,12 @@
 // The transcript email appended to a folder of an IMAP mailbox, found there
-// by its Message-ID first so that it is stored once.
+// by its Message-ID first so that it is stored once. One session serves
+// every message the delivery carries, opened with the first of them.
 #pragma once
 
+#include <memory>
+
 #include "mail/Delivery.h"
+#include "mail/ImapSession.h"
 
 namespace parlova {
 
@@ -12,7 +16,10 @@ public:
   DeliveryResult deliver(MailContent &content) override;
 
 private:
+  DeliveryResult outcome(const ImapResult &result, MailContent &content);
+
   MailSettings settings_;
+  std::unique_ptr<ImapSession> session_;
 };
 
 } // namespace parlova

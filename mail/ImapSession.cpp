@@ -5,17 +5,15 @@
 
 namespace parlova {
 
-std::variant<ImapResult, std::string> ImapSession::store(const MailServer &server, const ImapRequest &request,
-                                                         const std::function<bool()> &keepGoing) {
-  const auto found = moduleSymbol("libparlova-mail.so", kStoreByImapSymbol);
+std::variant<std::unique_ptr<ImapSession>, std::string> ImapSession::open(const MailServer &server,
+                                                                          const ImapLogin &login) {
+  const auto found = moduleSymbol("libparlova-mail.so", kOpenImapSessionSymbol);
   if (const auto *why = std::get_if<std::string>(&found))
     return *why;
-  const auto storeByImap = reinterpret_cast<StoreByImapFunction>(std::get<void *>(found));
+  const auto openSession = reinterpret_cast<OpenImapSessionFunction>(std::get<void *>(found));
   MailServer logged = server;
   logged.log = &logLine;
-  ImapResult result;
-  storeByImap(&logged, &request, &keepGoing, &result);
-  return result;
+  return std::unique_ptr<ImapSession>(openSession(&logged, &login));
 }
 
 } // namespace parlova

@@ -1,10 +1,13 @@
-// A message stored into a folder of an IMAP mailbox, through the Pantomime
-// mail framework in the mail module: log in, find or create the folder,
-// look for the message by its Message-ID, append it if it is not there.
+// A session with one folder of an IMAP mailbox, kept open for as many
+// messages as a run stores: logged in and the folder found or made once,
+// the messages it holds already listed once, then each message appended
+// in one round trip where the server takes literals without a go-ahead.
+// The session lives in the mail module, which knows TLS.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <variant>
 #include <vector>
@@ -13,15 +16,22 @@
 
 namespace parlova {
 
-struct ImapRequest {
+struct ImapLogin {
   std::string username;
   std::string password;
   // The folder as the user names it, levels split by "/"; stored with the
   // server's own separator between them.
   std::string folder;
-  // Text that only this message's Message-ID holds.
+  // What every Message-ID this program writes begins with: the folder's
+  // messages that carry it are listed once a session.
+  std::string messageIdPrefix;
+};
+
+struct ImapMessage {
+  // Text that only this message's Message-ID holds, beginning with the
+  // login's messageIdPrefix.
   std::string messageIdKey;
-  std::vector<uint8_t> message;
+  std::vector<uint8_t> bytes;
   double internalDate = 0; // seconds since 1970
 };
 
@@ -29,7 +39,7 @@ struct ImapResult {
   enum class Outcome {
     Stored,
     AlreadyThere,
-    Unreachable,      // no connection at all
+    Unreachable,      // no connection at all, or it ended before the message was taken
     NotSecured,       // reached, but the connection could not be secured
     LoginRefused,
     FolderNotCreated,
@@ -44,15 +54,21 @@ struct ImapResult {
 
 class ImapSession {
 public:
-  // Stores the message, running the current run loop until it is done;
-  // `keepGoing` is asked between events. Or why the mail module could not
-  // be loaded.
-  static std::variant<ImapResult, std::string> store(const MailServer &server, const ImapRequest &request,
-                                                     const std::function<bool()> &keepGoing);
+  // The session, not yet connected; or why the mail module could not be
+  // loaded.
+  static std::variant<std::unique_ptr<ImapSession>, std::string> open(const MailServer &server,
+                                                                      const ImapLogin &login);
+  virtual ~ImapSession() = default;
+
+  // Stores the message unless the folder holds it, connecting first when
+  // there is no connection; a connection kept from an earlier message that
+  // the server has dropped is made again once, and what the folder holds
+  // listed again, so nothing is stored twice. `keepGoing` is asked while
+  // the server is waited for.
+  virtual ImapResult store(const ImapMessage &message, const std::function<bool()> &keepGoing) = 0;
 };
 
-using StoreByImapFunction = void (*)(const MailServer *server, const ImapRequest *request,
-                                     const std::function<bool()> *keepGoing, ImapResult *result);
-inline constexpr const char *kStoreByImapSymbol = "parlovaStoreByImap";
+using OpenImapSessionFunction = ImapSession *(*)(const MailServer *server, const ImapLogin *login);
+inline constexpr const char *kOpenImapSessionSymbol = "parlovaOpenImapSession";
 
 } // namespace parlova

@@ -13,7 +13,7 @@ std::optional<MailboxMessage> MailboxMessage::compose(MailContent &content, cons
     return std::nullopt;
   }
   MailboxMessage stored;
-  stored.name = "parlova." + *key;
+  stored.name = kNamePrefix + *key;
   const std::string sender = from.value_or("");
   const size_t at = sender.rfind('@');
   const std::string domain = at == std::string::npos || at + 1 == sender.size() ? "localhost" : sender.substr(at + 1);

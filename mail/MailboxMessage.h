@@ -14,6 +14,9 @@
 namespace parlova {
 
 struct MailboxMessage {
+  // What every name begins with.
+  static constexpr const char *kNamePrefix = "parlova.";
+
   std::string name; // unique to the transcript's contents, ASCII
   std::vector<uint8_t> bytes;
   double chatTime = 0; // seconds since 1970

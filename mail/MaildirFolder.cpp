@@ -1,5 +1,6 @@
 #include "mail/MaildirFolder.h"
 
+#include "platform/DeferredSyncs.h"
 #include "platform/FileManager.h"
 
 #include <cerrno>
@@ -46,7 +47,7 @@ MaildirFolder::MaildirFolder(fs::path maildir, const std::string &folderName)
       subFolder_(!folderName.empty()) {}
 
 MaildirFolder::Result MaildirFolder::store(const std::string &name, const std::vector<uint8_t> &bytes,
-                                           double modified) const {
+                                           double modified, Durability durability) const {
   for (const char *part : {"tmp", "cur", "new"}) {
     std::error_code error;
     fs::create_directories(folder_ / part, error);
@@ -78,10 +79,25 @@ MaildirFolder::Result MaildirFolder::store(const std::string &name, const std::v
   const double whole = std::floor(modified);
   const timespec times[2] = {{static_cast<time_t>(whole), static_cast<long>((modified - whole) * 1e9)},
                              {static_cast<time_t>(whole), static_cast<long>((modified - whole) * 1e9)}};
-  const bool complete = written == bytes.size() && fsync(fd) == 0 && futimens(fd, times) == 0;
+  const bool complete = written == bytes.size() && (durability == Durability::ByNextSync || fsync(fd) == 0) &&
+                        futimens(fd, times) == 0;
   const int reason = errno;
   close(fd);
   const fs::path stored = folder_ / "cur" / (name + ":2,S");
+  if (complete && durability == Durability::ByNextSync) {
+    // Named in cur/ only once its bytes are on the disk: after a power cut
+    // a name there must stand for a whole message, or the next run would
+    // take it as stored.
+    DeferredSyncs::note(writing);
+    DeferredSyncs::afterFlush([writing, stored] {
+      if (std::rename(writing.c_str(), stored.c_str()) != 0)
+        return false;
+      DeferredSyncs::note(stored);
+      return true;
+    });
+    names.insert(name);
+    return {Outcome::Stored, {}};
+  }
   if (!complete || std::rename(writing.c_str(), stored.c_str()) != 0) {
     const int why = complete ? errno : reason;
     unlink(writing.c_str());

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/FileManager.h"
+
 namespace parlova {
 
 class MaildirFolder {
@@ -25,8 +27,11 @@ public:
   // `name` says which message it is: the same message always has the same
   // name, and one whose name is in cur/ or new/ already is not stored again
   // (a mail reader may have changed its flags, never its name). The file's
-  // times are `modified` (seconds since 1970); it is stored as seen.
-  Result store(const std::string &name, const std::vector<uint8_t> &bytes, double modified) const;
+  // times are `modified` (seconds since 1970); it is stored as seen. With
+  // Durability::ByNextSync the message waits in tmp/ and is put into cur/
+  // by the next DeferredSyncs::flushAll(), once its bytes are on the disk.
+  Result store(const std::string &name, const std::vector<uint8_t> &bytes, double modified,
+               Durability durability = Durability::Now) const;
 
   const std::filesystem::path &folder() const { return folder_; }
 

@@ -1,6 +1,6 @@
-// The Pantomime side of the SMTP and IMAP sessions, built into the mail
+// The Pantomime side of the SMTP session, built into the mail
 // module. Objective-C stays in this file.
-#include "mail/ImapSession.h"
+#include "mail/ServerConnection.h"
 #include "mail/SmtpSession.h"
 
 #include <algorithm>
@@ -12,9 +12,6 @@
 
 #import <Foundation/Foundation.h>
 #import <Pantomime/CWConstants.h>
-#import <Pantomime/CWFlags.h>
-#import <Pantomime/CWIMAPFolder.h>
-#import <Pantomime/CWIMAPStore.h>
 #import <Pantomime/CWInternetAddress.h>
 #import <Pantomime/CWMIMEMultipart.h>
 #import <Pantomime/CWMessage.h>
@@ -62,6 +59,19 @@
 - (void)connectionTimedOut:(NSNotification *)notification {
   if ([self finish])
     delegate->connectionTimedOut();
+}
+- (void)serviceInitialized:(NSNotification *)notification {
+  if (delegate && !finished)
+    delegate->serviceInitialized();
+}
+- (void)transactionResetCompleted:(NSNotification *)notification {
+  lastActivity = [NSDate timeIntervalSinceReferenceDate];
+  if (delegate && !finished)
+    delegate->transactionResetCompleted();
+}
+- (void)transactionResetFailed:(NSNotification *)notification {
+  if ([self finish])
+    delegate->transactionResetFailed();
 }
 // The other end closed (the relay does when the server drops the line):
 // nothing more will come, so the time-out need not be waited for.
@@ -111,17 +121,6 @@ __attribute__((constructor)) void quietFramework() { _NSLog_printf_handler = &dr
 
 NSString *text(const std::string &utf8) {
   return [[[NSString alloc] initWithBytes:utf8.data() length:utf8.size() encoding:NSUTF8StringEncoding] autorelease];
-}
-
-// How long a silent server is waited on before the session reports a
-// time-out: 60 seconds, or $PARLOVA_SMTP_TIMEOUT_SECONDS.
-unsigned smtpTimeoutSeconds() {
-  constexpr unsigned kDefault = 60;
-  const char *configured = std::getenv("PARLOVA_SMTP_TIMEOUT_SECONDS");
-  if (!configured || !*configured)
-    return kDefault;
-  const long seconds = std::strtol(configured, nullptr, 10);
-  return seconds > 0 ? static_cast<unsigned>(seconds) : kDefault;
 }
 
 // The transcript email as a message of the framework's, owned by the caller:
@@ -201,6 +200,7 @@ public:
   bool runRunLoopOnce() override;
   void authenticate(const std::string &username, const std::string &password, const std::string &mechanism) override;
   void sendMessage() override;
+  void resetFor(const MailMessage &message) override;
   std::vector<uint8_t> lastResponse() const override;
 
 private:
@@ -232,7 +232,7 @@ PantomimeSmtpSession::PantomimeSmtpSession(const MailServer &server, const MailM
 
   objects_->message = newMessage(mail);
   objects_->delegate = [[ParlovaSmtpDelegate alloc] init];
-  objects_->delegate->timeout = smtpTimeoutSeconds();
+  objects_->delegate->timeout = mailTimeoutSeconds();
   objects_->delegate->lastActivity = [NSDate timeIntervalSinceReferenceDate];
 }
 
@@ -261,7 +261,7 @@ int PantomimeSmtpSession::connect() {
   unsigned port = server_.port;
   if (server_.security != MailSecurity::None) {
     auto opened = TlsTunnel::open({server_.security, MailProtocol::Smtp, server_.host, server_.port, server_.caFile, server_.verify,
-                                   smtpTimeoutSeconds(), server_.log});
+                                   mailTimeoutSeconds(), server_.log});
     if (auto *failure = std::get_if<TlsTunnel::Failure>(&opened)) {
       if (!failure->unreachable)
         securityFailure_ = failure->reason;
@@ -272,9 +272,9 @@ int PantomimeSmtpSession::connect() {
     port = tunnel_->localPort();
   }
   objects_->smtp = [[CWSMTP alloc] initWithName:text(host) port:port];
-  [objects_->smtp setConnectionTimeout:smtpTimeoutSeconds()];
-  [objects_->smtp setReadTimeout:smtpTimeoutSeconds()];
-  [objects_->smtp setWriteTimeout:smtpTimeoutSeconds()];
+  [objects_->smtp setConnectionTimeout:mailTimeoutSeconds()];
+  [objects_->smtp setReadTimeout:mailTimeoutSeconds()];
+  [objects_->smtp setWriteTimeout:mailTimeoutSeconds()];
   [objects_->smtp setMessage:objects_->message];
   // A message dated other than now goes as the bytes made for it; the
   // message itself still names the recipients.
@@ -332,6 +332,27 @@ void PantomimeSmtpSession::sendMessage() {
   }
 }
 
+void PantomimeSmtpSession::resetFor(const MailMessage &mail) {
+  [objects_->message release];
+  objects_->message = newMessage(mail);
+  rawMessage_ = mail.raw;
+  [objects_->smtp setMessage:objects_->message];
+  if (!rawMessage_.empty())
+    [objects_->smtp setMessageData:[NSData dataWithBytes:rawMessage_.data() length:rawMessage_.size()]];
+  // The framework takes the recipients (and the bytes with them) from the
+  // message only when it holds none from the last one.
+  [objects_->smtp setRecipients:nil];
+  ParlovaSmtpDelegate *watch = objects_->delegate;
+  watch->finished = NO;
+  watch->lastActivity = watch->startedAt = [NSDate timeIntervalSinceReferenceDate];
+  @try {
+    [objects_->smtp reset];
+  } @catch (NSException *exception) {
+    if ([watch finish])
+      watch->delegate->transactionResetFailed();
+  }
+}
+
 std::vector<uint8_t> PantomimeSmtpSession::lastResponse() const {
   NSData *response = [objects_->smtp lastResponse];
   if (!response)
@@ -341,316 +362,6 @@ std::vector<uint8_t> PantomimeSmtpSession::lastResponse() const {
 }
 
 } // namespace parlova
-
-// IMAP: one exchange, stepped along by the framework's notifications.
-namespace parlova {
-namespace {
-
-struct ImapExchange {
-  const ImapRequest *request = nullptr;
-  CWIMAPStore *store = nil;
-  ImapResult result;
-  bool done = false;
-  bool initialized = false;
-  bool created = false;
-  // Once the message is in, the rest (subscribing to the folder) is a
-  // courtesy: however the exchange ends, the message is stored.
-  bool appended = false;
-  std::string folder;          // as the server names it
-  std::string received;        // what came since the last command was sent
-  std::string lastLine;        // the last line the server sent
-
-  void finish(ImapResult::Outcome outcome, std::string detail = {}) {
-    if (done)
-      return;
-    done = true;
-    result.outcome = appended ? ImapResult::Outcome::Stored : outcome;
-    result.detail = appended ? std::string() : std::move(detail);
-  }
-  // The server's words in its last tagged answer, without the tag.
-  std::string serverSaid() const {
-    const size_t blank = lastLine.find(' ');
-    return blank == std::string::npos ? lastLine : lastLine.substr(blank + 1);
-  }
-};
-
-// A string as IMAP's quoted form, or nothing when it holds what a quoted
-// string cannot carry (line ends, NUL, bytes beyond ASCII).
-std::optional<std::string> imapQuoted(const std::string &text) {
-  std::string quoted = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == 0 || byte == '\r' || byte == '\n' || byte >= 0x80)
-      return std::nullopt;
-    if (c == '"' || c == '\\')
-      quoted += '\\';
-    quoted += c;
-  }
-  return quoted + "\"";
-}
-
-} // namespace
-} // namespace parlova
-
-// The framework's side of the exchange: login, the folder selected (made
-// first when missing), the search for the message, the append.
-@interface ParlovaImapDelegate : NSObject {
-@public
-  parlova::ImapExchange *exchange;
-  NSTimeInterval lastActivity;
-  NSTimeInterval startedAt;
-  NSTimeInterval timeout;
-}
-- (void)send:(NSString *)command as:(IMAPCommand)kind;
-- (void)listed;
-- (void)select;
-- (void)watch:(NSTimer *)timer;
-@end
-
-@implementation ParlovaImapDelegate
-- (void)send:(NSString *)command as:(IMAPCommand)kind {
-  exchange->received.clear();
-  [exchange->store sendCommand:kind info:nil arguments:@"%@", command];
-}
-- (void)serviceInitialized:(NSNotification *)notification {
-  // It comes again after the login, with the capabilities that brought.
-  if (exchange->initialized || exchange->done)
-    return;
-  exchange->initialized = true;
-  CWIMAPStore *store = exchange->store;
-  NSString *user = parlova::text(exchange->request->username);
-  NSString *password = parlova::text(exchange->request->password);
-  // AUTHENTICATE LOGIN carries any name and password (base64); the LOGIN
-  // command only what a quoted string can, and only where it is allowed.
-  if ([[store supportedMechanisms] containsObject:@"LOGIN"]) {
-    exchange->received.clear();
-    [store authenticate:user password:password mechanism:@"LOGIN"];
-    return;
-  }
-  const auto quotedUser = parlova::imapQuoted(exchange->request->username);
-  const auto quotedPassword = parlova::imapQuoted(exchange->request->password);
-  if ([[store capabilities] containsObject:@"LOGINDISABLED"]) {
-    exchange->finish(parlova::ImapResult::Outcome::LoginRefused,
-                     "the server allows no login over this connection (emailSecurity starttls or tls would)");
-    return;
-  }
-  if (!quotedUser || !quotedPassword) {
-    exchange->finish(parlova::ImapResult::Outcome::LoginRefused,
-                     "the server offers no login that can carry this user name and password");
-    return;
-  }
-  [self send:parlova::text("LOGIN " + *quotedUser + " " + *quotedPassword) as:IMAP_LOGIN];
-}
-- (void)authenticationCompleted:(NSNotification *)notification {
-  // Which separator the server puts between folder levels.
-  [self send:@"LIST \"\" \"\"" as:IMAP_LIST];
-}
-- (void)authenticationFailed:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::LoginRefused, exchange->serverSaid());
-}
-- (void)folderListCompleted:(NSNotification *)notification {
-  [self listed];
-}
-- (void)folderListFailed:(NSNotification *)notification {
-  [self listed];
-}
-- (void)listed {
-  if (exchange->done || !exchange->folder.empty())
-    return;
-  // `* LIST (\Noselect) "." ""`: the separator, or NIL for a flat mailbox.
-  std::string separator = "/";
-  const size_t list = exchange->received.find("* LIST ");
-  if (list != std::string::npos) {
-    const size_t close = exchange->received.find(") ", list);
-    if (close != std::string::npos && exchange->received.compare(close + 2, 1, "\"") == 0) {
-      size_t at = close + 3;
-      if (exchange->received[at] == '\\')
-        ++at;
-      separator = exchange->received.substr(at, 1);
-    }
-  }
-  std::string name;
-  for (size_t start = 0; start <= exchange->request->folder.size();) {
-    const size_t slash = std::min(exchange->request->folder.find('/', start), exchange->request->folder.size());
-    name += (name.empty() ? "" : separator) + exchange->request->folder.substr(start, slash - start);
-    start = slash + 1;
-  }
-  exchange->folder = name; // the framework writes it in IMAP's modified UTF-7
-  [self select];
-}
-- (void)select {
-  exchange->received.clear();
-  [exchange->store folderForName:parlova::text(exchange->folder) mode:PantomimeReadWriteMode prefetch:NO];
-}
-- (void)folderOpenCompleted:(NSNotification *)notification {
-  if (exchange->done)
-    return;
-  // The name alone is searched for: it is ASCII whatever domain follows.
-  [self send:parlova::text("UID SEARCH HEADER Message-ID " + *parlova::imapQuoted(exchange->request->messageIdKey))
-          as:IMAP_UID_SEARCH_ALL];
-}
-- (void)folderOpenFailed:(NSNotification *)notification {
-  if (exchange->done)
-    return;
-  if (exchange->created) {
-    exchange->finish(parlova::ImapResult::Outcome::NotStored, exchange->serverSaid());
-    return;
-  }
-  exchange->created = true;
-  exchange->received.clear();
-  [exchange->store createFolderWithName:parlova::text(exchange->folder) type:PantomimeFormatMbox contents:nil];
-}
-- (void)folderCreateCompleted:(NSNotification *)notification {
-  [self select];
-}
-- (void)folderCreateFailed:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::FolderNotCreated, exchange->serverSaid());
-}
-- (void)folderSearchCompleted:(NSNotification *)notification {
-  if (exchange->done)
-    return;
-  // The framework hands back only messages it has cached, so the answer's
-  // own line says whether anything matched: "* SEARCH 17".
-  const size_t found = exchange->received.find("* SEARCH");
-  if (found != std::string::npos && exchange->received.compare(found + 8, 1, " ") == 0 &&
-      std::isdigit(static_cast<unsigned char>(exchange->received[found + 9]))) {
-    exchange->finish(parlova::ImapResult::Outcome::AlreadyThere);
-    return;
-  }
-  CWIMAPFolder *folder = [[notification userInfo] objectForKey:@"Folder"];
-  const auto &bytes = exchange->request->message;
-  CWFlags *seen = [[[CWFlags alloc] initWithFlags:PantomimeSeen] autorelease];
-  exchange->received.clear();
-  [folder appendMessageFromRawSource:[NSData dataWithBytes:bytes.data() length:bytes.size()]
-                               flags:seen
-                        internalDate:[NSCalendarDate dateWithTimeIntervalSince1970:exchange->request->internalDate]];
-}
-- (void)folderSearchFailed:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::NotStored, exchange->serverSaid());
-}
-- (void)folderAppendCompleted:(NSNotification *)notification {
-  // Subscribed, so that mail programs which show only subscribed folders
-  // show it.
-  exchange->appended = true;
-  [exchange->store subscribeToFolderWithName:parlova::text(exchange->folder)];
-}
-- (void)folderSubscribeCompleted:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::Stored);
-}
-- (void)folderSubscribeFailed:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::Stored);
-}
-- (void)folderAppendFailed:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::NotStored, exchange->serverSaid());
-}
-- (void)connectionTimedOut:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::TimedOut);
-}
-- (void)connectionLost:(NSNotification *)notification {
-  exchange->finish(parlova::ImapResult::Outcome::TimedOut);
-}
-- (void)service:(CWService *)service receivedData:(NSData *)data {
-  lastActivity = [NSDate timeIntervalSinceReferenceDate];
-  // Bounded: a server that talks without end must not fill the memory.
-  if (exchange->received.size() < (1u << 20))
-    exchange->received.append(static_cast<const char *>([data bytes]), [data length]);
-  std::string_view lines(static_cast<const char *>([data bytes]), [data length]);
-  while (!lines.empty() && (lines.back() == '\n' || lines.back() == '\r'))
-    lines.remove_suffix(1);
-  const size_t start = lines.rfind('\n');
-  exchange->lastLine = std::string(start == std::string_view::npos ? lines : lines.substr(start + 1));
-}
-- (void)service:(CWService *)service sentData:(NSData *)data {
-  lastActivity = [NSDate timeIntervalSinceReferenceDate];
-}
-- (void)watch:(NSTimer *)timer {
-  const NSTimeInterval now = [NSDate timeIntervalSinceReferenceDate];
-  if (now - lastActivity > timeout || now - startedAt > timeout)
-    exchange->finish(parlova::ImapResult::Outcome::TimedOut);
-}
-@end
-
-namespace parlova {
-namespace {
-
-void storeByImap(const MailServer &server, const ImapRequest &request, const std::function<bool()> &keepGoing,
-                 ImapResult &result) {
-  NSAutoreleasePool *pool = [[NSAutoreleasePool alloc] init];
-  ImapExchange exchange;
-  exchange.request = &request;
-  std::unique_ptr<TlsTunnel> tunnel;
-  std::string host = server.host;
-  unsigned port = server.port;
-  if (server.security != MailSecurity::None) {
-    auto opened = TlsTunnel::open({server.security, MailProtocol::Imap, server.host, server.port, server.caFile,
-                                   server.verify, smtpTimeoutSeconds(), server.log});
-    if (auto *failure = std::get_if<TlsTunnel::Failure>(&opened)) {
-      result.outcome = failure->unreachable ? ImapResult::Outcome::Unreachable : ImapResult::Outcome::NotSecured;
-      result.detail = failure->reason;
-      [pool release];
-      return;
-    }
-    tunnel = std::move(std::get<std::unique_ptr<TlsTunnel>>(opened));
-    host = "127.0.0.1";
-    port = tunnel->localPort();
-  }
-  ParlovaImapDelegate *delegate = [[ParlovaImapDelegate alloc] init];
-  delegate->exchange = &exchange;
-  delegate->timeout = smtpTimeoutSeconds();
-  exchange.store = [[CWIMAPStore alloc] initWithName:text(host) port:port];
-  [exchange.store setConnectionTimeout:smtpTimeoutSeconds()];
-  [exchange.store setReadTimeout:smtpTimeoutSeconds()];
-  [exchange.store setWriteTimeout:smtpTimeoutSeconds()];
-  [exchange.store setDelegate:delegate];
-  NSTimer *watch = nil;
-  @try {
-    if ([exchange.store connect] != 0) {
-      exchange.finish(ImapResult::Outcome::Unreachable);
-    } else {
-      delegate->lastActivity = delegate->startedAt = [NSDate timeIntervalSinceReferenceDate];
-      watch = [NSTimer scheduledTimerWithTimeInterval:0.5
-                                               target:delegate
-                                             selector:@selector(watch:)
-                                             userInfo:nil
-                                              repeats:YES];
-      while (!exchange.done) {
-        if (!keepGoing()) {
-          exchange.finish(ImapResult::Outcome::Stopped);
-          break;
-        }
-        NSAutoreleasePool *turn = [[NSAutoreleasePool alloc] init];
-        [[NSRunLoop currentRunLoop] runMode:NSDefaultRunLoopMode beforeDate:[NSDate distantFuture]];
-        [turn release];
-      }
-    }
-  } @catch (NSException *exception) {
-    exchange.finish(ImapResult::Outcome::NotStored, [[exception reason] UTF8String] ?: "");
-  }
-  [watch invalidate];
-  [exchange.store setDelegate:nil];
-  if (exchange.result.outcome == ImapResult::Outcome::Stored ||
-      exchange.result.outcome == ImapResult::Outcome::AlreadyThere) {
-    @try {
-      [exchange.store close];
-    } @catch (NSException *exception) {
-    }
-  }
-  [exchange.store release];
-  tunnel.reset(); // after the framework let go of its end
-  [delegate release];
-  [pool release];
-  result = exchange.result;
-}
-
-} // namespace
-} // namespace parlova
-
-extern "C" __attribute__((visibility("default"))) void parlovaStoreByImap(const parlova::MailServer *server,
-                                                                        const parlova::ImapRequest *request,
-                                                                        const std::function<bool()> *keepGoing,
-                                                                        parlova::ImapResult *result) {
-  parlova::storeByImap(*server, *request, *keepGoing, *result);
-}
 
 // The message's bytes as the framework writes them, for a mailbox.
 extern "C" __attribute__((visibility("default"))) void parlovaRenderMessage(const parlova::MailMessage *mail,

@@ -1,6 +1,7 @@
 #include "mail/SmtpDelivery.h"
 
 #include <cstring>
+#include <thread>
 
 #include "context/MailPassword.h"
 #include "context/ProcessFlags.h"
@@ -8,6 +9,7 @@
 #include "foundation/Unicode.h"
 #include "mail/SmtpSentRecord.h"
 #include "platform/Log.h"
+#include "platform/StopSignals.h"
 
 namespace parlova {
 
@@ -40,21 +42,68 @@ DeliveryResult SmtpDelivery::deliver(MailContent &content) {
   MailMessage message = content.message(*to, *from);
   if (settings_.dateFromChat)
     message.date = content.chatStart();
-  auto opened = SmtpSession::open(MailServer{std::get<MailServerSetting>(chosen)}, message);
+  waitForPace();
+  std::optional<DeliveryResult> result;
+  if (kept_)
+    result = sendOnKeptSession(message);
+  if (!result) {
+    kept_.reset();
+    result = sendOnNewSession(MailServer{std::get<MailServerSetting>(chosen)}, message);
+  }
+  lastHandedOver_ = std::chrono::steady_clock::now();
+  if (result->kind != DeliveryResult::Kind::Sent)
+    kept_.reset();
+  if (result->kind == DeliveryResult::Kind::Sent && key && !SmtpSentRecord::add(*to, *key))
+    logFormat("Could not note in %@ that %@ was sent: %@", SmtpSentRecord::file().string(), content.transcriptPath(),
+              std::string(std::strerror(errno)));
+  return *result;
+}
+
+void SmtpDelivery::waitForPace() {
+  if (sessions_ != MailSessions::Kept || settings_.messagesPerMinute <= 0 || !lastHandedOver_)
+    return;
+  const auto next = *lastHandedOver_ + std::chrono::microseconds(60'000'000 / settings_.messagesPerMinute);
+  while (std::chrono::steady_clock::now() < next && !StopSignals::requested())
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        std::chrono::milliseconds(100), next - std::chrono::steady_clock::now()));
+}
+
+DeliveryResult SmtpDelivery::sendOnNewSession(const MailServer &server, const MailMessage &message) {
+  auto opened = SmtpSession::open(server, message);
   if (const auto *why = std::get_if<std::string>(&opened)) {
     logFormat("Could not load the mail module: %@", *why);
     return unreachable();
   }
-  const DeliveryResult result = HandleEmailSending(*std::get<std::unique_ptr<SmtpSession>>(opened));
-  if (result.kind == DeliveryResult::Kind::Sent && key && !SmtpSentRecord::add(*to, *key))
-    logFormat("Could not note in %@ that %@ was sent: %@", SmtpSentRecord::file().string(), content.transcriptPath(),
-              std::string(std::strerror(errno)));
+  auto session = std::move(std::get<std::unique_ptr<SmtpSession>>(opened));
+  const DeliveryResult result = HandleEmailSending(*session);
+  if (sessions_ == MailSessions::Kept && result.kind == DeliveryResult::Kind::Sent)
+    kept_ = std::move(session);
   return result;
+}
+
+std::optional<DeliveryResult> SmtpDelivery::sendOnKeptSession(const MailMessage &message) {
+  auto ready = SmtpSession::prepared(message);
+  if (const auto *why = std::get_if<std::string>(&ready)) {
+    logFormat("Could not load the mail module: %@", *why);
+    return unreachable();
+  }
+  session_ = kept_.get();
+  ended_.reset();
+  resetting_ = true;
+  kept_->resetFor(std::get<MailMessage>(ready));
+  const DeliveryResult result = runUntilEnded(*kept_);
+  if (!shouldQuit || !resetting_)
+    return result;
+  // The reset was not answered: the server let the connection go while
+  // the last transcript was archived.
+  return std::nullopt;
 }
 
 DeliveryResult SmtpDelivery::HandleEmailSending(SmtpSession &session) {
   session_ = &session;
   ended_.reset();
+  greeted_ = false;
+  resetting_ = false;
   if (verbose)
     logLine("preparing to email with pantomime");
   session.setDelegate(this);
@@ -67,8 +116,13 @@ DeliveryResult SmtpDelivery::HandleEmailSending(SmtpSession &session) {
     }
     return unreachable();
   }
-  session.scheduleTimer(1.0, [this] { emailReady(); });
+  // A backlog goes on as soon as the server has greeted.
+  if (sessions_ == MailSessions::OnePerMessage)
+    session.scheduleTimer(1.0, [this] { emailReady(); });
+  return runUntilEnded(session);
+}
 
+DeliveryResult SmtpDelivery::runUntilEnded(SmtpSession &session) {
   while (!ended_) {
     if (!shouldQuit)
       return DeliveryResult::wait();
@@ -79,6 +133,20 @@ DeliveryResult SmtpDelivery::HandleEmailSending(SmtpSession &session) {
   }
   return *ended_;
 }
+
+void SmtpDelivery::serviceInitialized() {
+  if (sessions_ != MailSessions::Kept || greeted_)
+    return;
+  greeted_ = true;
+  emailReady();
+}
+
+void SmtpDelivery::transactionResetCompleted() {
+  resetting_ = false;
+  session_->sendMessage();
+}
+
+void SmtpDelivery::transactionResetFailed() { ended_ = DeliveryResult::wait(); }
 
 void SmtpDelivery::emailReady() {
   if (!settings_.needsUsername) {
@@ -120,6 +188,10 @@ void SmtpDelivery::messageNotSent() {
 }
 
 void SmtpDelivery::connectionTimedOut() {
+  if (resetting_) {
+    ended_ = DeliveryResult::wait();
+    return;
+  }
   logLine("The attempt to send email timed out.");
   ended_ = DeliveryResult::refused(2, "server not responding");
 }

@@ -86,6 +86,15 @@ std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const 
   if (const auto *why = std::get_if<std::string>(&found))
     return *why;
   const auto openSession = reinterpret_cast<OpenSmtpSessionFunction>(std::get<void *>(found));
+  auto ready = prepared(message);
+  if (const auto *why = std::get_if<std::string>(&ready))
+    return *why;
+  MailServer logged = server;
+  logged.log = &logLine;
+  return std::unique_ptr<SmtpSession>(openSession(&logged, &std::get<MailMessage>(ready)));
+}
+
+std::variant<MailMessage, std::string> SmtpSession::prepared(const MailMessage &message) {
   MailMessage headers = withHeadersFit(message);
   if (message.date) {
     auto bytes = messageBytes(message);
@@ -93,9 +102,7 @@ std::variant<std::unique_ptr<SmtpSession>, std::string> SmtpSession::open(const 
       return *why;
     headers.raw = std::move(std::get<std::vector<uint8_t>>(bytes));
   }
-  MailServer logged = server;
-  logged.log = &logLine;
-  return std::unique_ptr<SmtpSession>(openSession(&logged, &headers));
+  return headers;
 }
 
 std::variant<std::vector<uint8_t>, std::string> SmtpSession::messageBytes(const MailMessage &message) {

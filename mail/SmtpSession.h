@@ -1,5 +1,5 @@
-// One SMTP session carrying one message, through the Pantomime mail
-// framework. Only mail/PantomimeSessions.mm knows that it is Objective-C; its
+// An SMTP session carrying one message, or one after another, through the
+// Pantomime mail framework. Only mail/PantomimeSessions.mm knows that it is Objective-C; its
 // events arrive through the main thread's run loop.
 #pragma once
 
@@ -44,6 +44,11 @@ public:
   virtual void messageSent() = 0;
   virtual void messageNotSent() = 0;
   virtual void connectionTimedOut() = 0;
+  // The server has greeted and named its extensions.
+  virtual void serviceInitialized() {}
+  // The answer to RSET, before another message on the same connection.
+  virtual void transactionResetCompleted() {}
+  virtual void transactionResetFailed() {}
 };
 
 // Where the message goes and how the connection is secured, with the log
@@ -52,14 +57,18 @@ struct MailServer : MailServerSetting {
   LogFunction log = nullptr; // filled in by open()
 };
 
-// One SMTP session carrying one message. The implementation lives in a
-// module of its own (the mail framework, GNUstep and OpenSSL), loaded the
-// first time a mail is sent, so that runs that send nothing never load it.
+// An SMTP session, its first message given when it is opened. The
+// implementation lives in a module of its own (the mail framework, GNUstep
+// and OpenSSL), loaded the first time a mail is sent, so that runs that
+// send nothing never load it.
 class SmtpSession {
 public:
   // The session, or why the mail module could not be loaded.
   static std::variant<std::unique_ptr<SmtpSession>, std::string> open(const MailServer &server,
                                                                       const MailMessage &message);
+  // The message as a session takes it: its headers made fit, and its bytes
+  // made when it has a date of its own.
+  static std::variant<MailMessage, std::string> prepared(const MailMessage &message);
 
   // The message's bytes, exactly as a session would send them, for
   // delivery into a mailbox; or why the mail module could not be loaded.
@@ -81,6 +90,11 @@ public:
   virtual void authenticate(const std::string &username, const std::string &password,
                             const std::string &mechanism) = 0;
   virtual void sendMessage() = 0;
+  // Another message on this connection once the last one was sent: the
+  // transaction is reset (RSET) and the watch on the server's silence
+  // starts over; the message goes with sendMessage() once the reset is
+  // answered. `message` comes from prepared().
+  virtual void resetFor(const MailMessage &message) = 0;
   // The server's last reply, as bytes.
   virtual std::vector<uint8_t> lastResponse() const = 0;
 };

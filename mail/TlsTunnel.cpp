@@ -1,5 +1,6 @@
 #include "mail/TlsTunnel.h"
 
+#include "mail/ServerConnection.h"
 #include "mail/StartTlsNegotiation.h"
 
 #include "platform/FileDescriptor.h"
@@ -43,44 +44,6 @@ struct SslDeleter {
 };
 using SslContextPtr = std::unique_ptr<SSL_CTX, SslContextDeleter>;
 using SslPtr = std::unique_ptr<SSL, SslDeleter>;
-
-void setTimeouts(int fd, unsigned seconds) {
-  const timeval limit{static_cast<time_t>(seconds), 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-}
-
-// Connected by the deadline, or nothing; blocking again, each read and
-// write bounded by the time-out as well.
-FileDescriptor connectTo(const std::string &host, unsigned port, unsigned timeoutSeconds, Clock::time_point deadline) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo *found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
-    return {};
-  FileDescriptor connected;
-  for (const addrinfo *address = found; address && !connected; address = address->ai_next) {
-    FileDescriptor candidate(
-        socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address->ai_protocol));
-    if (!candidate)
-      continue;
-    bool made = connect(candidate.get(), address->ai_addr, address->ai_addrlen) == 0;
-    if (!made && errno == EINPROGRESS) {
-      pollfd writable{candidate.get(), POLLOUT, 0};
-      int error = 0;
-      socklen_t length = sizeof error;
-      made = poll(&writable, 1, millisecondsLeft(deadline)) == 1 &&
-             getsockopt(candidate.get(), SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
-    }
-    if (!made)
-      continue;
-    fcntl(candidate.get(), F_SETFL, fcntl(candidate.get(), F_GETFL) & ~O_NONBLOCK);
-    setTimeouts(candidate.get(), timeoutSeconds);
-    connected = std::move(candidate);
-  }
-  freeaddrinfo(found);
-  return connected;
-}
 
 std::string lastSslError() {
   const unsigned long code = ERR_get_error();
@@ -268,7 +231,7 @@ struct TlsTunnel::State {
       return;
     // A framework that stops reading must not hold the relay (and the
     // session's end, which waits for it) for ever.
-    setTimeouts(client.get(), timeoutSeconds);
+    limitSocketWaits(client.get(), timeoutSeconds);
     if (!greeting.empty() && !sendAll(client.get(), greeting))
       return;
     SSL *ssl = secured.ssl.get();
@@ -347,7 +310,7 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
   // One deadline for all that comes before the mail: the connection, what
   // is said before TLS, the handshake.
   const auto deadline = Clock::now() + std::chrono::seconds(options.timeoutSeconds);
-  state->server = connectTo(options.host, options.port, options.timeoutSeconds, deadline);
+  state->server = connectToServer(options.host, options.port, options.timeoutSeconds, deadline);
   if (!state->server)
     return Failure{true, "could not connect"};
   if (options.security == MailSecurity::StartTls) {
@@ -368,7 +331,7 @@ std::variant<std::unique_ptr<TlsTunnel>, TlsTunnel::Failure> TlsTunnel::open(con
   state->secured = std::move(std::get<Secured>(secured));
   // From here the session's own time-out watches, and the relay waits on
   // both ends at once.
-  setTimeouts(state->server.get(), 0);
+  limitSocketWaits(state->server.get(), 0);
   fcntl(state->server.get(), F_SETFL, fcntl(state->server.get(), F_GETFL) | O_NONBLOCK);
 
   state->listener = FileDescriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

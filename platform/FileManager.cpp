@@ -1,5 +1,6 @@
 #include "platform/FileManager.h"
 
+#include "platform/DeferredSyncs.h"
 #include "platform/FileDescriptor.h"
 #include "platform/Home.h"
 #include "platform/SafeFileName.h"
@@ -219,6 +220,8 @@ void removeOrphanedTemporaries(const fs::path &folder) {
 
 bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability,
                          Visibility visibility) {
+  if (DeferredSyncs::deferring())
+    durability = Durability::ByNextSync;
   const fs::path temporary = temporaryPathBeside(path);
   mode_t mode = visibility == Visibility::Private ? 0600 : 0644;
   // A stricter mode that the owner gave a private file stays.
@@ -243,6 +246,8 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, D
   if (complete && std::rename(temporary.c_str(), path.c_str()) == 0) {
     if (durability == Durability::Now)
       syncFolderOf(path);
+    else
+      DeferredSyncs::note(path);
     return true;
   }
   if (complete)

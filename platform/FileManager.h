@@ -59,7 +59,8 @@ void removeLeftoverTemporaries(const std::filesystem::path &folder);
 void removeOrphanedTemporaries(const std::filesystem::path &folder);
 
 // How soon a write must be on the disk itself: before the call returns, or
-// by the caller's next syncFileSystemOf (many files, one flush).
+// by the caller's next syncFileSystemOf or DeferredSyncs::flushAll (many
+// files, one flush).
 enum class Durability { Now, ByNextSync };
 
 // Writes beside the target and renames over it, so that readers see the old

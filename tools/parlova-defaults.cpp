@@ -71,7 +71,7 @@ constexpr std::string_view kKnownKeys[] = {
     "sendEmails", "handleURLs", "handleImages", "debugMode", "forceUniqueSubjects", "emailServer", "emailPort",
     "emailAddress", "emailOutgoing", "emailSecurity", "emailCAFile", "emailAllowUnverifiedCertificate",
     "emailNeedsUsername", "emailUsername", "emailPassword", "emailPasswordCommand", "emailDelivery", "emailFolder",
-    "emailMaildir", "emailDateFromChat", "escapeHTML", "keepHistory", "keepChatPages", "errorStatus", "emailFails",
+    "emailMaildir", "emailDateFromChat", "emailMessagesPerMinute", "escapeHTML", "keepHistory", "keepChatPages", "errorStatus", "emailFails",
     "reportThis", "subjectNumber"};
 
 // Edits from one text to the other, letters compared without case.
@@ -129,6 +129,7 @@ int usage() {
                "  emailDelivery ("
             << deliveryNamesText(", ")
             << ") emailFolder emailMaildir emailDateFromChat\n"
+               "  emailMessagesPerMinute\n"
                "  escapeHTML keepHistory keepChatPages\n"
                "  errorStatus emailFails reportThis subjectNumber (written by Parlova)\n";
   return 2;

@@ -1,5 +1,7 @@
 #include "tests/support/ToolTestSupport.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -88,6 +90,27 @@ ToolResult ScratchHome::run(const std::string &tool, const std::vector<std::stri
   fs::remove(out);
   fs::remove(err);
   return result;
+}
+
+pid_t ScratchHome::start(const std::string &tool, const std::vector<std::string> &arguments) const {
+  std::vector<std::string> words = {(fs::path(PARLOVA_BINARY_DIR) / tool).string()};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int null = open("/dev/null", O_RDWR);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+      dup2(null, fd);
+    setenv("HOME", path_.c_str(), 1);
+    setenv("PARLOVA_PAUSE_SECONDS", "0", 1);
+    setenv("TZ", "UTC", 1);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  return pid;
 }
 
 void ScratchHome::setSetting(const std::string &key, const std::string &type, const std::string &value) const {
@@ -202,6 +225,41 @@ std::string ImapServer::reading(const std::string &script) const {
                        "imap.login('chatuser', 's3cret')\n" + script,
                        folder_);
 }
+
+DelayProxy::DelayProxy(const fs::path &folder, const std::string &port, int delayMs, int dropAfter)
+    : folder_(folder) {
+  fs::create_directories(folder);
+  const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "delay_proxy.py";
+  std::vector<std::string> words = {"python3", script.string(), "--to", port, "--delay", std::to_string(delayMs),
+                                    "--port-file", (folder / "port").string(), "--stats", (folder / "stats").string(),
+                                    "--drop-after", std::to_string(dropAfter), "--record", (folder / "sent").string()};
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) {
+    execv("/usr/bin/python3", argv.data());
+    _exit(127);
+  }
+  for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  port_ = readText(folder / "port");
+}
+
+DelayProxy::~DelayProxy() {
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+}
+
+int DelayProxy::connections() const { return std::atoi(readText(folder_ / "stats").c_str()); }
+
+int DelayProxy::roundTrips() const {
+  const std::string stats = readText(folder_ / "stats");
+  return std::atoi(stats.substr(stats.find(' ') + 1).c_str());
+}
+
+std::string DelayProxy::sent() const { return fs::exists(folder_ / "sent") ? readText(folder_ / "sent") : ""; }
 
 FakeIChat::FakeIChat(const fs::path &folder) {
   const fs::path program = folder / "iChat";

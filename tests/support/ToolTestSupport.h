@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <sys/types.h>
 #include <map>
 #include <string>
 #include <string_view>
@@ -37,6 +38,10 @@ public:
   // between entries; `environment` adds or overrides variables.
   ToolResult run(const std::string &tool, const std::vector<std::string> &arguments = {},
                  const std::map<std::string, std::string> &environment = {}) const;
+
+  // The same run started in the background, its output dropped: the
+  // caller waits for it or ends it.
+  pid_t start(const std::string &tool, const std::vector<std::string> &arguments = {}) const;
 
   // parlova-defaults write com.hollowmere.parlova KEY TYPE VALUE
   void setSetting(const std::string &key, const std::string &type, const std::string &value) const;
@@ -113,6 +118,27 @@ private:
   std::filesystem::path folder_;
   std::string plainPort_;
   std::string tlsPort_;
+};
+
+// tests/support/delay_proxy.py in front of a server on loopback at `port`:
+// every byte held `delayMs` each way, each connection cut after
+// `dropAfter` answers (0: never), what the client sends kept.
+class DelayProxy {
+public:
+  DelayProxy(const std::filesystem::path &folder, const std::string &port, int delayMs, int dropAfter = 0);
+  ~DelayProxy();
+  DelayProxy(const DelayProxy &) = delete;
+  DelayProxy &operator=(const DelayProxy &) = delete;
+
+  const std::string &port() const { return port_; }
+  int connections() const;
+  int roundTrips() const;
+  std::string sent() const;
+
+private:
+  std::filesystem::path folder_;
+  int pid_ = -1;
+  std::string port_;
 };
 
 // A process whose command name is exactly "iChat", for as long as it lives.

@@ -651,3 +651,89 @@ TEST_F(ImapEmail, ARefusedLoginOrAnInsecureServerStoresNothingAndSaysWhy) {
 
 } // namespace
 } // namespace parlova::testing
+
+namespace parlova::testing {
+namespace {
+
+// How many messages a folder holds and how many Message-IDs among them.
+std::string messagesAndIdsIn(const ImapServer &server, const std::string &folder) {
+  return server.reading("imap.select('" + folder + "', readonly=True)\n"
+                        "uids = imap.uid('SEARCH', 'ALL')[1][0].split()\n"
+                        "ids = set()\n"
+                        "for uid in uids:\n"
+                        "    header = imap.uid('FETCH', uid, '(BODY.PEEK[HEADER.FIELDS (MESSAGE-ID)])')[1][0][1]\n"
+                        "    ids.add(header.strip())\n"
+                        "print(len(uids), len(ids))\n");
+}
+
+// A backlog into a mailbox 40 ms away: one session for it all, at most two
+// round trips a chat, every chat once; so too when the catch-up is killed
+// half-way and run again, and when the server cuts the session now and
+// then, taking a message but not answering (each cut costs a connection
+// and a listing, which finds that message there).
+TEST_F(ImapEmail, ABacklogIntoADistantMailboxIsOneSessionAndEveryChatOnceAfterAKillOrACut) {
+  constexpr int kChats = 40;
+  ImapServer server(false);
+  const auto catchUp = [&](const std::string &folder, int dropAfter, bool killHalfWay) {
+    ScratchHome home;
+    samples::writeBacklog(home.chats(), {.transcripts = kChats, .seed = 11, .people = 8, .longestChat = 12});
+    DelayProxy proxy(home.path() / "proxy", server.plainPort(), 20, dropAfter);
+    home.mailTo(proxy.port());
+    for (const auto &[key, value] : std::vector<std::pair<std::string, std::string>>{
+             {"emailDelivery", "imap"}, {"emailSecurity", "none"}, {"emailUsername", "chatuser"},
+             {"emailPassword", "s3cret"}, {"emailFolder", folder}})
+      home.setSetting(key, "-string", value);
+    int killedAt = 0;
+    if (killHalfWay) {
+      const pid_t run = home.start("parlova", {"--catch-up", "--quiet"});
+      while (proxy.roundTrips() < kChats / 2)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      kill(run, SIGKILL);
+      waitpid(run, nullptr, 0);
+      killedAt = proxy.connections();
+      EXPECT_EQ(killedAt, 1) << folder;
+    }
+    const auto result = home.run("parlova", {"--catch-up", "--quiet"});
+    EXPECT_EQ(result.exitCode, 0) << folder << "\n" << result.err;
+    EXPECT_EQ(filesBelow(home.archive()).size(), static_cast<size_t>(kChats)) << folder;
+    EXPECT_EQ(messagesAndIdsIn(server, folder), std::to_string(kChats) + " " + std::to_string(kChats)) << folder;
+    EXPECT_LE(proxy.roundTrips(), 2 * kChats) << folder;
+    return proxy.connections() - killedAt;
+  };
+  EXPECT_EQ(catchUp("Whole", 0, false), 1);
+  EXPECT_EQ(catchUp("Killed", 0, true), 1);
+  EXPECT_GE(catchUp("Cut", 15, false), 3);
+}
+
+// Through SMTP a backlog is one session, each message after the first
+// behind a reset, paced when the settings ask it; a session the server
+// cuts is opened again for the next message, which goes once.
+TEST_F(Email, ABacklogThroughSmtpIsOneSessionResetBetweenMessagesAndPacedWhenAsked) {
+  constexpr int kChats = 6;
+  const auto catchUp = [&](const std::string &name, int dropAfter, int perMinute) {
+    ScratchHome home;
+    samples::writeBacklog(home.chats(), {.transcripts = kChats, .seed = 5, .people = 4, .longestChat = 8});
+    SmtpServer server(home.path() / "smtp", "accept");
+    DelayProxy proxy(home.path() / "proxy", server.port(), 0, dropAfter);
+    home.mailTo(proxy.port());
+    if (perMinute)
+      home.setSetting("emailMessagesPerMinute", "-int", std::to_string(perMinute));
+    const auto start = std::chrono::steady_clock::now();
+    const auto result = home.run("parlova", {"--catch-up", "--quiet"});
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(result.exitCode, 0) << name << "\n" << result.err;
+    EXPECT_EQ(server.messages().size(), static_cast<size_t>(kChats)) << name;
+    EXPECT_EQ(filesBelow(home.archive()).size(), static_cast<size_t>(kChats)) << name;
+    return std::tuple(proxy.connections(), countOccurrences(proxy.sent(), "\r\nRSET\r\n"), seconds);
+  };
+  const auto [connections, resets, seconds] = catchUp("kept", 0, 0);
+  EXPECT_EQ(connections, 1);
+  EXPECT_EQ(resets, kChats - 1);
+  // 120 a minute: half a second from one message to the next.
+  EXPECT_GE(std::get<2>(catchUp("paced", 0, 120)), (kChats - 1) * 0.5);
+  // Cut at the reset after each message: every message on a session of its own.
+  EXPECT_EQ(std::get<0>(catchUp("cut", 5, 0)), kChats);
+}
+
+} // namespace
+} // namespace parlova::testing

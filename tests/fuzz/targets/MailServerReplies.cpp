@@ -1,10 +1,12 @@
-// What a mail server answers before TLS starts, read by the relay: the
-// input is everything the server says (its first byte picks SMTP or IMAP),
-// waiting on a socket that then closes.
+// What a mail server says, waiting on a socket that then closes: the input
+// is everything the server says, its first byte picking who reads it (the
+// relay before TLS starts, for SMTP or IMAP, or the IMAP session's reader
+// of whole responses, literals and all).
 #include <chrono>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "mail/ImapReplies.h"
 #include "mail/StartTlsNegotiation.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -20,10 +22,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   parlova::sendAll(ends[1], {reinterpret_cast<const char *>(data) + 1, size - 1});
   shutdown(ends[1], SHUT_WR);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
-  if (data[0] & 1)
+  if (data[0] & 2) {
+    parlova::ImapReplies replies(ends[0]);
+    const parlova::ImapReplies::Waiting waiting{std::chrono::milliseconds(500), deadline, {}};
+    while (std::holds_alternative<std::string>(replies.next(waiting))) {
+    }
+  } else if (data[0] & 1) {
     parlova::negotiateImapStartTls(ends[0], deadline);
-  else
+  } else {
     parlova::negotiateSmtpStartTls(ends[0], deadline);
+  }
   close(ends[0]);
   close(ends[1]);
   return 0;

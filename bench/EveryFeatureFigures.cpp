@@ -1,0 +1,128 @@
+// A catch-up as a new user runs it, with every feature on (mail into a
+// Maildir, links, pictures, the history, the chat library): against its
+// floor (decoding every transcript once, writing every final output once
+// with one flush at the end) and against the same catch-up with the
+// defaults. And the memory one run takes for a transcript of 65 MB,
+// loaded, rendered, mailed and archived.
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "bench/JudgedFigures.h"
+#include "platform/FileManager.h"
+#include "samples/Backlog.h"
+#include "samples/TranscriptWriter.h"
+
+namespace parlova::bench {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const std::vector<std::vector<std::string>> kEveryFeature = {
+    {"keepHistory", "-bool", "YES"},         {"keepChatPages", "-bool", "YES"},
+    {"sendEmails", "-bool", "YES"},          {"emailDelivery", "maildir"},
+    {"emailAddress", "me@example.org"},      {"emailOutgoing", "parlova@example.org"}};
+
+fs::path withEveryFeature(const fs::path &home, const fs::path &binaryDir) {
+  for (auto setting : kEveryFeature) {
+    setting.insert(setting.begin(), {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova"});
+    runIn(home, setting);
+  }
+  std::vector<std::string> maildir = {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova",
+                                      "emailMaildir", (home / "Maildir").string()};
+  runIn(home, maildir);
+  return home;
+}
+
+// Every file a feature beyond the defaults made (the mail, the chat pages,
+// the history), written once more beside them, then one flush.
+double writeEveryOtherOutputOnce(const fs::path &home, const fs::path &scratch) {
+  const auto start = Clock::now();
+  size_t written = 0;
+  for (const fs::path &made : {home / "Maildir", home / "Library/Parlova/Chats", home / "Library/Parlova/history.sqlite"}) {
+    if (fs::is_regular_file(made)) {
+      if (const auto bytes = readFileContents(made))
+        writeFileAtomically(scratch / made.filename(), *bytes, Durability::ByNextSync);
+      continue;
+    }
+    std::error_code error;
+    for (auto it = fs::recursive_directory_iterator(made, error); !error && it != fs::recursive_directory_iterator();
+         it.increment(error)) {
+      if (!it->is_regular_file())
+        continue;
+      const fs::path copy = scratch / fs::relative(it->path(), home);
+      fs::create_directories(copy.parent_path());
+      if (const auto bytes = readFileContents(it->path()))
+        written += writeFileAtomically(copy, *bytes, Durability::ByNextSync);
+    }
+  }
+  syncFileSystemOf(scratch);
+  if (written == 0)
+    std::printf("(the catch-up with every feature made no mail or pages: the floor means little)\n");
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// About 65 MB in the keyed format: a long chat, each message styled and
+// with a link.
+std::vector<uint8_t> hugeTranscript() {
+  samples::TranscriptSpec spec;
+  const samples::Account me{"AIM", "parlovauser"};
+  const samples::Account other{"AIM", "somebuddy"};
+  spec.others = {other};
+  for (int i = 0; i < 170000; ++i) {
+    samples::MessageSpec message = samples::says(i % 2 ? me : other, 200000000 + i * 7.0, "");
+    samples::RunSpec styled = samples::text("message number " + std::to_string(i) + " with some words in it, ");
+    styled.font = samples::FontSpec{"Helvetica", 12};
+    styled.color = samples::ColorSpec{samples::ColorSpec::Space::CalibratedRGB, {0, 0, i % 3 ? 1.0 : 0.0}};
+    samples::RunSpec link = samples::text("a link");
+    link.link = samples::LinkSpec{"http://example.com/page/" + std::to_string(i), i % 2 == 0, std::nullopt};
+    message.runs = {styled, link, samples::text(" and the rest of the line.")};
+    spec.messages.push_back(std::move(message));
+  }
+  return samples::keyedTranscript(spec);
+}
+
+} // namespace
+
+void printEveryFeature(const fs::path &binaryDir) {
+  constexpr size_t kDecade = 10000;
+  const fs::path root = fs::temp_directory_path() / ("parlova-every-feature-" + std::to_string(getpid()));
+  const fs::path backlog = root / "backlog";
+  const std::vector<fs::path> transcripts = samples::writeBacklog(backlog, {.transcripts = kDecade});
+  const std::string parlova = (binaryDir / "parlova").string();
+
+  const ChildRun defaults = runIn(makeHome(root, "defaults", backlog, transcripts, binaryDir),
+                                  {parlova, "--catch-up", "--quiet"});
+  const fs::path everyHome = withEveryFeature(makeHome(root, "every", backlog, transcripts, binaryDir), binaryDir);
+  const ChildRun every = runIn(everyHome, {parlova, "--catch-up", "--quiet"});
+  if (transcriptsWaiting(everyHome) > 0)
+    std::printf("(some transcripts were not processed: the figures below mean little)\n");
+  const double floor = decodeAll(backlog, transcripts) + writeFinalArchivesAndPages(everyHome) +
+                       writeEveryOtherOutputOnce(everyHome, root / "floor");
+  line("catch-up, every feature on: 10,000", every.seconds, "s", "floor: decode all, write all once",
+       every.seconds / floor, "<= 3");
+  line("catch-up, every feature on, against defaults", every.seconds, "s", "the defaults' catch-up",
+       every.seconds / defaults.seconds, "<= 3");
+  std::printf("%-44s %9.2f %-5s (the defaults: %.2f s, %.0f MiB at most; every feature: %.0f MiB)\n",
+              "catch-up, every feature on: the floor", floor, "s", defaults.seconds, defaults.peakMiB, every.peakMiB);
+
+  const fs::path hugeHome = withEveryFeature(makeHome(root, "huge", backlog, {}, binaryDir), binaryDir);
+  const fs::path huge = hugeHome / "Documents/iChats/somebuddy on 2007-05-04 at 10.00.ichat";
+  fs::create_directories(huge.parent_path());
+  samples::writeFile(huge, hugeTranscript());
+  const double megabytes = static_cast<double>(fs::file_size(huge)) / (1 << 20);
+  const ChildRun one = runIn(hugeHome, {parlova});
+  if (transcriptsWaiting(hugeHome) > 0)
+    std::printf("(the transcript of %.0f MiB was not processed: the figure below means little)\n", megabytes);
+  line("one run, a transcript of 65 MB: peak memory", one.peakMiB, "MiB",
+       "the transcript (" + std::to_string(static_cast<int>(megabytes)) + " MiB)", one.peakMiB / megabytes, "<= 4");
+  std::printf("%-44s %9.2f %-5s\n", "one run, a transcript of 65 MB: time", one.seconds, "s");
+  fs::remove_all(root);
+}
+
+} // namespace parlova::bench
