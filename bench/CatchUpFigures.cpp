@@ -153,6 +153,8 @@ double writeFinalArchivesAndPages(const fs::path &home) {
 void line(const char *what, double figure, const char *unit, const std::string &against, double ratio,
           const char *goal) {
   std::printf("%-44s %9.2f %-5s %-34s ratio %6.2f  (goal %s)\n", what, figure, unit, against.c_str(), ratio, goal);
+  // Seen as it comes: some figures take minutes.
+  std::fflush(stdout);
 }
 
 void printCatchUp(const fs::path &binaryDir) {

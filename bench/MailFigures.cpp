@@ -74,7 +74,7 @@ private:
 
 struct Proxy {
   Proxy(const fs::path &folder, const std::string &to, int delayMs)
-      : folder(folder), helper({"/usr/bin/python3", std::string(PARLOVA_SOURCE_DIR) + "/tests/support/delay_proxy.py",
+      : folder((fs::create_directories(folder), folder)), helper({"/usr/bin/python3", std::string(PARLOVA_SOURCE_DIR) + "/tests/support/delay_proxy.py",
                                 "--to", to, "--delay", std::to_string(delayMs), "--port-file",
                                 (folder / "port").string(), "--stats", (folder / "stats").string()}) {}
   std::string port() const { return textOf(folder / "port"); }

@@ -19,6 +19,7 @@ import json
 import os
 import select
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -37,6 +38,9 @@ class Browser:
             reading, writing = os.dup(to_browser_read), os.dup(from_browser_write)
             os.dup2(reading, 3)
             os.dup2(writing, 4)
+            # A group of its own: its helpers go with it, and none is left
+            # writing into the profile as it is removed.
+            os.setsid()
 
         self.process = subprocess.Popen(
             ["/usr/bin/chromium", "--headless", "--no-sandbox", "--disable-gpu", "--remote-debugging-pipe",
@@ -56,7 +60,10 @@ class Browser:
             self.call(domain + ".enable")
 
     def close(self):
-        self.process.kill()
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
         self.process.wait()
         shutil.rmtree(self.profile, ignore_errors=True)
 
