@@ -107,6 +107,12 @@ bool ArchivesInBatches::due(size_t every, double seconds) const {
 bool ArchivesInBatches::commit() {
   if (!open_)
     return true;
+  // Mail stored for a transcript that then was not archived waits for this
+  // flush too, as a batch without moves makes none before it.
+  if (!DeferredSyncs::flushAll()) {
+    logFormat("Could not flush the mail and pages of the batch to the disk: %@", std::string(std::strerror(errno)));
+    return false;
+  }
   if (!makeDueMoves())
     return false;
   if (!archives_.commit()) {

@@ -148,25 +148,38 @@ InProcessHome::~InProcessHome() {
   tzset();
 }
 
-SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode, const std::vector<std::string> &arguments)
-    : folder_(folder) {
+namespace {
+
+// tests/support/SCRIPT under /usr/bin/python3 with `arguments` and
+// --port-file FOLDER/port; its pid, and its port once it has written it.
+pid_t startServerScript(const std::string &script, std::vector<std::string> arguments, const fs::path &folder,
+                        std::string &port) {
   fs::create_directories(folder);
-  const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "smtp_server.py";
-  std::vector<std::string> words = {"python3",     script.string(), "--mode", mode, "--port-file",
-                                    (folder / "port").string(), "--dir", (folder / "mail").string()};
+  std::vector<std::string> words = {"python3", (fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / script).string(),
+                                    "--port-file", (folder / "port").string()};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char *> argv;
   for (auto &word : words)
     argv.push_back(word.data());
   argv.push_back(nullptr);
-  pid_ = fork();
-  if (pid_ == 0) {
+  const pid_t pid = fork();
+  if (pid == 0) {
     execv("/usr/bin/python3", argv.data());
     _exit(127);
   }
   for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  port_ = readText(folder / "port");
+  port = readText(folder / "port");
+  return pid;
+}
+
+} // namespace
+
+SmtpServer::SmtpServer(const fs::path &folder, const std::string &mode, const std::vector<std::string> &arguments)
+    : folder_(folder) {
+  std::vector<std::string> words = {"--mode", mode, "--dir", (folder / "mail").string()};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  pid_ = startServerScript("smtp_server.py", words, folder, port_);
 }
 
 SmtpServer::~SmtpServer() {
@@ -228,23 +241,10 @@ std::string ImapServer::reading(const std::string &script) const {
 
 DelayProxy::DelayProxy(const fs::path &folder, const std::string &port, int delayMs, int dropAfter)
     : folder_(folder) {
-  fs::create_directories(folder);
-  const fs::path script = fs::path(PARLOVA_SOURCE_DIR) / "tests" / "support" / "delay_proxy.py";
-  std::vector<std::string> words = {"python3", script.string(), "--to", port, "--delay", std::to_string(delayMs),
-                                    "--port-file", (folder / "port").string(), "--stats", (folder / "stats").string(),
-                                    "--drop-after", std::to_string(dropAfter), "--record", (folder / "sent").string()};
-  std::vector<char *> argv;
-  for (auto &word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-  pid_ = fork();
-  if (pid_ == 0) {
-    execv("/usr/bin/python3", argv.data());
-    _exit(127);
-  }
-  for (int i = 0; i < 200 && !fs::exists(folder / "port"); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  port_ = readText(folder / "port");
+  pid_ = startServerScript("delay_proxy.py",
+                           {"--to", port, "--delay", std::to_string(delayMs), "--stats", (folder / "stats").string(),
+                            "--drop-after", std::to_string(dropAfter), "--record", (folder / "sent").string()},
+                           folder, port_);
 }
 
 DelayProxy::~DelayProxy() {
