@@ -34,13 +34,14 @@ std::variant<TranscriptArchives::Added, std::string> ArchivesNow::archive(const 
     ICLPLogGenerator::GenerateImageFiles(&log);
   // Before the totals, whose page is drawn from the history too.
   if (stages.historyKey) {
-    const ChatRecord record =
-        keptChat(log, ICLPLogGenerator::CountChat(log, ICLPLogGenerator::ReadWordLists()), *stages.historyKey, target,
-                 ChatPage::Write);
+    // One record, not copied: a long chat's record holds all its words.
+    std::vector<ChatRecord> records;
+    records.push_back(keptChat(log, ICLPLogGenerator::CountChat(log, ICLPLogGenerator::ReadWordLists()),
+                               *stages.historyKey, target, ChatPage::Write));
     // Not now (another program writing it, a full disk): a later run.
-    if (!ChatHistory::store({record}) && !PendingHistory::keep({{*stages.historyKey, target}}))
+    if (!ChatHistory::store(records) && !PendingHistory::keep({{*stages.historyKey, target}}))
       return std::string("the history could not be written");
-    if (record.page)
+    if (records.front().page)
       ChatLibrary::rebuildIndexPages();
   }
   ICLPLogGenerator::UpdateStatistics(&log);

@@ -21,6 +21,7 @@
 #include "driver/RunPlan.h"
 #include "driver/RunStart.h"
 #include "driver/Setup.h"
+#include "driver/TranscriptJournal.h"
 #include "generator/ICLPLogGenerator.h"
 #include "mail/ChosenDelivery.h"
 #include "generator/PageText.h"
@@ -146,9 +147,13 @@ int catchUp(const RunOptions &options) {
       logFormat("Processing %@", entry);
     // Read here, so that the history knows the chat by the very bytes
     // that were decoded.
-    const auto contents = candidate ? readFileContents(path) : std::nullopt;
+    auto contents = candidate ? readFileContents(path) : std::nullopt;
     auto loaded = candidate ? ICLPChatLog::load(path, contents.value_or(std::vector<uint8_t>{}))
                             : std::variant<ICLPChatLog, std::string>(std::string());
+    const bool readable = contents.has_value();
+    // Named, then let go: a transcript may be tens of megabytes.
+    const std::string contentKey = readable ? TranscriptJournal::identityOf(*contents).key() : std::string();
+    contents.reset();
     if (options.pause)
       pauseFor(*options.pause);
     seen += candidate ? 1 : 0;
@@ -157,13 +162,13 @@ int catchUp(const RunOptions &options) {
       if (candidate && !fs::is_directory(path)) {
         ++tally.notLoaded;
         logFormat("%@ does not load and stays where it is: %@.", entry,
-                  contents ? std::get<std::string>(loaded) : std::string("cannot read the file"));
+                  readable ? std::get<std::string>(loaded) : std::string("cannot read the file"));
       }
       continue;
     }
 
     using Outcome = Extraction::Outcome;
-    const Extraction extraction = ExtractChatLog(path.string(), log, *contents, batch, *delivery);
+    const Extraction extraction = ExtractChatLog(path.string(), log, contentKey, batch, *delivery);
     switch (extraction.outcome) {
     case Outcome::NotLoaded:
       continue;

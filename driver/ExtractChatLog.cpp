@@ -14,7 +14,7 @@ namespace parlova {
 
 namespace fs = std::filesystem;
 
-Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<const uint8_t> contents,
+Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::string &contentKey,
                           TranscriptArchives &archives, Delivery &delivery) {
   using Outcome = Extraction::Outcome;
   Preferences &settings = appSettings();
@@ -70,7 +70,7 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
 
   if (mail.sendEmails) {
     // Where the mail goes; no guess at another place.
-    TranscriptMailContent content(path, *log);
+    TranscriptMailContent content(path, *log, contentKey);
     const DeliveryResult result = mail.delivery
                                       ? delivery.deliver(content)
                                       : waitForSetting("emailDelivery must be " + deliveryNamesText(" or "));
@@ -93,7 +93,7 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<c
   }
 
   if (ChatHistory::wanted())
-    stages.historyKey = TranscriptJournal::identityOf(contents).key();
+    stages.historyKey = contentKey;
   auto added = archives.archive(*log, path, target, stages);
   if (auto *why = std::get_if<std::string>(&added)) {
     extraction.outcome = Outcome::NotArchived;

@@ -35,11 +35,12 @@ struct Extraction {
   std::filesystem::path target; // for NotMoved: where it was to go
 };
 
-// `contents` are the bytes `log` was decoded from, which the history knows
+// `contentKey` names the bytes `log` was decoded from
+// (TranscriptJournal::Identity::key), which the history and a mailbox know
 // the chat by; `delivery` is the run's way out for mail, kept from one
 // transcript to the next. Nothing here ends the process; the caller
 // decides from the outcome whether the run goes on.
-Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, std::span<const uint8_t> contents,
+Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::string &contentKey,
                           TranscriptArchives &archives, Delivery &delivery);
 
 } // namespace parlova

@@ -16,6 +16,7 @@
 #include "driver/CatchUpProgress.h"
 #include "driver/RunPlan.h"
 #include "driver/RunStart.h"
+#include "driver/TranscriptJournal.h"
 #include "driver/TranscriptMailContent.h"
 #include "generator/PageText.h"
 #include "mail/ChosenDelivery.h"
@@ -59,7 +60,7 @@ int mailProcessed(const RunOptions &options) {
     for (const std::string &entry : processedTranscripts()) {
       const fs::path path = ArchiveFolder() / entry;
       auto log = ICLPChatLog::initWithFilePath(path);
-      if (log && withinDates(options, TranscriptMailContent(path.string(), *log)))
+      if (log && withinDates(options, TranscriptMailContent(path.string(), *log, std::nullopt)))
         ++toMail;
     }
     std::printf("%s to mail, unless the mailbox has them already\n", thousands(toMail).c_str());
@@ -95,13 +96,17 @@ int mailProcessed(const RunOptions &options) {
     }
     progress.show(seen++, entry);
     const fs::path path = ArchiveFolder() / entry;
-    const auto contents = readFileContents(path);
-    auto log = contents ? ICLPChatLog::initWithFileContents(path, *contents) : std::nullopt;
+    std::optional<ICLPChatLog> log;
+    std::string contentKey;
+    if (const auto contents = readFileContents(path)) {
+      log = ICLPChatLog::initWithFileContents(path, *contents);
+      contentKey = TranscriptJournal::identityOf(*contents).key();
+    }
     if (!log) {
       ++notLoaded;
       continue;
     }
-    TranscriptMailContent content(path.string(), *log);
+    TranscriptMailContent content(path.string(), *log, contentKey);
     if (!withinDates(options, content)) {
       ++outside;
       continue;

@@ -12,6 +12,7 @@
 #include "driver/ExtractChatLog.h"
 #include "driver/RunPlan.h"
 #include "driver/RunStart.h"
+#include "driver/TranscriptJournal.h"
 #include "mail/ChosenDelivery.h"
 #include "platform/FileManager.h"
 #include "platform/Home.h"
@@ -72,12 +73,15 @@ int runOnce(const RunOptions &options) {
       logFormat("Processing %@", *entry);
 
     const std::string path = (chatFolder / *entry).string();
-    // An unreadable file decodes as no data at all.
-    const std::vector<uint8_t> contents = ICLPChatLog::hasTranscriptExtension(path)
-                                              ? readFileContents(path).value_or(std::vector<uint8_t>{})
-                                              : std::vector<uint8_t>{};
-    auto log = ICLPChatLog::hasTranscriptExtension(path) ? ICLPChatLog::initWithFileContents(path, contents)
-                                                         : std::nullopt;
+    // An unreadable file decodes as no data at all. The bytes go once
+    // decoded and named: a transcript may be tens of megabytes.
+    std::optional<ICLPChatLog> log;
+    std::string contentKey;
+    if (ICLPChatLog::hasTranscriptExtension(path)) {
+      const std::vector<uint8_t> contents = readFileContents(path).value_or(std::vector<uint8_t>{});
+      log = ICLPChatLog::initWithFileContents(path, contents);
+      contentKey = TranscriptJournal::identityOf(contents).key();
+    }
     if (options.pause)
       pauseFor(*options.pause);
     else
@@ -86,7 +90,7 @@ int runOnce(const RunOptions &options) {
       continue;
 
     ArchivesNow archives;
-    if (runEnds(ExtractChatLog(path, &*log, contents, archives, *delivery).outcome))
+    if (runEnds(ExtractChatLog(path, &*log, contentKey, archives, *delivery).outcome))
       return 0;
   }
   return 0;

@@ -1,15 +1,6 @@
 #include "driver/TranscriptMailContent.h"
 
-#include "driver/TranscriptJournal.h"
-
 namespace parlova {
-
-std::optional<std::string> TranscriptMailContent::contentKey() const {
-  const auto identity = TranscriptJournal::identify(path_);
-  if (!identity)
-    return std::nullopt;
-  return identity->key();
-}
 
 std::optional<double> TranscriptMailContent::chatStart() const {
   for (const auto &message : log_.messages())

@@ -202,7 +202,9 @@ void refreshTopImages(const std::map<Date, const std::string *> &topImages, cons
   std::advance(kept, topImages.size() > 3 ? topImages.size() - 3 : 0);
   for (int number = 1; kept != topImages.end(); ++kept, ++number) {
     const fs::path source = folder / *kept->second;
-    const fs::path destination = topFolder / ("0" + std::to_string(number) + "." + lastExtension(*kept->second));
+    std::string name = std::to_string(number);
+    name.insert(name.begin(), '0');
+    const fs::path destination = topFolder / (name + "." + lastExtension(*kept->second));
     fs::remove_all(destination, error);
     fs::copy(source, destination, fs::copy_options::recursive, error);
   }

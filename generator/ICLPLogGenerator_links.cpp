@@ -67,7 +67,12 @@ std::string navigationList(const std::vector<SpeakerLinks> &speakers, size_t tot
   return indexList({"Links.html", "All", total}, people, active);
 }
 
-std::string monthHeading(const std::string &title) { return "\n" + fillFormat(kMonthHeading, {title}) + "\n"; }
+std::string monthHeading(const std::string &title) {
+  std::string heading(1, '\n');
+  heading += fillFormat(kMonthHeading, {title});
+  heading += '\n';
+  return heading;
+}
 
 // One speaker's links grouped by month, earliest first. Only the month
 // number parts two groups, so the same month of consecutive years stays in

@@ -66,7 +66,7 @@ DeliveryResult ImapDelivery::deliver(MailContent &content) {
   if (!message)
     return DeliveryResult::wait();
   const ImapResult result =
-      session_->store({message->name, message->bytes, message->chatTime}, [] { return shouldQuit; });
+      session_->store({message->name, message->message.bytes(), message->chatTime}, [] { return shouldQuit; });
   const DeliveryResult delivered = outcome(result, content);
   // A session that failed is not offered the next message: that one starts
   // over, from the settings and the password.

@@ -24,12 +24,12 @@ std::optional<MailboxMessage> MailboxMessage::compose(MailContent &content, cons
   message.messageId = stored.name + "@" + domain;
   message.date = chatTime;
   message.labelledParts = true;
-  auto bytes = SmtpSession::messageBytes(message);
-  if (const auto *why = std::get_if<std::string>(&bytes)) {
+  auto framed = SmtpSession::framedMessage(std::move(message));
+  if (const auto *why = std::get_if<std::string>(&framed)) {
     logFormat("Could not load the mail module: %@", *why);
     return std::nullopt;
   }
-  stored.bytes = std::move(std::get<std::vector<uint8_t>>(bytes));
+  stored.message = std::move(std::get<FramedMessage>(framed));
   return stored;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "mail/FramedMessage.h"
 #include "mail/MailContent.h"
 
 namespace parlova {
@@ -18,7 +19,7 @@ struct MailboxMessage {
   static constexpr const char *kNamePrefix = "parlova.";
 
   std::string name; // unique to the transcript's contents, ASCII
-  std::vector<uint8_t> bytes;
+  FramedMessage message;
   double chatTime = 0; // seconds since 1970
 
   // Nothing when it cannot be made; that is logged.

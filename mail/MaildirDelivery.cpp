@@ -11,7 +11,7 @@ DeliveryResult MaildirDelivery::deliver(MailContent &content) {
   if (!message)
     return DeliveryResult::wait();
   const MaildirFolder folder(settings_.maildir, settings_.folder);
-  const auto result = folder.store(message->name, message->bytes, message->chatTime,
+  const auto result = folder.store(message->name, message->message, message->chatTime,
                                    sessions_ == MailSessions::Kept ? Durability::ByNextSync : Durability::Now);
   switch (result.outcome) {
   case MaildirFolder::Outcome::Stored:

@@ -46,7 +46,7 @@ MaildirFolder::MaildirFolder(fs::path maildir, const std::string &folderName)
     : folder_(folderName.empty() ? std::move(maildir) : std::move(maildir) / ("." + folderName)),
       subFolder_(!folderName.empty()) {}
 
-MaildirFolder::Result MaildirFolder::store(const std::string &name, const std::vector<uint8_t> &bytes,
+MaildirFolder::Result MaildirFolder::store(const std::string &name, const FramedMessage &message,
                                            double modified, Durability durability) const {
   for (const char *part : {"tmp", "cur", "new"}) {
     std::error_code error;
@@ -67,19 +67,34 @@ MaildirFolder::Result MaildirFolder::store(const std::string &name, const std::v
   const int fd = open(writing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0)
     return {Outcome::Failed, failure("cannot write", writing, errno)};
-  size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      break;
-    written += static_cast<size_t>(n);
-  }
+  // Made as it is written, and written in pieces of up to 64 KiB: a small
+  // message is one write, a huge one is never held whole.
+  constexpr size_t kWriteSize = 64 * 1024;
+  bool allWritten = true;
+  std::string pending;
+  const auto writeOut = [fd, &allWritten, &pending] {
+    size_t written = 0;
+    while (allWritten && written < pending.size()) {
+      const ssize_t n = write(fd, pending.data() + written, pending.size() - written);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n <= 0)
+        allWritten = false;
+      else
+        written += static_cast<size_t>(n);
+    }
+    pending.clear();
+  };
+  message.write([&](std::string_view piece) {
+    pending += piece;
+    if (pending.size() >= kWriteSize)
+      writeOut();
+  });
+  writeOut();
   const double whole = std::floor(modified);
   const timespec times[2] = {{static_cast<time_t>(whole), static_cast<long>((modified - whole) * 1e9)},
                              {static_cast<time_t>(whole), static_cast<long>((modified - whole) * 1e9)}};
-  const bool complete = written == bytes.size() && (durability == Durability::ByNextSync || fsync(fd) == 0) &&
+  const bool complete = allWritten && (durability == Durability::ByNextSync || fsync(fd) == 0) &&
                         futimens(fd, times) == 0;
   const int reason = errno;
   close(fd);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "mail/FramedMessage.h"
 #include "platform/FileManager.h"
 
 namespace parlova {
@@ -30,7 +31,7 @@ public:
   // times are `modified` (seconds since 1970); it is stored as seen. With
   // Durability::ByNextSync the message waits in tmp/ and is put into cur/
   // by the next DeferredSyncs::flushAll(), once its bytes are on the disk.
-  Result store(const std::string &name, const std::vector<uint8_t> &bytes, double modified,
+  Result store(const std::string &name, const FramedMessage &message, double modified,
                Durability durability = Durability::Now) const;
 
   const std::filesystem::path &folder() const { return folder_; }

@@ -134,42 +134,22 @@ CWMessage *newMessage(const MailMessage &mail) {
   [to setType:(PantomimeRecipientType)1];
   [message addRecipient:to];
 
-  // SMTP takes lines of at most 998 bytes, and a server refuses the whole
-  // message for one longer (a long link, a long name): such a part goes
-  // quoted-printable, which breaks its lines; every other part as always.
-  const auto fitForSmtp = [](CWPart *part, const void *bytes, size_t length) {
-    const auto *text = static_cast<const char *>(bytes);
-    size_t line = 0;
-    for (size_t i = 0; i < length; ++i) {
-      line = text[i] == '\n' ? 0 : line + 1;
-      if (line > 998) {
-        [part setContentTransferEncoding:PantomimeEncodingQuotedPrintable];
-        return;
-      }
-    }
-  };
-  const auto labelled = [&mail](CWPart *part, const void *bytes, size_t length) {
-    if (!mail.labelledParts)
-      return;
-    [part setCharset:@"utf-8"];
-    const auto *text = static_cast<const unsigned char *>(bytes);
-    if (std::any_of(text, text + length, [](unsigned char c) { return c >= 0x80; }))
-      [part setContentTransferEncoding:PantomimeEncodingQuotedPrintable];
-  };
   CWMIMEMultipart *multipart = [[CWMIMEMultipart alloc] init];
   CWPart *plain = [[CWPart alloc] init];
   [plain setContentType:@"text/plain"];
   // Parts carry bytes; the plain part gets no character set of its own.
   [plain setContent:[NSData dataWithBytes:mail.plainText.data() length:mail.plainText.size()]];
-  fitForSmtp(plain, mail.plainText.data(), mail.plainText.size());
-  labelled(plain, mail.plainText.data(), mail.plainText.size());
+  if (mail.labelledParts)
+    [plain setCharset:@"utf-8"];
+  if (mail.plainQuotedPrintable)
+    [plain setContentTransferEncoding:PantomimeEncodingQuotedPrintable];
   [multipart addPart:plain];
   CWPart *html = [[CWPart alloc] init];
   [html setContentType:@"text/html"];
   [html setContent:[NSData dataWithBytes:mail.html.data() length:mail.html.size()]];
   [html setCharset:@"utf-8"];
-  fitForSmtp(html, mail.html.data(), mail.html.size());
-  labelled(html, mail.html.data(), mail.html.size());
+  if (mail.htmlQuotedPrintable)
+    [html setContentTransferEncoding:PantomimeEncodingQuotedPrintable];
   [multipart addPart:html];
 
   [message setContentType:@"multipart/alternative"];

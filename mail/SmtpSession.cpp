@@ -4,14 +4,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <random>
+#include <string_view>
 
 #include "foundation/Unicode.h"
+#include "mail/TextPartBody.h"
 #include "platform/LoadableModule.h"
 #include "platform/Log.h"
 
 namespace parlova {
 
 namespace {
+
+std::string_view bytesAsText(const std::vector<uint8_t> &bytes) {
+  return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
+}
 
 // The header texts come from file names and settings that anyone may have
 // typed, so they are made fit here, once, for every header: the mail
@@ -33,11 +40,38 @@ std::string asHeaderValue(std::string_view text) {
   return utf16ToUtf8(value);
 }
 
-MailMessage withHeadersFit(const MailMessage &message) {
-  MailMessage headers = message;
-  for (std::string *text : {&headers.subject, &headers.from, &headers.to, &headers.messageId})
-    *text = asHeaderValue(*text);
+// Everything but the bodies: the headers made fit, and the way each body
+// goes chosen from the body.
+MailMessage framed(const MailMessage &message) {
+  MailMessage headers;
+  headers.subject = asHeaderValue(message.subject);
+  headers.from = asHeaderValue(message.from);
+  headers.to = asHeaderValue(message.to);
+  headers.messageId = asHeaderValue(message.messageId);
+  headers.date = message.date;
+  headers.labelledParts = message.labelledParts;
+  const auto quoted = [&message](std::string_view body) {
+    return TextPartBody::encodingFor(body, message.labelledParts) == TextPartBody::Encoding::QuotedPrintable;
+  };
+  headers.plainQuotedPrintable = quoted(message.plainText);
+  headers.htmlQuotedPrintable = quoted(bytesAsText(message.html));
   return headers;
+}
+
+MailMessage withHeadersFit(const MailMessage &message) {
+  MailMessage ready = framed(message);
+  ready.plainText = message.plainText;
+  ready.html = message.html;
+  return ready;
+}
+
+// A line of its own that no typist can have put into a header, where the
+// framework writes a body; the body is put in its place afterwards.
+std::string bodyMark() {
+  std::random_device random;
+  char mark[48];
+  std::snprintf(mark, sizeof mark, "parlova-body-%08x%08x%08x%08x", random(), random(), random(), random());
+  return mark;
 }
 
 // RFC 5322's date, in the machine's time zone, with English names whatever
@@ -106,16 +140,41 @@ std::variant<MailMessage, std::string> SmtpSession::prepared(const MailMessage &
 }
 
 std::variant<std::vector<uint8_t>, std::string> SmtpSession::messageBytes(const MailMessage &message) {
+  auto framed = framedMessage(message);
+  if (auto *why = std::get_if<std::string>(&framed))
+    return std::move(*why);
+  return std::get<FramedMessage>(framed).bytes();
+}
+
+std::variant<FramedMessage, std::string> SmtpSession::framedMessage(MailMessage message) {
   const auto found = moduleSymbol("libparlova-mail.so", kRenderMessageSymbol);
   if (const auto *why = std::get_if<std::string>(&found))
     return *why;
   const auto render = reinterpret_cast<RenderMessageFunction>(std::get<void *>(found));
-  const MailMessage headers = withHeadersFit(message);
-  std::vector<uint8_t> bytes;
-  render(&headers, &bytes);
+  // The framework writes the headers and the frame around marks in place of
+  // the bodies, which would otherwise pass through its copies many times.
+  MailMessage frame = framed(message);
+  const std::string plainMark = bodyMark();
+  const std::string htmlMark = bodyMark();
+  frame.plainText = plainMark;
+  frame.html.assign(htmlMark.begin(), htmlMark.end());
+  std::vector<uint8_t> rendered;
+  render(&frame, &rendered);
   if (message.date)
-    replaceDate(bytes, *message.date);
-  return bytes;
+    replaceDate(rendered, *message.date);
+  std::string framing(rendered.begin(), rendered.end());
+  rendered = {};
+  // Each mark stands on a line of its own, the first line of its part's body.
+  const size_t plainAt = framing.find("\n" + plainMark + "\n");
+  const size_t htmlAt = framing.find("\n" + htmlMark + "\n");
+  if (plainAt == std::string::npos || htmlAt == std::string::npos || htmlAt < plainAt)
+    return std::string("the mail framework wrote the message without its parts");
+  using Encoding = TextPartBody::Encoding;
+  const FramedMessage::Slot plainSlot{plainAt + 1, plainMark.size() + 1,
+                                      frame.plainQuotedPrintable ? Encoding::QuotedPrintable : Encoding::AsIs};
+  const FramedMessage::Slot htmlSlot{htmlAt + 1, htmlMark.size() + 1,
+                                     frame.htmlQuotedPrintable ? Encoding::QuotedPrintable : Encoding::AsIs};
+  return FramedMessage(std::move(framing), plainSlot, std::move(message.plainText), htmlSlot, std::move(message.html));
 }
 
 } // namespace parlova

@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "mail/FramedMessage.h"
 #include "mail/TlsTunnel.h"
 
 namespace parlova {
@@ -31,6 +32,10 @@ struct MailMessage {
   // names its character set, and one that is not plain ASCII goes
   // quoted-printable. Off, the parts are as SMTP has always sent them.
   bool labelledParts = false;
+  // How each body goes (TextPartBody::encodingFor), chosen by prepared()
+  // and messageBytes() from the bodies themselves.
+  bool plainQuotedPrintable = false;
+  bool htmlQuotedPrintable = false;
   // Filled in by SmtpSession::open() for a message with a date: its bytes,
   // sent as they are.
   std::vector<uint8_t> raw;
@@ -73,6 +78,8 @@ public:
   // The message's bytes, exactly as a session would send them, for
   // delivery into a mailbox; or why the mail module could not be loaded.
   static std::variant<std::vector<uint8_t>, std::string> messageBytes(const MailMessage &message);
+  // The same, its bytes made as they are written; the bodies are moved in.
+  static std::variant<FramedMessage, std::string> framedMessage(MailMessage message);
 
   virtual ~SmtpSession() = default;
 

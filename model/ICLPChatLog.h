@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -99,6 +100,9 @@ public:
   // The same, with what came from the transcript escaped or not, whatever
   // the setting says.
   std::vector<uint8_t> HTMLChatLog(bool escaping) const;
+  // The same handed out a piece at a time, for a writer that need not hold
+  // it whole.
+  void writeHTMLChatLog(bool escaping, const std::function<void(std::string_view)> &piece) const;
 
   // The description of the decoded root, for debug output.
   std::string description() const;

@@ -1,6 +1,7 @@
 // The plain, styled and HTML renderings of a transcript.
 #include <cmath>
 #include <cstdio>
+#include <functional>
 
 #include "context/Settings.h"
 #include "foundation/HtmlText.h"
@@ -83,6 +84,35 @@ std::string footer() {
   return "<br><hr><i>Sent by <a href=\"" + std::string(kWebAddress) + "\">Parlova</a>.</i>";
 }
 
+// The page is defined in UTF-16 and written in UTF-8: it is collected a
+// stretch at a time and handed on converted, never cutting between the two
+// halves of a surrogate pair, so that the bytes are those of converting the
+// whole page at once.
+class Utf8Pieces {
+public:
+  explicit Utf8Pieces(const std::function<void(std::string_view)> &piece) : piece_(piece) {}
+  Utf8Pieces &operator+=(std::u16string_view text) {
+    buffer_ += text;
+    if (buffer_.size() >= kStretch)
+      handOn(false);
+    return *this;
+  }
+  void finish() { handOn(true); }
+
+private:
+  static constexpr size_t kStretch = 32 * 1024;
+  void handOn(bool all) {
+    size_t cut = buffer_.size();
+    if (!all && cut > 0 && buffer_[cut - 1] >= 0xD800 && buffer_[cut - 1] <= 0xDBFF)
+      --cut;
+    if (cut > 0)
+      piece_(utf16ToUtf8(std::u16string_view(buffer_).substr(0, cut)));
+    buffer_.erase(0, cut);
+  }
+  const std::function<void(std::string_view)> &piece_;
+  std::u16string buffer_;
+};
+
 // The conversion is defined through a position table: every tag is inserted
 // at the current position of a styled-text index, pushing that index past
 // it. Everything inserted at one index therefore lands before that index's
@@ -90,30 +120,65 @@ std::string footer() {
 // run's closing tags fall at the next run's start ahead of that run's
 // opening tags, so the table's result is simply, run after run: the opening
 // tags (and an attachment's label), the run's characters, its closing tags.
-// Written out that way the conversion takes linear time.
-void appendHtmlRuns(std::u16string &html, const AttributedString &styled, bool escaping) {
-  const std::u16string &characters = styled.string();
-  for (const AttributeRun &run : styled.runs()) {
-    const RunTags tags = tagsFor(*run.attributes, escaping);
-    for (const auto &opening : tags.openings)
-      html += opening;
-    size_t from = run.location;
-    if (tags.attachmentLabel) {
+// Written out that way the conversion takes linear time, and a run's tags
+// are known at its start, so its characters can pass straight through.
+class HtmlRuns {
+public:
+  HtmlRuns(Utf8Pieces &html, bool escaping) : html_(html), escaping_(escaping) {}
+
+  // A run that continues the open one, as the styled transcript joins them
+  // (the very same attributes, or none after none), extends it.
+  void append(std::u16string_view text, const std::shared_ptr<const TextAttributes> &attributes, bool joining) {
+    if (text.empty())
+      return;
+    const bool plain = !attributes || attributes->empty();
+    if (joining && open_ && (attributes == attributes_ || (plain && openPlain_))) {
+      write(text);
+      return;
+    }
+    close();
+    open_ = true;
+    openPlain_ = plain;
+    attributes_ = attributes;
+    tags_ = plain ? RunTags{} : tagsFor(*attributes, escaping_);
+    for (const auto &opening : tags_.openings)
+      html_ += opening;
+    if (tags_.attachmentLabel) {
       // The label goes before the blank that replaces the attachment's
       // character.
-      html += *tags.attachmentLabel;
-      html += u' ';
-      ++from;
+      html_ += *tags_.attachmentLabel;
+      html_ += u" ";
+      text.remove_prefix(1);
     }
-    const std::u16string_view text = std::u16string_view(characters).substr(from, run.location + run.length - from);
-    if (escaping)
-      html += escapedForHtml(text);
-    else
-      html += text;
-    for (const auto &closing : tags.closings)
-      html += closing;
+    write(text);
   }
-}
+  void append(const AttributedString &styled, bool joining) {
+    const std::u16string_view characters = styled.string();
+    for (const AttributeRun &run : styled.runs())
+      append(characters.substr(run.location, run.length), run.attributes, joining);
+  }
+  void close() {
+    if (!open_)
+      return;
+    for (const auto &closing : tags_.closings)
+      html_ += closing;
+    open_ = false;
+  }
+
+private:
+  void write(std::u16string_view text) {
+    if (escaping_)
+      html_ += escapedForHtml(text);
+    else
+      html_ += text;
+  }
+  Utf8Pieces &html_;
+  const bool escaping_;
+  bool open_ = false;
+  bool openPlain_ = false;
+  std::shared_ptr<const TextAttributes> attributes_;
+  RunTags tags_;
+};
 
 } // namespace
 
@@ -148,23 +213,46 @@ AttributedString ICLPChatLog::RichChatLog() const {
 std::vector<uint8_t> ICLPChatLog::HTMLChatLog() const { return HTMLChatLog(appSettings().boolValue("escapeHTML")); }
 
 std::vector<uint8_t> ICLPChatLog::HTMLChatLog(bool escaping) const {
-  std::u16string html(kHead);
+  // Counted first, so that the page is made once at its size and a page of
+  // a hundred megabytes is never held twice while it grows.
+  size_t size = 0;
+  writeHTMLChatLog(escaping, [&size](std::string_view piece) { size += piece.size(); });
+  std::vector<uint8_t> html;
+  html.reserve(size);
+  writeHTMLChatLog(escaping, [&html](std::string_view piece) { html.insert(html.end(), piece.begin(), piece.end()); });
+  return html;
+}
+
+void ICLPChatLog::writeHTMLChatLog(bool escaping, const std::function<void(std::string_view)> &piece) const {
+  Utf8Pieces html(piece);
+  html += kHead;
+  const std::u16string lineBreak = u"<br>\n";
   if (!escaping) {
-    appendHtmlRuns(html, RichChatLog(), false);
+    // As the styled transcript has it, its runs joined across messages.
+    HtmlRuns runs(html, false);
+    for (const auto &message : messages()) {
+      if (message->isStatusMessage())
+        continue;
+      runs.append(message->LoggedString(), true);
+      runs.append(lineBreak, nullptr, true);
+    }
+    runs.append(utf8ToUtf16(footer()), nullptr, true);
+    runs.close();
   } else {
     // Message by message, so that only the transcript's text is escaped and
     // not the line breaks and the footer put between.
     for (const auto &message : messages()) {
       if (message->isStatusMessage())
         continue;
-      appendHtmlRuns(html, message->LoggedString(), true);
-      html += u"<br>\n";
+      HtmlRuns runs(html, true);
+      runs.append(message->LoggedString(), false);
+      runs.close();
+      html += lineBreak;
     }
     html += utf8ToUtf16(footer());
   }
   html += u"</body></html>";
-  const std::string utf8 = utf16ToUtf8(html);
-  return std::vector<uint8_t>(utf8.begin(), utf8.end());
+  html.finish();
 }
 
 } // namespace parlova
