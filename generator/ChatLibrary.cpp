@@ -83,12 +83,19 @@ std::string filled(std::string page, const std::string &title, const std::string
 // pages are escaped whatever escapeHTML says: they are read in a browser,
 // with every other page of the library at hand.
 std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
-  const std::vector<uint8_t> bytes = log.HTMLChatLog(true);
-  std::string html(bytes.begin(), bytes.end());
+  // Made once at its size and cut in place: a long chat's page is as long
+  // as the chat.
+  size_t size = 0;
+  log.writeHTMLChatLog(true, [&size](std::string_view piece) { size += piece.size(); });
+  std::string html;
+  html.reserve(size);
+  log.writeHTMLChatLog(true, [&html](std::string_view piece) { html += piece; });
   const size_t open = html.find("<body>");
   const size_t close = html.rfind("</body>");
-  if (open != std::string::npos && close != std::string::npos && close > open)
-    html = html.substr(open + 6, close - open - 6);
+  if (open != std::string::npos && close != std::string::npos && close > open) {
+    html.erase(close);
+    html.erase(0, open + 6);
+  }
   const fs::path images = ICLPLogGenerator::parlovaFolder() / "Images";
   size_t from = 0;
   for (const ImageRecord &item : log.GatheredImages())

@@ -96,7 +96,11 @@ std::string newestMonthFirst(const std::map<std::string, std::string> &months, M
     ordered.push_back(&month);
   std::stable_sort(ordered.begin(), ordered.end(),
                    [order](const auto *a, const auto *b) { return order(a->first, b->first) < 0; });
+  size_t size = closing.size();
+  for (const auto *month : ordered)
+    size += month->second.size() + closing.size();
   std::string text;
+  text.reserve(size);
   for (auto month = ordered.rbegin(); month != ordered.rend(); ++month) {
     text += (*month)->second;
     text += closing;

@@ -136,7 +136,13 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
   std::string page = *pageTemplate;
   replaceOccurrences(page, "____NAME", "Links");
   replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, std::nullopt, escaping));
-  replaceOccurrences(page, "____LINKS", newestMonthFirst(monthTable, compareLinkDateString, "</ul>"));
+  {
+    // The all-links page can be as long as every link ever posted: its
+    // months go as soon as they are one list.
+    const std::string links = newestMonthFirst(monthTable, compareLinkDateString, "</ul>");
+    monthTable.clear();
+    replaceOccurrences(page, "____LINKS", links);
+  }
   writePage(folder / "Links.html", page);
 }
 
@@ -186,11 +192,14 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
   if (log) {
     if (archive)
       MergeLinks(*log, *archive->get<PlistValue::Array>(), {}, Sorting::EveryList);
-    const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
-    if (bytes.empty() || !writeArchive(archivePath, bytes)) {
-      logFormat("Link file failed to write to path: %@", archivePath.string());
-      reportErrorAndLog(1, "permissions");
-      return;
+    {
+      // Let go before the second time: the archive may hold every link of a decade.
+      const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
+      if (bytes.empty() || !writeArchive(archivePath, bytes)) {
+        logFormat("Link file failed to write to path: %@", archivePath.string());
+        reportErrorAndLog(1, "permissions");
+        return;
+      }
     }
     // The archive is serialized and written a second time, as it always
     // was; only a failure to serialize is looked at.
