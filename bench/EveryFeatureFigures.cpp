@@ -125,7 +125,8 @@ void printEveryFeature(const fs::path &binaryDir) {
   const double megabytes = static_cast<double>(fs::file_size(hugeFile)) / (1 << 20);
   const std::string size = "the transcript (" + std::to_string(static_cast<int>(megabytes)) + " MiB)";
   const ChildRun decoded = runIn(root, {(binaryDir / "parlova-inspect").string(), hugeFile.string()});
-  line("a transcript of 65 MB, decoded alone: peak", decoded.peakMiB, "MiB", size, decoded.peakMiB / megabytes, "none: a yardstick");
+  line("a transcript of 65 MB, decoded alone: peak", decoded.peakMiB, "MiB", size, decoded.peakMiB / megabytes,
+       "none: a yardstick");
   for (const bool everything : {false, true}) {
     const fs::path home = withFeatures(makeHome(root, everything ? "huge-every" : "huge-mail", backlog, {}, binaryDir),
                                        binaryDir, everything);
@@ -137,8 +138,9 @@ void printEveryFeature(const fs::path &binaryDir) {
       std::printf("(the transcript of %.0f MiB was not processed: the figure below means little)\n", megabytes);
     line(everything ? "one run of it, every feature: peak" : "one run of it, mail and links: peak",
          one.peakMiB, "MiB", size, one.peakMiB / megabytes, "<= 4");
-    std::printf("%-44s %9.2f %-5s\n", everything ? "one run of it, every feature: time" : "one run of it, mail and links: time",
-                one.seconds, "s");
+    std::printf("%-44s %9.2f %-5s\n",
+                everything ? "one run of it, every feature: time" : "one run of it, mail and links: time", one.seconds,
+                "s");
   }
   fs::remove_all(root);
 }

@@ -147,13 +147,14 @@ int catchUp(const RunOptions &options) {
       logFormat("Processing %@", entry);
     // Read here, so that the history knows the chat by the very bytes
     // that were decoded.
-    auto contents = candidate ? readFileContents(path) : std::nullopt;
-    auto loaded = candidate ? ICLPChatLog::load(path, contents.value_or(std::vector<uint8_t>{}))
-                            : std::variant<ICLPChatLog, std::string>(std::string());
-    const bool readable = contents.has_value();
+    auto read = candidate ? readFileContents(path) : std::nullopt;
+    const bool readable = read.has_value();
+    std::vector<uint8_t> contents = std::move(read).value_or(std::vector<uint8_t>{});
+    auto loaded =
+        candidate ? ICLPChatLog::load(path, contents) : std::variant<ICLPChatLog, std::string>(std::string());
     // Named, then let go: a transcript may be tens of megabytes.
-    const std::string contentKey = readable ? TranscriptJournal::identityOf(*contents).key() : std::string();
-    contents.reset();
+    const std::string contentKey = readable ? TranscriptJournal::identityOf(contents).key() : std::string();
+    contents = std::vector<uint8_t>();
     if (options.pause)
       pauseFor(*options.pause);
     seen += candidate ? 1 : 0;

@@ -76,10 +76,4 @@ void TextPartBody::write(const std::function<void(std::string_view)> &piece) con
     piece(out);
 }
 
-size_t TextPartBody::size() const {
-  size_t total = 0;
-  write([&total](std::string_view piece) { total += piece.size(); });
-  return total;
-}
-
 } // namespace parlova

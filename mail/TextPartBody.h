@@ -25,7 +25,6 @@ public:
 
   // The body, lines ending in a line feed, handed out a piece at a time.
   void write(const std::function<void(std::string_view)> &piece) const;
-  size_t size() const;
 
 private:
   std::string_view text_;

@@ -120,65 +120,29 @@ private:
 // run's closing tags fall at the next run's start ahead of that run's
 // opening tags, so the table's result is simply, run after run: the opening
 // tags (and an attachment's label), the run's characters, its closing tags.
-// Written out that way the conversion takes linear time, and a run's tags
-// are known at its start, so its characters can pass straight through.
-class HtmlRuns {
-public:
-  HtmlRuns(Utf8Pieces &html, bool escaping) : html_(html), escaping_(escaping) {}
-
-  // A run that continues the open one, as the styled transcript joins them
-  // (the very same attributes, or none after none), extends it.
-  void append(std::u16string_view text, const std::shared_ptr<const TextAttributes> &attributes, bool joining) {
-    if (text.empty())
-      return;
-    const bool plain = !attributes || attributes->empty();
-    if (joining && open_ && (attributes == attributes_ || (plain && openPlain_))) {
-      write(text);
-      return;
-    }
-    close();
-    open_ = true;
-    openPlain_ = plain;
-    attributes_ = attributes;
-    tags_ = plain ? RunTags{} : tagsFor(*attributes, escaping_);
-    for (const auto &opening : tags_.openings)
-      html_ += opening;
-    if (tags_.attachmentLabel) {
+// Written out that way the conversion takes linear time.
+void appendHtmlRuns(Utf8Pieces &html, const AttributedString &styled, bool escaping) {
+  const std::u16string_view characters = styled.string();
+  for (const AttributeRun &run : styled.runs()) {
+    const RunTags tags = tagsFor(*run.attributes, escaping);
+    for (const auto &opening : tags.openings)
+      html += opening;
+    std::u16string_view text = characters.substr(run.location, run.length);
+    if (tags.attachmentLabel) {
       // The label goes before the blank that replaces the attachment's
       // character.
-      html_ += *tags_.attachmentLabel;
-      html_ += u" ";
+      html += *tags.attachmentLabel;
+      html += u" ";
       text.remove_prefix(1);
     }
-    write(text);
-  }
-  void append(const AttributedString &styled, bool joining) {
-    const std::u16string_view characters = styled.string();
-    for (const AttributeRun &run : styled.runs())
-      append(characters.substr(run.location, run.length), run.attributes, joining);
-  }
-  void close() {
-    if (!open_)
-      return;
-    for (const auto &closing : tags_.closings)
-      html_ += closing;
-    open_ = false;
-  }
-
-private:
-  void write(std::u16string_view text) {
-    if (escaping_)
-      html_ += escapedForHtml(text);
+    if (escaping)
+      html += escapedForHtml(text);
     else
-      html_ += text;
+      html += text;
+    for (const auto &closing : tags.closings)
+      html += closing;
   }
-  Utf8Pieces &html_;
-  const bool escaping_;
-  bool open_ = false;
-  bool openPlain_ = false;
-  std::shared_ptr<const TextAttributes> attributes_;
-  RunTags tags_;
-};
+}
 
 } // namespace
 
@@ -226,31 +190,18 @@ std::vector<uint8_t> ICLPChatLog::HTMLChatLog(bool escaping) const {
 void ICLPChatLog::writeHTMLChatLog(bool escaping, const std::function<void(std::string_view)> &piece) const {
   Utf8Pieces html(piece);
   html += kHead;
-  const std::u16string lineBreak = u"<br>\n";
-  if (!escaping) {
-    // As the styled transcript has it, its runs joined across messages.
-    HtmlRuns runs(html, false);
-    for (const auto &message : messages()) {
-      if (message->isStatusMessage())
-        continue;
-      runs.append(message->LoggedString(), true);
-      runs.append(lineBreak, nullptr, true);
-    }
-    runs.append(utf8ToUtf16(footer()), nullptr, true);
-    runs.close();
-  } else {
-    // Message by message, so that only the transcript's text is escaped and
-    // not the line breaks and the footer put between.
-    for (const auto &message : messages()) {
-      if (message->isStatusMessage())
-        continue;
-      HtmlRuns runs(html, true);
-      runs.append(message->LoggedString(), false);
-      runs.close();
-      html += lineBreak;
-    }
-    html += utf8ToUtf16(footer());
+  // Message by message. The styled transcript joins two runs into one only
+  // where neither has tags: a message ends in line breaks without
+  // attributes, and so do the breaks put between. So this is its
+  // conversion too; and only the transcript's text is escaped, not the
+  // line breaks and the footer.
+  for (const auto &message : messages()) {
+    if (message->isStatusMessage())
+      continue;
+    appendHtmlRuns(html, message->LoggedString(), escaping);
+    html += u"<br>\n";
   }
+  html += utf8ToUtf16(footer());
   html += u"</body></html>";
   html.finish();
 }
