@@ -34,8 +34,9 @@ std::optional<std::string> ArchivesInBatches::begin(const fs::path &) {
 std::variant<TranscriptArchives::Added, std::string>
 ArchivesInBatches::archive(const ICLPChatLog &log, const fs::path &transcript, const fs::path &target,
                            const Stages &stages) {
-  // Noted before anything of it reaches the archives: a batch cut short is
-  // finished from these notes.
+  // Noted before anything of it reaches the archives, and written with its
+  // group's moves: a batch cut short is finished from these notes, which
+  // count a transcript as mailed, so they follow its mail to the disk.
   if (!journal_.noteBatchMove({transcript, target, stages.links, stages.images})) {
     logFormat("Could not write %@: %@", journal_.movesFile().string(), std::strerror(errno));
     return std::string("the journal could not be written");
@@ -71,8 +72,9 @@ bool ArchivesInBatches::makeDueMoves() {
     return false;
   if (due_.empty())
     return true;
-  // The mail and the pages of these transcripts reach the disk before the
-  // notes that count them as done.
+  // The mail and the pages of these transcripts reach the disk (a Maildir
+  // message named in cur/) before the notes that count them as done are
+  // written.
   if (!DeferredSyncs::flushAll()) {
     logFormat("Could not flush the mail and pages of the batch to the disk: %@", std::string(std::strerror(errno)));
     unmoved_ = due_.front().transcript;

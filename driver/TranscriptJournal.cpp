@@ -130,6 +130,7 @@ bool TranscriptJournal::begin(const fs::path &transcript) {
 }
 
 bool TranscriptJournal::beginBatch() {
+  heldMoves_.clear();
   if (!keepArchives())
     return false;
   PlistValue::Dictionary entries = {{"phase", std::string(kBatch)}, {"archives", existedBefore()}};
@@ -142,15 +143,21 @@ bool TranscriptJournal::noteBatchMove(const Recovery::BatchMove &move) {
   const auto identity = identify(move.transcript);
   if (!identity)
     return false;
-  const std::string line = escapedField(move.transcript.string()) + "\t" + escapedField(move.target.string()) +
-                           "\t" + std::to_string(identity->size) + "\t" + identity->digest + "\t" +
-                           (move.links ? "L" : "") + (move.images ? "I" : "") + "\n";
-  // One write of a whole line, appended: a line cut short belongs to a
-  // transcript that had not been moved, and is passed over.
-  return appendToFile(movesFile(), std::span(reinterpret_cast<const uint8_t *>(line.data()), line.size()));
+  heldMoves_ += escapedField(move.transcript.string()) + "\t" + escapedField(move.target.string()) + "\t" +
+                std::to_string(identity->size) + "\t" + identity->digest + "\t" + (move.links ? "L" : "") +
+                (move.images ? "I" : "") + "\n";
+  return true;
 }
 
-bool TranscriptJournal::syncBatchMoves() { return syncFileData(movesFile()); }
+bool TranscriptJournal::syncBatchMoves() {
+  // Appended whole lines at a time: a line cut short belongs to a
+  // transcript that had not been moved, and is passed over.
+  if (!heldMoves_.empty() &&
+      !appendToFile(movesFile(), std::span(reinterpret_cast<const uint8_t *>(heldMoves_.data()), heldMoves_.size())))
+    return false;
+  heldMoves_.clear();
+  return syncFileData(movesFile());
+}
 
 std::vector<TranscriptJournal::Recovery::BatchMove> TranscriptJournal::movedInBatch() {
   const auto bytes = readFileContents(movesFile());
@@ -262,6 +269,7 @@ void TranscriptJournal::clear() {
   fs::remove(journalFile(), error);
   fs::remove_all(folder_, error);
   transcript_.reset();
+  heldMoves_.clear();
 }
 
 

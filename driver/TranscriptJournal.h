@@ -74,9 +74,12 @@ public:
   // which transcripts are taken stays that of the first walk. clear() once
   // the batch's archives are written.
   bool beginBatch();
+  // Held until syncBatchMoves(): a note on the disk counts its transcript
+  // as mailed, so it may reach the disk only after the mail has.
   bool noteBatchMove(const Recovery::BatchMove &move);
-  // Puts the notes on the disk: a move is made only after its note is
-  // there, or a power cut could keep the move and lose the note.
+  // Writes the held notes and puts them on the disk: a move is made only
+  // after its note is there, or a power cut could keep the move and lose
+  // the note.
   bool syncBatchMoves();
 
   std::filesystem::path journalFile() const { return folder_ / "journal.plist"; }
@@ -109,6 +112,7 @@ private:
   std::filesystem::path folder_;
   std::optional<std::filesystem::path> transcript_;
   Identity identity_;
+  std::string heldMoves_; // notes not yet written, one line each
   std::vector<std::pair<std::string, bool>> existedBefore_; // archive name, whether it was there
 };
 

@@ -5,8 +5,8 @@ uninterrupted runs end, with every chat mailed once.
 
 The home lives on a small ext4 file system on a loop device. A catch-up or
 a single run is stopped (SIGSTOP) at a random instant and the device is read
-as it is then (O_DIRECT, past the page cache): that copy is what a power
-cut would have left. It is checked with e2fsck, mounted where the home was,
+as it is then (O_DIRECT, past the page cache, until two copies agree): that
+copy is what a power cut would have left. It is checked with e2fsck, mounted where the home was,
 and runs go on there until every transcript is done. Every archive, page and
 folder must then equal those of uninterrupted single runs, and the Maildir
 hold one whole message for each transcript.
@@ -71,6 +71,23 @@ def fresh_disk(image: Path, folder: Path) -> Disk:
     return Disk(image, folder)
 
 
+def read_still(device: str, copy: Path) -> None:
+    """The device as it was at one instant. The kernel still writes back
+    while the run is stopped, and a copy read across such a write would
+    mix two instants into a disk no power cut leaves; a block that two
+    copies in a row agree on held that value in between, so the second of
+    two equal copies is the disk as it was when the first ended."""
+    before = copy.with_suffix(".before")
+    for _ in range(50):
+        run("dd", f"if={device}", f"of={copy}", "bs=1M", "iflag=direct", "status=none")  # past the cache
+        if before.exists() and subprocess.run(["cmp", "-s", str(before), str(copy)]).returncode == 0:
+            break
+        copy.replace(before)
+    else:
+        raise RuntimeError(f"{device} never held still with the run stopped")
+    before.unlink()
+
+
 def cut(tool: Tool, template: Path, reference: dict, root: Path, rng: random.Random, args: tuple,
         longest: float) -> list:
     """One run on a fresh disk, cut at a random instant; the problems found
@@ -84,7 +101,7 @@ def cut(tool: Tool, template: Path, reference: dict, root: Path, rng: random.Ran
         process = tool.start(home, *args)
         time.sleep(rng.uniform(0, longest * 1.1))
         process.send_signal(signal.SIGSTOP)
-        run("dd", f"if={disk.device}", f"of={copy}", "bs=1M", "iflag=direct", "status=none")  # past the cache
+        read_still(disk.device, copy)
         process.kill()
         process.communicate()
     finally:
