@@ -188,7 +188,7 @@ void printCatchUp(const fs::path &binaryDir) {
        (decade.seconds / kDecade) / (thousand.seconds / kThousand), "<= 1.5");
   std::printf("%-44s %9.2f %-5s (1,000 single runs: %.1f s)\n", "catch-up: the floor for 10,000", floor, "s",
               singles);
-  fs::remove_all(root);
+  removeWhenDone(root);
 }
 
 // The instructions a command executes, counted by valgrind's callgrind:
@@ -264,9 +264,9 @@ void printSearch(const fs::path &binaryDir) {
   std::vector<double> clockCosts, processorCosts, plainClock, indexedClock;
   fs::path indexedHome;
   for (int round = 0; round < kRounds; ++round) {
-    const fs::path plainHome = makeHome(root, "plain", backlog, transcripts, binaryDir);
+    const fs::path plainHome = makeHome(root, "plain" + std::to_string(round), backlog, transcripts, binaryDir);
     if (!indexedHome.empty())
-      fs::remove_all(indexedHome);
+      removeWhenDone(indexedHome);
     indexedHome = makeHome(root, "indexed" + std::to_string(round), backlog, transcripts, binaryDir);
     runIn(indexedHome, {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova", "keepHistory",
                         "-bool", "YES"});
@@ -279,7 +279,7 @@ void printSearch(const fs::path &binaryDir) {
       indexed = catchUp(indexedHome);
       plain = catchUp(plainHome);
     }
-    fs::remove_all(plainHome);
+    removeWhenDone(plainHome);
     clockCosts.push_back(indexed.seconds - plain.seconds);
     processorCosts.push_back(indexed.cpuSeconds - plain.cpuSeconds);
     plainClock.push_back(plain.seconds);
@@ -390,7 +390,7 @@ void printSearch(const fs::path &binaryDir) {
   std::printf("%-44s %9.2f %-5s (%zu messages; plain renderings %.1f MiB; grep: %.0f ms rare, %.0f ms common)\n",
               "search: the text indexed", static_cast<double>(textBytes) / (1 << 20), "MiB", texts.size(),
               static_cast<double>(plainBytes) / (1 << 20), grepRare * 1000, grepCommon * 1000);
-  fs::remove_all(root);
+  removeWhenDone(root);
 }
 
 } // namespace parlova::bench

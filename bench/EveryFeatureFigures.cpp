@@ -142,7 +142,7 @@ void printEveryFeature(const fs::path &binaryDir) {
                 everything ? "one run of it, every feature: time" : "one run of it, mail and links: time", one.seconds,
                 "s");
   }
-  fs::remove_all(root);
+  removeWhenDone(root);
 }
 
 } // namespace parlova::bench

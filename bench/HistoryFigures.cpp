@@ -72,7 +72,7 @@ void printHistoryPage() {
        withCharts / without, "the figure well under 1,000 ms");
 
   setenv("HOME", savedHome.c_str(), 1);
-  fs::remove_all(home);
+  removeWhenDone(home);
 }
 
 } // namespace parlova::bench

@@ -75,6 +75,21 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
+namespace {
+std::vector<fs::path> &foldersMade() {
+  static std::vector<fs::path> folders;
+  return folders;
+}
+} // namespace
+
+void removeWhenDone(const fs::path &folder) { foldersMade().push_back(folder); }
+
+void removeFoldersMade() {
+  for (const fs::path &folder : foldersMade())
+    fs::remove_all(folder);
+  foldersMade().clear();
+}
+
 void printStartUp(const fs::path &binaryDir, const fs::path &smallTranscript) {
   const fs::path home = fs::temp_directory_path() / ("parlova-startup-" + std::to_string(getpid()));
   fs::create_directories(home / "Documents" / "iChats");

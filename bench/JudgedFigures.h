@@ -46,6 +46,12 @@ std::filesystem::path makeHome(const std::filesystem::path &root, const std::str
                                const std::filesystem::path &backlog,
                                const std::vector<std::filesystem::path> &transcripts,
                                const std::filesystem::path &binaryDir);
+// Removes `folder` once every figure is timed. ext4 without a journal, as
+// on some virtual machines, passes over the inodes freed in the last
+// minutes each time it makes a file: a home removed just before a figure
+// would slow that figure's every file, and not its yardstick's.
+void removeWhenDone(const std::filesystem::path &folder);
+void removeFoldersMade();
 // Transcripts still waiting in the home's transcript folder.
 size_t transcriptsWaiting(const std::filesystem::path &home);
 // Decoding every transcript once, in this process.

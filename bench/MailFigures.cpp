@@ -148,7 +148,7 @@ void printMail(const fs::path &binaryDir) {
                   (distant - plain) / kChats * 1000, "ms");
     }
   }
-  fs::remove_all(imapRoot);
+  removeWhenDone(imapRoot);
 
   Helper smtp({"/usr/bin/python3", std::string(PARLOVA_SOURCE_DIR) + "/tests/support/smtp_server.py", "--mode",
                "accept", "--port-file", (root / "smtp-port").string(), "--dir", (root / "smtp").string()});
@@ -167,7 +167,7 @@ void printMail(const fs::path &binaryDir) {
   const double eachAlone = (singles("smtp-singles", throughSmtp) - singles("plain-singles", {})) / kSingles;
   line("mail: SMTP, one session, per message (1,000)", perChat(session) * 1000, "ms",
        "a session each (single runs, 20)", perChat(session) / eachAlone, "<= 0.05");
-  fs::remove_all(root);
+  removeWhenDone(root);
 }
 
 } // namespace parlova::bench

@@ -140,6 +140,7 @@ int main(int argc, char **argv) {
     parlova::bench::printSearch(PARLOVA_BINARY_DIR);
   if (wanted("web"))
     parlova::bench::printWeb(PARLOVA_BINARY_DIR);
+  parlova::bench::removeFoldersMade();
   std::filesystem::remove_all(folder);
   return 0;
 }

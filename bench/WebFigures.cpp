@@ -170,7 +170,7 @@ void printWeb(const fs::path &binaryDir) {
        "one client x 16 / " + std::to_string(static_cast<int>(cores)) + " cores", sixteen / (rareWord * 16 / cores),
        "<= 1");
   line("web: server's peak memory", memory, "MiB", "64 MiB", memory / 64, "<= 1");
-  fs::remove_all(root);
+  removeWhenDone(root);
 }
 
 } // namespace parlova::bench

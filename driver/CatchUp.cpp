@@ -21,7 +21,7 @@
 #include "driver/RunPlan.h"
 #include "driver/RunStart.h"
 #include "driver/Setup.h"
-#include "driver/TranscriptJournal.h"
+#include "driver/TranscriptPrefetch.h"
 #include "generator/ICLPLogGenerator.h"
 #include "mail/ChosenDelivery.h"
 #include "generator/PageText.h"
@@ -114,7 +114,37 @@ int catchUp(const RunOptions &options) {
   Tally tally;
   ArchivesInBatches batch;
   // One session with the mail server for the whole backlog.
-  const auto delivery = chosenDelivery(MailSettings::read(appSettings()), Resending::Allowed, MailSessions::Kept);
+  const MailSettings deliverySettings = MailSettings::read(appSettings());
+  const auto delivery = chosenDelivery(deliverySettings, Resending::Allowed, MailSessions::Kept);
+  // A mailbox's message can be made ahead unless its subject counts; the
+  // settings are read here, on this thread, each time.
+  const auto mailAhead = [&] {
+    Preferences &settings = appSettings();
+    TranscriptPrefetch::MailAhead ahead;
+    ahead.compose = deliverySettings.delivery != DeliveryKind::Smtp && deliverySettings.delivery.has_value() &&
+                    MailSettings::read(settings).sendEmails && !settings.boolValue("forceUniqueSubjects");
+    if (ahead.compose) {
+      ahead.escapeHTML = settings.boolValue("escapeHTML");
+      ahead.to = deliverySettings.to;
+      ahead.from = deliverySettings.from;
+    }
+    return ahead;
+  };
+  TranscriptPrefetch prefetch;
+  // The next transcript of the walk, when it is small enough to be held
+  // beside the current one.
+  const auto beginNext = [&](size_t from) {
+    constexpr uintmax_t kLargest = 16u << 20;
+    for (size_t next = from; next < entries.size(); ++next) {
+      const fs::path path = chatFolder / entries[next];
+      if (!ICLPChatLog::hasTranscriptExtension(path))
+        continue;
+      std::error_code error;
+      if (fs::is_regular_file(path, error) && fs::file_size(path, error) <= kLargest && !error)
+        prefetch.begin(path, mailAhead());
+      return;
+    }
+  };
   // Why the catch-up stops when the batch cannot be committed; the next run
   // finishes it.
   const auto commitBatch = [&]() -> std::string {
@@ -130,7 +160,8 @@ int catchUp(const RunOptions &options) {
   CatchUpProgress progress(candidates, options.quiet);
   size_t seen = 0;
   std::string stopped;
-  for (const std::string &entry : entries) {
+  for (size_t index = 0; index < entries.size(); ++index) {
+    const std::string &entry = entries[index];
     if (const int signal = StopSignals::requested()) {
       stopped = signal == SIGINT ? "interrupted" : "asked to stop";
       break;
@@ -145,16 +176,16 @@ int catchUp(const RunOptions &options) {
     judgeEntry(entry, std::chrono::seconds(1));
     if (verbose)
       logFormat("Processing %@", entry);
-    // Read here, so that the history knows the chat by the very bytes
-    // that were decoded.
-    auto read = candidate ? readFileContents(path) : std::nullopt;
-    const bool readable = read.has_value();
-    std::vector<uint8_t> contents = std::move(read).value_or(std::vector<uint8_t>{});
-    auto loaded =
-        candidate ? ICLPChatLog::load(path, contents) : std::variant<ICLPChatLog, std::string>(std::string());
-    // Named, then let go: a transcript may be tens of megabytes.
-    const std::string contentKey = readable ? TranscriptJournal::identityOf(contents).key() : std::string();
-    contents = std::vector<uint8_t>();
+    // Decoded from the very bytes the history knows the chat by.
+    TranscriptPrefetch::Prepared prepared = candidate ? prefetch.take(path) : TranscriptPrefetch::Prepared{};
+    if (candidate)
+      beginNext(index + 1);
+    const bool readable = prepared.readable;
+    auto &loaded = prepared.loaded;
+    const std::string &contentKey = prepared.contentKey;
+    // Made with settings that have changed since: made again when sent.
+    if (prepared.mail && !(prepared.madeWith == mailAhead()))
+      prepared.mail.reset();
     if (options.pause)
       pauseFor(*options.pause);
     seen += candidate ? 1 : 0;
@@ -169,7 +200,8 @@ int catchUp(const RunOptions &options) {
     }
 
     using Outcome = Extraction::Outcome;
-    const Extraction extraction = ExtractChatLog(path.string(), log, contentKey, batch, *delivery);
+    const Extraction extraction =
+        ExtractChatLog(path.string(), log, contentKey, batch, *delivery, std::move(prepared.mail));
     switch (extraction.outcome) {
     case Outcome::NotLoaded:
       continue;

@@ -15,7 +15,8 @@ namespace parlova {
 namespace fs = std::filesystem;
 
 Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::string &contentKey,
-                          TranscriptArchives &archives, Delivery &delivery) {
+                          TranscriptArchives &archives, Delivery &delivery,
+                          std::optional<TranscriptMailContent::Composed> composed) {
   using Outcome = Extraction::Outcome;
   Preferences &settings = appSettings();
   Extraction extraction;
@@ -71,6 +72,7 @@ Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::
   if (mail.sendEmails) {
     // Where the mail goes; no guess at another place.
     TranscriptMailContent content(path, *log, contentKey);
+    content.offerComposed(std::move(composed));
     const DeliveryResult result = mail.delivery
                                       ? delivery.deliver(content)
                                       : waitForSetting("emailDelivery must be " + deliveryNamesText(" or "));

@@ -7,10 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string>
 
 #include "driver/TranscriptArchives.h"
+#include "driver/TranscriptMailContent.h"
 #include "mail/Delivery.h"
 #include "model/ICLPChatLog.h"
 
@@ -39,8 +41,10 @@ struct Extraction {
 // (TranscriptJournal::Identity::key), which the history and a mailbox know
 // the chat by; `delivery` is the run's way out for mail, kept from one
 // transcript to the next. Nothing here ends the process; the caller
-// decides from the outcome whether the run goes on.
+// decides from the outcome whether the run goes on. `composed`: the mail,
+// made beforehand, that the delivery takes when its addresses match.
 Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::string &contentKey,
-                          TranscriptArchives &archives, Delivery &delivery);
+                          TranscriptArchives &archives, Delivery &delivery,
+                          std::optional<TranscriptMailContent::Composed> composed = std::nullopt);
 
 } // namespace parlova

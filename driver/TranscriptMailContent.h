@@ -1,6 +1,7 @@
 // A loaded transcript as the deliveries ask for it.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "mail/MailContent.h"
@@ -14,17 +15,37 @@ public:
   // only the chat's dates are asked for.
   TranscriptMailContent(std::string path, ICLPChatLog &log, std::optional<std::string> contentKey)
       : path_(std::move(path)), log_(log), contentKey_(std::move(contentKey)) {}
+  // The message is made from what the settings said when it was asked for,
+  // not from the settings, which only the main thread reads: the subject
+  // without a counter, and the HTML escaped or not.
+  struct Fixed {
+    std::string subject;
+    bool escapeHTML = false;
+  };
+  TranscriptMailContent(std::string path, ICLPChatLog &log, std::optional<std::string> contentKey, Fixed fixed)
+      : path_(std::move(path)), log_(log), contentKey_(std::move(contentKey)), fixed_(std::move(fixed)) {}
+  // A message composed beforehand for these addresses, for the delivery.
+  struct Composed {
+    MailboxMessage message;
+    std::optional<std::string> to;
+    std::optional<std::string> from;
+  };
+  void offerComposed(std::optional<Composed> composed) { composed_ = std::move(composed); }
 
   const std::string &transcriptPath() const override { return path_; }
   std::optional<std::string> contentKey() const override { return contentKey_; }
   // The first message's time.
   std::optional<double> chatStart() const override;
   MailMessage message(const std::string &to, const std::string &from) override;
+  std::optional<MailboxMessage> takeComposed(const std::optional<std::string> &to,
+                                             const std::optional<std::string> &from) override;
 
 private:
   std::string path_;
   ICLPChatLog &log_;
   std::optional<std::string> contentKey_;
+  std::optional<Fixed> fixed_;
+  std::optional<Composed> composed_;
 };
 
 } // namespace parlova

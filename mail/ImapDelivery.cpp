@@ -4,7 +4,7 @@
 #include "context/ProcessFlags.h"
 #include "context/Settings.h"
 #include "mail/ImapSession.h"
-#include "mail/MailboxMessage.h"
+#include "mail/MailboxComposer.h"
 #include "platform/Log.h"
 
 namespace parlova {
@@ -62,7 +62,7 @@ DeliveryResult ImapDelivery::deliver(MailContent &content) {
     }
     session_ = std::move(std::get<std::unique_ptr<ImapSession>>(opened));
   }
-  const auto message = MailboxMessage::compose(content, settings_.to, settings_.from);
+  const auto message = MailboxComposer::compose(content, settings_.to, settings_.from);
   if (!message)
     return DeliveryResult::wait();
   const ImapResult result =

@@ -1,13 +1,13 @@
 #include "mail/MaildirDelivery.h"
 
-#include "mail/MailboxMessage.h"
+#include "mail/MailboxComposer.h"
 #include "mail/MaildirFolder.h"
 #include "platform/Log.h"
 
 namespace parlova {
 
 DeliveryResult MaildirDelivery::deliver(MailContent &content) {
-  const auto message = MailboxMessage::compose(content, settings_.to, settings_.from);
+  const auto message = MailboxComposer::compose(content, settings_.to, settings_.from);
   if (!message)
     return DeliveryResult::wait();
   const MaildirFolder folder(settings_.maildir, settings_.folder);

@@ -344,8 +344,16 @@ std::vector<uint8_t> PantomimeSmtpSession::lastResponse() const {
 } // namespace parlova
 
 // The message's bytes as the framework writes them, for a mailbox.
+// Only for a thread that made messages: the framework knows it by then,
+// whether it was told or found it on its own (loading the module there).
+extern "C" __attribute__((visibility("default"))) void parlovaLeaveThread() { GSUnregisterCurrentThread(); }
+
 extern "C" __attribute__((visibility("default"))) void parlovaRenderMessage(const parlova::MailMessage *mail,
                                                                           std::vector<uint8_t> *bytes) {
+  // A catch-up composes on a thread of its own, which the framework must
+  // know before it makes objects there; once is enough, and the main
+  // thread is known already.
+  GSRegisterCurrentThread();
   NSAutoreleasePool *pool = [[NSAutoreleasePool alloc] init];
   CWMessage *message = parlova::newMessage(*mail);
   NSData *data = [message dataValue];

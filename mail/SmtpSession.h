@@ -80,6 +80,10 @@ public:
   static std::variant<std::vector<uint8_t>, std::string> messageBytes(const MailMessage &message);
   // The same, its bytes made as they are written; the bodies are moved in.
   static std::variant<FramedMessage, std::string> framedMessage(MailMessage message);
+  // Before a thread other than the main one ends that made messages: the
+  // framework lets go of what it keeps for the thread, which it cannot do
+  // safely once the thread is gone.
+  static void leaveThread();
 
   virtual ~SmtpSession() = default;
 
@@ -111,5 +115,7 @@ using OpenSmtpSessionFunction = SmtpSession *(*)(const MailServer *server, const
 inline constexpr const char *kOpenSmtpSessionSymbol = "parlovaOpenSmtpSession";
 using RenderMessageFunction = void (*)(const MailMessage *message, std::vector<uint8_t> *bytes);
 inline constexpr const char *kRenderMessageSymbol = "parlovaRenderMessage";
+using LeaveThreadFunction = void (*)();
+inline constexpr const char *kLeaveThreadSymbol = "parlovaLeaveThread";
 
 } // namespace parlova

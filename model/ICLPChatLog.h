@@ -111,6 +111,9 @@ public:
   // and time when forceUniqueSubjects asks for subjects that differ (which
   // counts subjectNumber up).
   std::string subjectForEmail();
+  // The subject when forceUniqueSubjects is off: nothing counted, nothing
+  // read from the settings.
+  std::string plainSubjectForEmail() const { return "[IM] " + primaryOtherParty_; }
 
 private:
   ICLPChatLog() = default;

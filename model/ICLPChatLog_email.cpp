@@ -11,7 +11,7 @@ std::string ICLPChatLog::subjectForEmail() {
   const bool unique = settings.boolValue("forceUniqueSubjects");
   const int32_t subjectNumber = settings.intValue("subjectNumber");
   if (!unique)
-    return "[IM] " + primaryOtherParty_;
+    return plainSubjectForEmail();
   // The counter is kept for the settings pane; it does not appear in the
   // subject.
   settings.setAppValue("subjectNumber", PreferenceValue::integer(static_cast<int64_t>(subjectNumber) + 1));

@@ -37,7 +37,8 @@ std::variant<void *, std::string> moduleSymbol(const std::string &fileName, cons
   const std::scoped_lock guard(lock);
   void *&module = opened[fileName];
   std::string why = fileName + " was not found";
-  for (const fs::path &path : candidates(fileName)) {
+  // Looked for once: a catch-up asks for a symbol for every message.
+  for (const fs::path &path : module ? std::vector<fs::path>() : candidates(fileName)) {
     if (module)
       break;
     std::error_code error;

@@ -3,6 +3,7 @@
 // nothing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -13,6 +14,9 @@
 #include <thread>
 #include <unistd.h>
 
+#include "driver/TranscriptJournal.h"
+#include "driver/TranscriptPrefetch.h"
+#include "mail/MailboxMessage.h"
 #include "samples/Backlog.h"
 #include "tests/support/ToolTestSupport.h"
 
@@ -124,6 +128,44 @@ TEST(CatchUp, EndsWhereSingleRunsEndWhetherWholeInBatchesOrStoppedAndResumed) {
   EXPECT_LT(moved, kTranscripts) << "stopped too late to show anything";
   EXPECT_EQ(resumed.run("parlova", {"--catch-up"}).exitCode, 0);
   expectSameHomes(singles, resumed, "stopped and resumed");
+}
+
+// The next transcript is read ahead, before its chat is judged over; a file
+// that changed since counts with its new bytes, and the mail made ahead is
+// the one the transcript's own bytes name.
+TEST(CatchUp, ATranscriptReadAheadAndChangedSinceIsReadAgain) {
+  ScratchHome home;
+  const auto made = samples::writeBacklog(home.chats(), {.transcripts = 8, .seed = 9, .people = 2, .longestChat = 40});
+  const fs::path first = home.chats() / made[0];
+  const auto other = std::find_if(made.begin() + 1, made.end(), [&](const fs::path &each) {
+    return each.extension() == first.extension();
+  });
+  ASSERT_NE(other, made.end());
+  const std::string before = readText(first), after = readText(home.chats() / *other);
+  ASSERT_NE(before, after);
+  const auto keyOf = [](const std::string &bytes) {
+    return TranscriptJournal::identityOf(std::span(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size())).key();
+  };
+  TranscriptPrefetch::MailAhead mail;
+  mail.compose = true;
+  mail.to = "me@example.org";
+  for (const bool changed : {false, true}) {
+    writeText(first, before);
+    TranscriptPrefetch prefetch;
+    prefetch.begin(first, mail);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // read by then
+    if (changed)
+      writeText(first, after);
+    const TranscriptPrefetch::Prepared prepared = prefetch.take(first);
+    const std::string key = keyOf(changed ? after : before);
+    EXPECT_EQ(prepared.contentKey, key) << "changed: " << changed;
+    EXPECT_TRUE(std::holds_alternative<ICLPChatLog>(prepared.loaded));
+    // Made again without its mail, which the delivery then makes itself.
+    ASSERT_EQ(prepared.mail.has_value(), !changed);
+    if (prepared.mail) {
+      EXPECT_EQ(prepared.mail->message.name, std::string(MailboxMessage::kNamePrefix) + key);
+    }
+  }
 }
 
 TEST(CatchUp, AStandingErrorOrUndeliverableMailStopsTheBatchBeforeAnythingIsArchived) {
