@@ -1,13 +1,14 @@
 #include "mail/SmtpSession.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <cerrno>
+#include <mutex>
 #include <random>
-#include <sys/random.h>
 #include <string_view>
+#include <sys/random.h>
 
 #include "foundation/Unicode.h"
 #include "mail/TextPartBody.h"
@@ -183,7 +184,14 @@ std::variant<FramedMessage, std::string> SmtpSession::framedMessage(MailMessage 
   frame.plainText = plainMark;
   frame.html.assign(htmlMark.begin(), htmlMark.end());
   std::vector<uint8_t> rendered;
-  render(&frame, &rendered);
+  {
+    // One message at a time: a catch-up composes on two threads when one
+    // transcript is too large to be read ahead, and the framework keeps
+    // state of its own between messages.
+    static std::mutex framework;
+    const std::scoped_lock one(framework);
+    render(&frame, &rendered);
+  }
   if (message.date)
     replaceDate(rendered, *message.date);
   std::string framing(rendered.begin(), rendered.end());
