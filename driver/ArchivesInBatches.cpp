@@ -34,10 +34,11 @@ std::optional<std::string> ArchivesInBatches::begin(const fs::path &) {
 std::variant<TranscriptArchives::Added, std::string>
 ArchivesInBatches::archive(const ICLPChatLog &log, const fs::path &transcript, const fs::path &target,
                            const Stages &stages) {
-  // Noted before anything of it reaches the archives, and written with its
-  // group's moves: a batch cut short is finished from these notes, which
-  // count a transcript as mailed, so they follow its mail to the disk.
-  if (!journal_.noteBatchMove({transcript, target, stages.links, stages.images})) {
+  // Noted before anything of it reaches the archives: a batch cut short is
+  // finished from these notes, which count a transcript as mailed. A
+  // message stored into a Maildir is named only at the group's flush, and
+  // its note waits for it; mail a server took is noted at once.
+  if (!journal_.noteBatchMove({transcript, target, stages.links, stages.images}, DeferredSyncs::stepsWaiting())) {
     logFormat("Could not write %@: %@", journal_.movesFile().string(), std::strerror(errno));
     return std::string("the journal could not be written");
   }

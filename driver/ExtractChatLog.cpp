@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::string &contentKey,
                           TranscriptArchives &archives, Delivery &delivery,
-                          std::optional<TranscriptMailContent::Composed> composed) {
+                          std::optional<MailboxMessage> composed) {
   using Outcome = Extraction::Outcome;
   Preferences &settings = appSettings();
   Extraction extraction;

@@ -42,9 +42,9 @@ struct Extraction {
 // the chat by; `delivery` is the run's way out for mail, kept from one
 // transcript to the next. Nothing here ends the process; the caller
 // decides from the outcome whether the run goes on. `composed`: the mail,
-// made beforehand, that the delivery takes when its addresses match.
+// made beforehand with the delivery's addresses, for the delivery to take.
 Extraction ExtractChatLog(const std::string &path, ICLPChatLog *log, const std::string &contentKey,
                           TranscriptArchives &archives, Delivery &delivery,
-                          std::optional<TranscriptMailContent::Composed> composed = std::nullopt);
+                          std::optional<MailboxMessage> composed = std::nullopt);
 
 } // namespace parlova

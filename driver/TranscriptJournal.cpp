@@ -139,25 +139,27 @@ bool TranscriptJournal::beginBatch() {
   return writeFileAtomically(journalFile(), PlistValue(std::move(entries)).serialized(PlistFormat::XML));
 }
 
-bool TranscriptJournal::noteBatchMove(const Recovery::BatchMove &move) {
+bool TranscriptJournal::noteBatchMove(const Recovery::BatchMove &move, bool hold) {
   const auto identity = identify(move.transcript);
   if (!identity)
     return false;
   heldMoves_ += escapedField(move.transcript.string()) + "\t" + escapedField(move.target.string()) + "\t" +
                 std::to_string(identity->size) + "\t" + identity->digest + "\t" + (move.links ? "L" : "") +
                 (move.images ? "I" : "") + "\n";
-  return true;
+  return hold || writeHeldMoves();
 }
 
-bool TranscriptJournal::syncBatchMoves() {
+bool TranscriptJournal::writeHeldMoves() {
   // Appended whole lines at a time: a line cut short belongs to a
   // transcript that had not been moved, and is passed over.
   if (!heldMoves_.empty() &&
       !appendToFile(movesFile(), std::span(reinterpret_cast<const uint8_t *>(heldMoves_.data()), heldMoves_.size())))
     return false;
   heldMoves_.clear();
-  return syncFileData(movesFile());
+  return true;
 }
+
+bool TranscriptJournal::syncBatchMoves() { return writeHeldMoves() && syncFileData(movesFile()); }
 
 std::vector<TranscriptJournal::Recovery::BatchMove> TranscriptJournal::movedInBatch() {
   const auto bytes = readFileContents(movesFile());

@@ -74,9 +74,11 @@ public:
   // which transcripts are taken stays that of the first walk. clear() once
   // the batch's archives are written.
   bool beginBatch();
-  // Held until syncBatchMoves(): a note on the disk counts its transcript
-  // as mailed, so it may reach the disk only after the mail has.
-  bool noteBatchMove(const Recovery::BatchMove &move);
+  // A note on the disk counts its transcript as mailed. With `hold` (its
+  // mail is not in its mailbox yet, not even after a kill) it waits, with
+  // every note after it, for syncBatchMoves(); otherwise it is written now,
+  // after those that waited.
+  bool noteBatchMove(const Recovery::BatchMove &move, bool hold);
   // Writes the held notes and puts them on the disk: a move is made only
   // after its note is there, or a power cut could keep the move and lose
   // the note.
@@ -99,6 +101,7 @@ public:
 
 private:
   bool keepArchives();
+  bool writeHeldMoves();
   // Puts the kept archives back and keeps them kept (the journal's clear()
   // lets them go), so that a recovery cut short can be made again.
   void restoreKeptArchives();

@@ -19,13 +19,4 @@ MailMessage TranscriptMailContent::message(const std::string &to, const std::str
   return message;
 }
 
-std::optional<MailboxMessage> TranscriptMailContent::takeComposed(const std::optional<std::string> &to,
-                                                                  const std::optional<std::string> &from) {
-  if (!composed_ || composed_->to != to || composed_->from != from)
-    return std::nullopt;
-  std::optional<MailboxMessage> message = std::move(composed_->message);
-  composed_.reset();
-  return message;
-}
-
 } // namespace parlova

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "mail/MailContent.h"
 #include "model/ICLPChatLog.h"
@@ -24,28 +25,22 @@ public:
   };
   TranscriptMailContent(std::string path, ICLPChatLog &log, std::optional<std::string> contentKey, Fixed fixed)
       : path_(std::move(path)), log_(log), contentKey_(std::move(contentKey)), fixed_(std::move(fixed)) {}
-  // A message composed beforehand for these addresses, for the delivery.
-  struct Composed {
-    MailboxMessage message;
-    std::optional<std::string> to;
-    std::optional<std::string> from;
-  };
-  void offerComposed(std::optional<Composed> composed) { composed_ = std::move(composed); }
+  // A message composed beforehand with the delivery's addresses.
+  void offerComposed(std::optional<MailboxMessage> composed) { composed_ = std::move(composed); }
 
   const std::string &transcriptPath() const override { return path_; }
   std::optional<std::string> contentKey() const override { return contentKey_; }
   // The first message's time.
   std::optional<double> chatStart() const override;
   MailMessage message(const std::string &to, const std::string &from) override;
-  std::optional<MailboxMessage> takeComposed(const std::optional<std::string> &to,
-                                             const std::optional<std::string> &from) override;
+  std::optional<MailboxMessage> takeComposed() override { return std::exchange(composed_, std::nullopt); }
 
 private:
   std::string path_;
   ICLPChatLog &log_;
   std::optional<std::string> contentKey_;
   std::optional<Fixed> fixed_;
-  std::optional<Composed> composed_;
+  std::optional<MailboxMessage> composed_;
 };
 
 } // namespace parlova

@@ -115,7 +115,7 @@ TranscriptPrefetch::Prepared TranscriptPrefetch::prepare(const fs::path &path, c
                                 TranscriptMailContent::Fixed{log->plainSubjectForEmail(), mail.escapeHTML});
   auto made = MailboxComposer::make(content, mail.to, mail.from);
   if (auto *message = std::get_if<MailboxMessage>(&made))
-    prepared.mail = TranscriptMailContent::Composed{std::move(*message), mail.to, mail.from};
+    prepared.mail = std::move(*message);
   return prepared;
 }
 

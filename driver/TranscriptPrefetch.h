@@ -34,7 +34,7 @@ public:
     bool readable = false;
     std::variant<ICLPChatLog, std::string> loaded = std::string();
     std::string contentKey; // empty when the file could not be read
-    std::optional<TranscriptMailContent::Composed> mail;
+    std::optional<MailboxMessage> mail;
     MailAhead madeWith;
   };
 

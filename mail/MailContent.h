@@ -23,12 +23,10 @@ public:
   virtual std::optional<double> chatStart() const = 0;
   // The subject and both renderings, addressed.
   virtual MailMessage message(const std::string &to, const std::string &from) = 0;
-  // The mailbox's message when it was composed beforehand for these
-  // addresses (a catch-up composes the next transcript's while it carries
-  // this one); given once.
-  virtual std::optional<MailboxMessage> takeComposed(const std::optional<std::string> &, const std::optional<std::string> &) {
-    return std::nullopt;
-  }
+  // The mailbox's message when it was composed beforehand, with the
+  // addresses of the delivery that asks (a catch-up composes the next
+  // transcript's while it carries this one); given once.
+  virtual std::optional<MailboxMessage> takeComposed() { return std::nullopt; }
 };
 
 } // namespace parlova

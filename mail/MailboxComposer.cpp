@@ -7,7 +7,7 @@ namespace parlova {
 
 std::optional<MailboxMessage> MailboxComposer::compose(MailContent &content, const std::optional<std::string> &to,
                                                       const std::optional<std::string> &from) {
-  if (auto composed = content.takeComposed(to, from))
+  if (auto composed = content.takeComposed())
     return composed;
   auto made = make(content, to, from);
   if (auto *why = std::get_if<std::string>(&made)) {

@@ -13,8 +13,8 @@ namespace parlova {
 
 class MailboxComposer {
 public:
-  // The message composed beforehand when the content has one for these
-  // addresses, else made now; nothing when it cannot be made, which is
+  // The message composed beforehand when the content has one, else made
+  // now; nothing when it cannot be made, which is
   // logged.
   static std::optional<MailboxMessage> compose(MailContent &content, const std::optional<std::string> &to,
                                                const std::optional<std::string> &from);

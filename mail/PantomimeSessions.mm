@@ -343,11 +343,11 @@ std::vector<uint8_t> PantomimeSmtpSession::lastResponse() const {
 
 } // namespace parlova
 
-// The message's bytes as the framework writes them, for a mailbox.
 // Only for a thread that made messages: the framework knows it by then,
 // whether it was told or found it on its own (loading the module there).
 extern "C" __attribute__((visibility("default"))) void parlovaLeaveThread() { GSUnregisterCurrentThread(); }
 
+// The message's bytes as the framework writes them, for a mailbox.
 extern "C" __attribute__((visibility("default"))) void parlovaRenderMessage(const parlova::MailMessage *mail,
                                                                           std::vector<uint8_t> *bytes) {
   // A catch-up composes on a thread of its own, which the framework must

@@ -1,14 +1,12 @@
 #include "mail/SmtpSession.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
 #include <random>
 #include <string_view>
-#include <sys/random.h>
 
 #include "foundation/Unicode.h"
 #include "mail/TextPartBody.h"
@@ -71,25 +69,11 @@ MailMessage withHeadersFit(const MailMessage &message) {
 // A line of its own that no typist can have put into a header, where the
 // framework writes a body; the body is put in its place afterwards.
 std::string bodyMark() {
-  // Straight from the kernel's generator: a catch-up makes two marks a
-  // message, and opening a random device for each cost more than the
-  // framework's work.
-  uint32_t random[4];
-  size_t got = 0;
-  while (got < sizeof random) {
-    const ssize_t n = getrandom(reinterpret_cast<char *>(random) + got, sizeof random - got, 0);
-    if (n > 0)
-      got += static_cast<size_t>(n);
-    else if (errno != EINTR)
-      break;
-  }
-  if (got < sizeof random) {
-    std::random_device device;
-    for (uint32_t &part : random)
-      part = device();
-  }
+  // One device a thread: a catch-up makes two marks a message, and opening
+  // a device for each cost more than the framework's work.
+  thread_local std::random_device random;
   char mark[48];
-  std::snprintf(mark, sizeof mark, "parlova-body-%08x%08x%08x%08x", random[0], random[1], random[2], random[3]);
+  std::snprintf(mark, sizeof mark, "parlova-body-%08x%08x%08x%08x", random(), random(), random(), random());
   return mark;
 }
 

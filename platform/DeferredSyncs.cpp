@@ -69,6 +69,8 @@ void DeferredSyncs::note(const std::filesystem::path &path) {
 
 void DeferredSyncs::afterFlush(std::function<bool()> then) { waiting().push_back(std::move(then)); }
 
+bool DeferredSyncs::stepsWaiting() { return !waiting().empty(); }
+
 bool DeferredSyncs::flushAll() {
   if (!flushNoted())
     return false;

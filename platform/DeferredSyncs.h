@@ -19,6 +19,9 @@ public:
   // (a name given to a file whose bytes must not be seen half written);
   // false when it failed, with errno saying why.
   static void afterFlush(std::function<bool()> then);
+  // Whether a step waits for the next flush: what it finishes is not yet
+  // there, even after a kill.
+  static bool stepsWaiting();
   // Flushes every noted file system once, then does what waited for that
   // and flushes again what it changed; forgets them all. False when a file
   // system could not be flushed or a waiting step failed (errno says why);

@@ -39,14 +39,13 @@ std::variant<void *, std::string> moduleSymbol(const std::string &fileName, cons
   std::string why = fileName + " was not found";
   // Looked for once: a catch-up asks for a symbol for every message.
   for (const fs::path &path : module ? std::vector<fs::path>() : candidates(fileName)) {
-    if (module)
-      break;
     std::error_code error;
     if (!fs::exists(path, error))
       continue;
     module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!module)
-      why = dlerror();
+    if (module)
+      break;
+    why = dlerror();
   }
   if (!module)
     return why;

@@ -280,7 +280,7 @@ def maildir_kills(tool: Tool, template: Path, root: Path, kills: int, longest: f
     instants, each home from the template run to its end: every message in
     cur/ or new/ is whole, and each transcript has exactly one. A catch-up
     ends in a run or two, so it takes many homes. The problems found."""
-    name = "maildir" + "".join(arg for arg in args if arg == "--catch-up")
+    name = "maildir-catch-up" if "--catch-up" in args else "maildir"
     tally, step = Tally(name), killed(tool, longest, rng, *args)
     problems, homes = [], 0
     while tally.kills < kills and not problems:

@@ -6,8 +6,9 @@ uninterrupted runs end, with every chat mailed once.
 The home lives on a small ext4 file system on a loop device. A catch-up or
 a single run is stopped (SIGSTOP) at a random instant and the device is read
 as it is then (O_DIRECT, past the page cache, until two copies agree): that
-copy is what a power cut would have left. It is checked with e2fsck, mounted where the home was,
-and runs go on there until every transcript is done. Every archive, page and
+copy is what a power cut would have left. It is checked with e2fsck,
+mounted where the home was, and runs go on there until every transcript is
+done. Every archive, page and
 folder must then equal those of uninterrupted single runs, and the Maildir
 hold one whole message for each transcript.
 

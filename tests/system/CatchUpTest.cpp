@@ -163,7 +163,7 @@ TEST(CatchUp, ATranscriptReadAheadAndChangedSinceIsReadAgain) {
     // Made again without its mail, which the delivery then makes itself.
     ASSERT_EQ(prepared.mail.has_value(), !changed);
     if (prepared.mail) {
-      EXPECT_EQ(prepared.mail->message.name, std::string(MailboxMessage::kNamePrefix) + key);
+      EXPECT_EQ(prepared.mail->name, std::string(MailboxMessage::kNamePrefix) + key);
     }
   }
 }

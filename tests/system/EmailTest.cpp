@@ -733,6 +733,23 @@ TEST_F(Email, ABacklogThroughSmtpIsOneSessionResetBetweenMessagesAndPacedWhenAsk
   EXPECT_GE(std::get<2>(catchUp("paced", 0, 120)), (kChats - 1) * 0.5);
   // Cut at the reset after each message: every message on a session of its own.
   EXPECT_EQ(std::get<0>(catchUp("cut", 5, 0)), kChats);
+
+  // Killed between two messages: what the server took is noted at once,
+  // so the next run sends none of it again (at most the one in hand).
+  ScratchHome home;
+  samples::writeBacklog(home.chats(), {.transcripts = kChats, .seed = 5, .people = 4, .longestChat = 8});
+  SmtpServer server(home.path() / "smtp", "accept");
+  home.mailTo(server.port());
+  home.setSetting("emailMessagesPerMinute", "-int", "300");
+  const pid_t run = home.start("parlova", {"--catch-up", "--quiet"});
+  while (server.messages().size() < 3)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50)); // archived, and waiting for the next
+  kill(run, SIGKILL);
+  waitpid(run, nullptr, 0);
+  EXPECT_EQ(home.run("parlova", {"--catch-up", "--quiet"}).exitCode, 0);
+  EXPECT_EQ(filesBelow(home.archive()).size(), static_cast<size_t>(kChats));
+  EXPECT_LE(server.messages().size(), static_cast<size_t>(kChats + 1));
 }
 
 } // namespace
