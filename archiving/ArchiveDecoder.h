@@ -19,14 +19,6 @@ class ArchiveDecoder {
 public:
   enum class Format { TypedStream, Keyed };
 
-  // A decoder over `bytes`, which must outlive it; or why they are no
-  // archive of that format at all.
-  static std::variant<std::unique_ptr<ArchiveDecoder>, std::string> open(std::span<const uint8_t> bytes,
-                                                                         Format format);
-  // Whichever of the two formats the bytes are (a typed stream is known by
-  // its first bytes, so it is tried first).
-  static std::variant<std::unique_ptr<ArchiveDecoder>, std::string> open(std::span<const uint8_t> bytes);
-
   virtual ~ArchiveDecoder() = default;
 
   virtual Format format() const = 0;

@@ -252,6 +252,7 @@ TypedStreamUnarchiver::forData(std::span<const uint8_t> bytes) {
   auto unarchiver = std::unique_ptr<TypedStreamUnarchiver>(new TypedStreamUnarchiver(std::move(*reader)));
   // A transcript numbers an entry every ten bytes or so.
   unarchiver->table_.reserve(bytes.size() / 10);
+  unarchiver->objects_.reserve(bytes.size() / 40);
   return unarchiver;
 }
 
@@ -341,7 +342,7 @@ Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
       const auto text = reader_.readSharedString(reader_.readHead());
       if (!text)
         throw ArchiveDamaged("a new C string that is nil");
-      table_.push_back({nullptr, TableEntry::Kind::CString, static_cast<uint32_t>(texts_.size())});
+      table_.push_back({TableEntry::Kind::CString, static_cast<uint32_t>(texts_.size())});
       texts_.push_back(*text);
       value.text = *text;
       return value;
@@ -435,8 +436,13 @@ std::optional<size_t> TypedStreamUnarchiver::readClass(int8_t head) {
     classes_[first + i].archivedClass = superclass;
   }
   for (size_t i = 0; i < chain.size(); ++i)
-    table_.push_back({nullptr, TableEntry::Kind::Class, static_cast<uint32_t>(first + i)});
+    table_.push_back({TableEntry::Kind::Class, static_cast<uint32_t>(first + i)});
   return first;
+}
+
+TypedStreamUnarchiver::TableEntry TypedStreamUnarchiver::keep(ObjectRef object) {
+  objects_.push_back(std::move(object));
+  return {TableEntry::Kind::Object, static_cast<uint32_t>(objects_.size() - 1)};
 }
 
 TypedStreamUnarchiver::TableEntry &TypedStreamUnarchiver::referencedEntry(int8_t head) {
@@ -448,7 +454,7 @@ TypedStreamUnarchiver::TableEntry &TypedStreamUnarchiver::referencedEntry(int8_t
 
 TypedStreamUnarchiver::NewObject TypedStreamUnarchiver::beginNewObject() {
   const size_t index = table_.size();
-  table_.push_back({nullptr, TableEntry::Kind::ObjectInProgress});
+  table_.push_back({TableEntry::Kind::ObjectInProgress, 0});
   const auto classIndex = readClass(reader_.readHead());
   if (!classIndex)
     throw ArchiveDamaged("an object without a class");
@@ -462,11 +468,12 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
     TableEntry &entry = referencedEntry(head);
     switch (entry.kind) {
     case TableEntry::Kind::Object:
-      return entry.object;
+      return objects_[entry.index];
     case TableEntry::Kind::StringText:
-      entry.object = std::make_shared<StringObject>(std::string(texts_[entry.index]));
-      entry.kind = TableEntry::Kind::Object;
-      return entry.object;
+      entry = keep(std::make_shared<StringObject>(std::string(texts_[entry.index])));
+      return objects_[entry.index];
+    case TableEntry::Kind::Date:
+      return std::make_shared<DateObject>(Date(dates_[entry.index]));
     case TableEntry::Kind::ObjectInProgress:
       // A cycle: the program's objects never point back at their owners.
       return nullptr;
@@ -477,7 +484,15 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
   const NestingGuard nesting(depth_);
   const NewObject started = beginNewObject();
   ObjectRef object = decodeObjectBody(started.classIndex, purpose);
-  table_[started.index] = {object, TableEntry::Kind::Object};
+  if (const KnownClass &known = knownClass(started.classIndex);
+      !generic_ && !known.factory && known.kind == FoundationClass::Date) {
+    // A transcript dates every message, and the message keeps the time
+    // alone: the table keeps the number, not an object for each.
+    table_[started.index] = {TableEntry::Kind::Date, static_cast<uint32_t>(dates_.size())};
+    dates_.push_back(objectAs<DateObject>(object)->date().timeIntervalSinceReferenceDate());
+    return object;
+  }
+  table_[started.index] = keep(object);
   return object;
 }
 
@@ -490,10 +505,14 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
     case TableEntry::Kind::StringText:
       return texts_[entry.index];
     case TableEntry::Kind::Object:
-      if (const auto *string = dynamic_cast<const StringObject *>(entry.object.get()))
+      if (const auto *string = dynamic_cast<const StringObject *>(objects_[entry.index].get()))
         return std::string_view(string->value());
       if (other)
-        *other = entry.object;
+        *other = objects_[entry.index];
+      return std::nullopt;
+    case TableEntry::Kind::Date:
+      if (other)
+        *other = std::make_shared<DateObject>(Date(dates_[entry.index]));
       return std::nullopt;
     case TableEntry::Kind::ObjectInProgress:
       return std::nullopt;
@@ -508,13 +527,13 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
     Cursor cursor(*this);
     const std::string_view text = cursor.nextString().value_or("");
     cursor.drain(nullptr);
-    table_[started.index] = {nullptr, TableEntry::Kind::StringText, static_cast<uint32_t>(texts_.size())};
+    table_[started.index] = {TableEntry::Kind::StringText, static_cast<uint32_t>(texts_.size())};
     texts_.push_back(text);
     return text;
   }
   ObjectRef object = decodeObjectBody(started.classIndex, Purpose::AnyObject);
-  table_[started.index] = {object, TableEntry::Kind::Object};
-  if (const auto *string = dynamic_cast<const StringObject *>(table_[started.index].object.get()))
+  table_[started.index] = keep(object);
+  if (const auto *string = dynamic_cast<const StringObject *>(object.get()))
     return std::string_view(string->value());
   if (other)
     *other = std::move(object);

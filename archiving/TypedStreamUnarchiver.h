@@ -86,11 +86,13 @@ private:
   const KnownClass &knownClass(size_t classIndex);
 
   struct TableEntry {
-    ObjectRef object;
-    // A string object is kept as its text until something needs the object.
-    enum class Kind : uint8_t { CString, Class, Object, ObjectInProgress, StringText } kind;
-    uint32_t index = 0; // in texts_ for texts, in classes_ for classes
+    // A string object is kept as its text until something needs the object,
+    // a date as its time.
+    enum class Kind : uint8_t { CString, Class, Object, ObjectInProgress, StringText, Date } kind;
+    uint32_t index = 0; // in texts_, classes_, objects_ or dates_, by kind
   };
+  // A new entry for an object read in full.
+  TableEntry keep(ObjectRef object);
   struct ClassEntry {
     std::shared_ptr<const ArchivedClass> archivedClass;
     std::optional<KnownClass> known;
@@ -103,6 +105,8 @@ private:
   // Every C string, class and object, numbered in stream order.
   std::vector<TableEntry> table_;
   std::vector<std::string_view> texts_; // in the stream
+  std::vector<ObjectRef> objects_;
+  std::vector<double> dates_;
   std::vector<ClassEntry> classes_;
   std::vector<std::shared_ptr<const TextAttributes>> spareDictionaries_;
   std::vector<AttributedString::RunSpec> spareRuns_;

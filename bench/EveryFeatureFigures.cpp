@@ -72,27 +72,6 @@ double writeEveryOtherOutputOnce(const fs::path &home, const fs::path &scratch) 
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// About 65 MB of iChat 2's typed stream: a long chat, each message styled
-// and with a link. (libplist takes the better part of an hour to write a
-// keyed archive of that size.)
-std::vector<uint8_t> hugeTranscript() {
-  samples::TranscriptSpec spec;
-  const samples::Account me{"AIM", "parlovauser"};
-  const samples::Account other{"AIM", "somebuddy"};
-  spec.others = {other};
-  for (int i = 0; i < 370000; ++i) {
-    samples::MessageSpec message = samples::says(i % 2 ? me : other, 200000000 + i * 7.0, "");
-    samples::RunSpec styled = samples::text("message number " + std::to_string(i) + " with some words in it, ");
-    styled.font = samples::FontSpec{"Helvetica", 12};
-    styled.color = samples::ColorSpec{samples::ColorSpec::Space::CalibratedRGB, {0, 0, i % 3 ? 1.0 : 0.0}};
-    samples::RunSpec link = samples::text("a link");
-    link.link = samples::LinkSpec{"http://example.com/page/" + std::to_string(i), i % 2 == 0, std::nullopt};
-    message.runs = {styled, link, samples::text(" and the rest of the line.")};
-    spec.messages.push_back(std::move(message));
-  }
-  return samples::typedStreamTranscript(spec);
-}
-
 } // namespace
 
 void printEveryFeature(const fs::path &binaryDir) {
@@ -121,7 +100,7 @@ void printEveryFeature(const fs::path &binaryDir) {
   // loaded, rendered and mailed with its links archived (on by default),
   // then with every feature.
   const fs::path hugeFile = root / "somebuddy on 2007-05-04 at 10.00.chat";
-  samples::writeFile(hugeFile, hugeTranscript());
+  samples::writeFile(hugeFile, samples::typedStreamTranscript(samples::longStyledChat(370000)));
   const double megabytes = static_cast<double>(fs::file_size(hugeFile)) / (1 << 20);
   const std::string size = "the transcript (" + std::to_string(static_cast<int>(megabytes)) + " MiB)";
   const ChildRun decoded = runIn(root, {(binaryDir / "parlova-inspect").string(), hugeFile.string()});

@@ -11,6 +11,7 @@
 
 #include "bench/JudgedFigures.h"
 #include "model/ICLPChatLog.h"
+#include "samples/Backlog.h"
 #include "samples/TranscriptWriter.h"
 
 using namespace parlova;
@@ -19,21 +20,8 @@ using namespace parlova::samples;
 namespace {
 
 TranscriptSpec largeTranscript(TranscriptSpec::Root root, int messages) {
-  TranscriptSpec spec;
+  TranscriptSpec spec = longStyledChat(static_cast<size_t>(messages));
   spec.root = root;
-  const Account me{"AIM", "parlovauser"};
-  const Account other{"AIM", "somebuddy"};
-  spec.others = {other};
-  for (int i = 0; i < messages; ++i) {
-    MessageSpec message = says(i % 2 ? me : other, 200000000 + i * 7.0, "");
-    RunSpec styled = text("message number " + std::to_string(i) + " with some words in it, ");
-    styled.font = FontSpec{"Helvetica", 12};
-    styled.color = ColorSpec{ColorSpec::Space::CalibratedRGB, {0, 0, i % 3 ? 1.0 : 0.0}};
-    RunSpec link = text("a link");
-    link.link = LinkSpec{"http://example.com/page/" + std::to_string(i), i % 2 == 0, std::nullopt};
-    message.runs = {styled, link, text(" and the rest of the line.")};
-    spec.messages.push_back(std::move(message));
-  }
   return spec;
 }
 

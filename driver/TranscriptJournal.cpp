@@ -134,7 +134,7 @@ bool TranscriptJournal::beginBatch() {
   if (!keepArchives())
     return false;
   PlistValue::Dictionary entries = {{"phase", std::string(kBatch)}, {"archives", existedBefore()}};
-  if (!writeFileAtomically(movesFile(), {}))
+  if (!writeFileAtomically(movesFile(), std::span<const uint8_t>()))
     return false;
   return writeFileAtomically(journalFile(), PlistValue(std::move(entries)).serialized(PlistFormat::XML));
 }

@@ -131,4 +131,6 @@ int32_t wholeDaysBetween(Date start, Date end) {
   return days;
 }
 
+std::string describeDate(Date date) { return formatCalendarDate(date, "%Y-%m-%d %H:%M:%S %z"); }
+
 } // namespace parlova

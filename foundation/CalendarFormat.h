@@ -17,6 +17,10 @@ namespace parlova {
 
 std::string formatCalendarDate(Date date, std::string_view format);
 
+// A date's default text form, in the local time zone: "2005-03-14 15:22:07
+// -0800".
+std::string describeDate(Date date);
+
 // The month of the year, 1 to 12, in the local time zone.
 int localMonthOfYear(Date date);
 

@@ -2,8 +2,6 @@
 
 #include <chrono>
 
-#include "foundation/CalendarFormat.h"
-
 namespace parlova {
 
 Date Date::now() {
@@ -11,7 +9,5 @@ Date Date::now() {
   const auto since = duration<double>(system_clock::now().time_since_epoch());
   return fromUnixTime(since.count());
 }
-
-std::string Date::description() const { return formatCalendarDate(*this, "%Y-%m-%d %H:%M:%S %z"); }
 
 } // namespace parlova

@@ -29,9 +29,6 @@ public:
     return unixTime >= kEarliestChatUnixTime && unixTime < kLatestChatUnixTime;
   }
 
-  // The default text form, in the local time zone: "2005-03-14 15:22:07 -0800".
-  std::string description() const;
-
   auto operator<=>(const Date &) const = default;
 
 private:

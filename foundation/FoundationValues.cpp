@@ -1,5 +1,7 @@
 #include "foundation/FoundationValues.h"
 
+#include "foundation/CalendarFormat.h"
+
 #include <cctype>
 #include <cinttypes>
 #include <cmath>
@@ -137,5 +139,7 @@ std::string stringValueOf(const ObjectRef &object) {
   const auto string = objectAs<StringObject>(object);
   return string ? string->value() : std::string();
 }
+
+std::string DateObject::description() const { return describeDate(date_); }
 
 } // namespace parlova

@@ -58,7 +58,7 @@ class DateObject final : public Object {
 public:
   explicit DateObject(Date date) : date_(date) {}
   std::string className() const override { return "NSDate"; }
-  std::string description() const override { return date_.description(); }
+  std::string description() const override;
   Date date() const { return date_; }
 
 private:

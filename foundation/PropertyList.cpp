@@ -187,38 +187,6 @@ bool startsSurrogatePair(std::u16string_view units, size_t at) {
          units[at + 1] <= 0xDFFF;
 }
 
-bool fitsXml(std::string_view text) {
-  const bool plainAscii = std::all_of(text.begin(), text.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte >= 0x20 && byte < 0x80) || byte == '\t' || byte == '\n' || byte == '\r';
-  });
-  if (plainAscii)
-    return true;
-  const std::u16string units = utf8ToUtf16(text);
-  for (size_t at = 0; at < units.size(); ++at) {
-    if (startsSurrogatePair(units, at))
-      ++at;
-    else if (!allowedInXml(units[at]))
-      return false;
-  }
-  return utf16ToUtf8(units) == text; // malformed UTF-8 came back changed
-}
-
-std::string fittedToXml(std::string_view text) {
-  const std::u16string units = utf8ToUtf16(text);
-  std::u16string fitted;
-  fitted.reserve(units.size());
-  for (size_t at = 0; at < units.size(); ++at) {
-    if (startsSurrogatePair(units, at)) {
-      fitted += units[at];
-      fitted += units[++at];
-    } else {
-      fitted += allowedInXml(units[at]) ? units[at] : u'\uFFFD';
-    }
-  }
-  return utf16ToUtf8(fitted);
-}
-
 bool treeFitsXml(plist_t node) {
   switch (plist_get_node_type(node)) {
   case PLIST_STRING:
@@ -263,6 +231,38 @@ void fitTreeToXml(plist_t node) {
 }
 
 } // namespace
+
+bool fitsXml(std::string_view text) {
+  const bool plainAscii = std::all_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte >= 0x20 && byte < 0x80) || byte == '\t' || byte == '\n' || byte == '\r';
+  });
+  if (plainAscii)
+    return true;
+  const std::u16string units = utf8ToUtf16(text);
+  for (size_t at = 0; at < units.size(); ++at) {
+    if (startsSurrogatePair(units, at))
+      ++at;
+    else if (!allowedInXml(units[at]))
+      return false;
+  }
+  return utf16ToUtf8(units) == text; // malformed UTF-8 came back changed
+}
+
+std::string fittedToXml(std::string_view text) {
+  const std::u16string units = utf8ToUtf16(text);
+  std::u16string fitted;
+  fitted.reserve(units.size());
+  for (size_t at = 0; at < units.size(); ++at) {
+    if (startsSurrogatePair(units, at)) {
+      fitted += units[at];
+      fitted += units[++at];
+    } else {
+      fitted += allowedInXml(units[at]) ? units[at] : u'\uFFFD';
+    }
+  }
+  return utf16ToUtf8(fitted);
+}
 
 PlistPtr parsePropertyList(std::span<const uint8_t> bytes) {
   if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max())

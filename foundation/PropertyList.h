@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,11 @@ enum class PlistFormat { XML, Binary };
 // XML or binary, told apart by the bytes. Nothing for anything else.
 PlistPtr parsePropertyList(std::span<const uint8_t> bytes);
 std::vector<uint8_t> serializePropertyList(plist_t node, PlistFormat format);
+
+// Whether XML 1.0 can hold the text as it is (well-formed UTF-8 of allowed
+// characters), and the text with U+FFFD for what it cannot.
+bool fitsXml(std::string_view text);
+std::string fittedToXml(std::string_view text);
 
 // A dictionary's entries and an array's items, in stored order (libplist
 // finds an array's n-th item by walking the list, so arrays are read front

@@ -1,9 +1,14 @@
 #include "foundation/PropertyListValue.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <limits>
+#include <unordered_set>
 
 namespace parlova {
 
@@ -17,14 +22,24 @@ Date dateFromNode(plist_t node) {
   return Date(static_cast<double>(seconds) + static_cast<double>(microseconds) / 1e6);
 }
 
-PlistPtr dateNode(Date date) {
+struct LibraryDate {
+  int32_t seconds;
+  int32_t microseconds;
+};
+
+LibraryDate asLibraryDate(Date date) {
   double seconds = std::floor(date.timeIntervalSinceReferenceDate());
   double fraction = date.timeIntervalSinceReferenceDate() - seconds;
   if (!std::isfinite(seconds))
     seconds = 0, fraction = 0;
   seconds = std::clamp(seconds, double(std::numeric_limits<int32_t>::min()),
                        double(std::numeric_limits<int32_t>::max()));
-  return PlistPtr(plist_new_date(static_cast<int32_t>(seconds), static_cast<int32_t>(fraction * 1e6)));
+  return {static_cast<int32_t>(seconds), static_cast<int32_t>(fraction * 1e6)};
+}
+
+PlistPtr dateNode(Date date) {
+  const LibraryDate kept = asLibraryDate(date);
+  return PlistPtr(plist_new_date(kept.seconds, kept.microseconds));
 }
 
 struct NodeMaker {
@@ -49,6 +64,144 @@ struct NodeMaker {
     return dictionary;
   }
   PlistPtr operator()(PlistValue::Uid uid) const { return PlistPtr(plist_new_uid(uid.value)); }
+};
+
+// The XML the library writes for a tree of strings, integers, booleans,
+// dates, arrays and dictionaries, written straight from the values: a link
+// archive of a few hundred thousand links would otherwise become a library
+// tree three times its size and then a second copy as text. A tree holding
+// anything else (reals, data, keyed-archive references), a key given twice
+// or a key XML cannot hold is left to the library, which decides those.
+class DirectXml {
+public:
+  static bool covers(const PlistValue &value, int depth = 0) {
+    if (depth > PlistValue::kMostNesting)
+      return false;
+    if (value.get<double>() || value.get<PlistValue::Data>() || value.get<PlistValue::Uid>())
+      return false;
+    if (const auto *items = value.get<PlistValue::Array>())
+      return std::all_of(items->begin(), items->end(),
+                         [depth](const PlistValue &item) { return covers(item, depth + 1); });
+    if (const auto *entries = value.get<PlistValue::Dictionary>()) {
+      std::unordered_set<std::string_view> keys;
+      for (const auto &[key, item] : *entries)
+        if (!fitsXml(asStored(key)) || !keys.insert(asStored(key)).second || !covers(item, depth + 1))
+          return false;
+    }
+    return true;
+  }
+
+  // The whole document, at its exact size: counted first, then written.
+  static std::vector<uint8_t> document(const PlistValue &root) {
+    DirectXml counter(nullptr);
+    counter.write(root);
+    std::vector<uint8_t> bytes(counter.size_);
+    DirectXml writer(bytes.data());
+    writer.write(root);
+    return bytes;
+  }
+
+private:
+  explicit DirectXml(uint8_t *out) : out_(out) {}
+
+  // The library keeps a text up to its first NUL.
+  static std::string_view asStored(const std::string &text) { return std::string_view(text.c_str()); }
+
+  void put(std::string_view text) {
+    if (out_)
+      std::memcpy(out_ + size_, text.data(), text.size());
+    size_ += text.size();
+  }
+  void indent(int depth) {
+    for (int i = 0; i < depth; ++i)
+      put("\t");
+  }
+  // A carriage return as a character reference, as serializePropertyList
+  // turns the library's raw one.
+  void escaped(std::string_view text) {
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+      const char c = text[i];
+      const char *entity = c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '&' ? "&amp;" : c == '\r' ? "&#13;" : nullptr;
+      if (!entity)
+        continue;
+      put(text.substr(start, i - start));
+      put(entity);
+      start = i + 1;
+    }
+    put(text.substr(start));
+  }
+  void text(std::string_view tag, std::string_view value, int depth) {
+    indent(depth);
+    put("<"), put(tag), put(">");
+    if (fitsXml(value))
+      escaped(value);
+    else
+      escaped(fittedToXml(value));
+    put("</"), put(tag), put(">\n");
+  }
+  void leaf(std::string_view tag, std::string_view value, int depth) {
+    indent(depth);
+    put("<"), put(tag), put(">"), put(value), put("</"), put(tag), put(">\n");
+  }
+
+  void write(const PlistValue &root) {
+    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+        "<plist version=\"1.0\">\n");
+    write(root, 0);
+    put("</plist>\n");
+  }
+
+  void write(const PlistValue &value, int depth) {
+    char number[64];
+    if (const auto *string = value.get<std::string>()) {
+      text("string", asStored(*string), depth);
+    } else if (const auto *integer = value.get<int64_t>()) {
+      leaf("integer", std::string_view(number, std::snprintf(number, sizeof number, "%" PRIi64, *integer)), depth);
+    } else if (const auto *flag = value.get<bool>()) {
+      indent(depth);
+      put(*flag ? "<true/>\n" : "<false/>\n");
+    } else if (const auto *date = value.get<Date>()) {
+      // The library writes the seconds of the sum of what it keeps, cut
+      // toward zero.
+      const LibraryDate kept = asLibraryDate(*date);
+      const auto seconds = static_cast<time_t>(static_cast<double>(kept.seconds) +
+                                               static_cast<double>(kept.microseconds) / 1000000);
+      const time_t unixTime = seconds + static_cast<time_t>(Date::kReferenceDateUnixTime);
+      struct tm parts {};
+      gmtime_r(&unixTime, &parts);
+      leaf("date", std::string_view(number, std::strftime(number, sizeof number, "%Y-%m-%dT%H:%M:%SZ", &parts)),
+           depth);
+    } else if (const auto *items = value.get<PlistValue::Array>()) {
+      container("array", items->empty(), depth, [&] {
+        for (const PlistValue &item : *items)
+          write(item, depth + 1);
+      });
+    } else if (const auto *entries = value.get<PlistValue::Dictionary>()) {
+      container("dict", entries->empty(), depth, [&] {
+        for (const auto &[key, item] : *entries) {
+          text("key", asStored(key), depth + 1);
+          write(item, depth + 1);
+        }
+      });
+    }
+  }
+
+  template <class Children> void container(std::string_view tag, bool empty, int depth, Children children) {
+    indent(depth);
+    if (empty) {
+      put("<"), put(tag), put("/>\n");
+      return;
+    }
+    put("<"), put(tag), put(">\n");
+    children();
+    indent(depth);
+    put("</"), put(tag), put(">\n");
+  }
+
+  uint8_t *out_; // none while counting
+  size_t size_ = 0;
 };
 
 } // namespace
@@ -115,9 +268,13 @@ std::optional<PlistValue> PlistValue::parse(std::span<const uint8_t> bytes) {
 PlistPtr PlistValue::toNode() const { return std::visit(NodeMaker{}, storage_); }
 
 std::vector<uint8_t> PlistValue::serialized(PlistFormat format) const {
+  if (format == PlistFormat::XML && writesXmlItself())
+    return DirectXml::document(*this);
   const PlistPtr node = toNode();
   return serializePropertyList(node.get(), format);
 }
+
+bool PlistValue::writesXmlItself() const { return DirectXml::covers(*this); }
 
 PlistValue *PlistValue::objectForKey(std::string_view key) {
   auto *entries = get<Dictionary>();

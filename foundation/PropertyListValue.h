@@ -44,6 +44,10 @@ public:
   static std::optional<PlistValue> parse(std::span<const uint8_t> bytes);
   PlistPtr toNode() const;
   std::vector<uint8_t> serialized(PlistFormat format) const;
+  // Whether serialized(XML) writes the tree itself, byte for byte as the
+  // library would; it leaves reals, data, keyed-archive references and
+  // keys that XML cannot hold or that repeat to the library.
+  bool writesXmlItself() const;
 
   template <class T> T *get() { return std::get_if<T>(&storage_); }
   template <class T> const T *get() const { return std::get_if<T>(&storage_); }

@@ -68,12 +68,19 @@ LibraryPageNames &givenPages() {
   return names;
 }
 
-std::string filled(std::string page, const std::string &title, const std::string &heading, const std::string &nav,
-                   const std::string &contents) {
+// The template with all but its contents filled in.
+std::string framed(std::string page, const std::string &title, const std::string &heading, const std::string &nav) {
   replaceOccurrences(page, "____TITLE", title);
   replaceOccurrences(page, "____HEADING", heading);
   replaceOccurrences(page, "____NAV", nav);
-  // Last: the rest was typed by others and may hold a placeholder.
+  return page;
+}
+
+// The contents go in last: the rest was typed by others and may hold a
+// placeholder.
+std::string filled(std::string page, const std::string &title, const std::string &heading, const std::string &nav,
+                   const std::string &contents) {
+  page = framed(std::move(page), title, heading, nav);
   replaceOccurrences(page, "____CONTENTS", contents);
   return page;
 }
@@ -141,9 +148,12 @@ bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record
   const fs::path page = folder() / (record.page ? *record.page : pagePath(record));
   std::error_code error;
   fs::create_directories(page.parent_path(), error);
-  return writePage(page, filled(*pageTemplate, name + (when.empty() ? "" : ", " + when), "Chat with " + name, nav,
-                                chatBody(log, escaping)),
-                   durability);
+  // A chat's page is as long as the chat: written around its body, never
+  // copied into the template.
+  const std::string frame = framed(*pageTemplate, name + (when.empty() ? "" : ", " + when), "Chat with " + name, nav);
+  const std::string body = chatBody(log, escaping);
+  const std::string_view contents = body;
+  return writePage(page, piecesReplacing(frame, "____CONTENTS", std::span(&contents, 1)), durability);
 }
 
 void ChatLibrary::rebuildIndexPages() {

@@ -41,6 +41,7 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
   // so the messages of one quarter hour share one conversion.
   int64_t convertedQuarter = std::numeric_limits<int64_t>::min();
   std::tm local{};
+  record.texts.reserve(log.messages().size());
   for (const auto &message : log.messages()) {
     if (message->isStatusMessage())
       continue;

@@ -91,18 +91,14 @@ std::string indexList(const IndexEntry &all, const std::vector<IndexEntry> &peop
 
 std::string newestMonthFirst(const std::map<std::string, std::string> &months, MonthOrdering order,
                              std::string_view closing) {
-  std::vector<const std::pair<const std::string, std::string> *> ordered;
-  for (const auto &month : months)
-    ordered.push_back(&month);
-  std::stable_sort(ordered.begin(), ordered.end(),
-                   [order](const auto *a, const auto *b) { return order(a->first, b->first) < 0; });
+  const auto ordered = newestFirst(months, order);
   size_t size = closing.size();
   for (const auto *month : ordered)
     size += month->second.size() + closing.size();
   std::string text;
   text.reserve(size);
-  for (auto month = ordered.rbegin(); month != ordered.rend(); ++month) {
-    text += (*month)->second;
+  for (const auto *month : ordered) {
+    text += month->second;
     text += closing;
   }
   text += closing;

@@ -3,6 +3,7 @@
 // their pages.
 #pragma once
 
+#include <algorithm>
 #include <compare>
 #include <filesystem>
 #include <map>
@@ -68,5 +69,17 @@ std::string indexList(const IndexEntry &all, const std::vector<IndexEntry> &peop
 using MonthOrdering = std::weak_ordering (*)(std::string_view, std::string_view);
 std::string newestMonthFirst(const std::map<std::string, std::string> &months, MonthOrdering order,
                              std::string_view closing);
+// The months in that order, whatever each holds.
+template <class Month>
+std::vector<const std::pair<const std::string, Month> *> newestFirst(const std::map<std::string, Month> &months,
+                                                                    MonthOrdering order) {
+  std::vector<const std::pair<const std::string, Month> *> ordered;
+  for (const auto &month : months)
+    ordered.push_back(&month);
+  std::stable_sort(ordered.begin(), ordered.end(),
+                   [order](const auto *a, const auto *b) { return order(a->first, b->first) < 0; });
+  std::reverse(ordered.begin(), ordered.end());
+  return ordered;
+}
 
 } // namespace parlova

@@ -43,7 +43,7 @@ std::string lastExtension(const std::string &path) {
 // photo.jpg, "alice-2005-03-14 15:22:07 -0800.image" for one without a
 // name; made safe to use as a file name in the image folder.
 std::string ICLPLogGenerator::StoredImageName(const FileWrapper &attachment, const std::string &speaker, Date time) {
-  const std::string when = time.description();
+  const std::string when = describeDate(time);
   std::string stem;
   std::string extension;
   if (const auto &preferred = attachment.preferredFilename()) {

@@ -74,41 +74,61 @@ std::string monthHeading(const std::string &title) {
   return heading;
 }
 
+// A month on the all-links page: its heading, then the items every
+// speaker's list has under its title, in speaker order. The items stay in
+// the speakers' lists (a list's number and a range of it), so that a
+// decade of links is held once.
+struct MonthItems {
+  std::string heading;
+  struct Items {
+    size_t list;
+    size_t from, to;
+  };
+  std::vector<Items> items;
+};
+
 // One speaker's links grouped by month, earliest first. Only the month
 // number parts two groups, so the same month of consecutive years stays in
 // one group under the first title; and the last group is left open. Both
-// are how the pages have always looked. Each item also goes to the month's
-// text for the all-links page.
-std::string speakerLinkList(const SpeakerLinks &speaker, std::map<std::string, std::string> &monthTable,
-                            const PageEscaping &escaping) {
+// are how the pages have always looked. Each group's items also go to the
+// month's entry for the all-links page.
+std::string speakerLinkList(const SpeakerLinks &speaker, size_t listNumber,
+                            std::map<std::string, MonthItems> &monthTable, const PageEscaping &escaping) {
   std::string list;
-  if (speaker.links.empty())
-    return list;
-  int currentMonth = localMonthOfYear(speaker.links.front().date);
-  std::string title = formatCalendarDate(speaker.links.front().date, "%B %Y");
-  std::string group = monthHeading(title);
-  std::string *tableEntry = &monthTable.try_emplace(title, group).first->second;
+  MonthItems *month = nullptr;
+  int currentMonth = 0;
+  size_t itemsFrom = 0;
+  const auto endGroup = [&] { month->items.push_back({listNumber, itemsFrom, list.size()}); };
   for (const Link &link : speaker.links) {
-    const int month = localMonthOfYear(link.date);
-    if (month != currentMonth) {
-      group += "</ul>";
-      list += group;
-      title = formatCalendarDate(link.date, "%B %Y");
-      group = monthHeading(title);
-      currentMonth = month;
-      tableEntry = &monthTable.try_emplace(title, group).first->second;
+    if (const int linkMonth = localMonthOfYear(link.date); !month || linkMonth != currentMonth) {
+      if (month) {
+        endGroup();
+        list += "</ul>";
+      }
+      const std::string title = formatCalendarDate(link.date, "%B %Y");
+      const std::string heading = monthHeading(title);
+      list += heading;
+      itemsFrom = list.size();
+      currentMonth = linkMonth;
+      month = &monthTable.try_emplace(title, MonthItems{heading, {}}).first->second;
     }
     const std::string shown = escaping.text(ICLPLogGenerator::CompressedLinkForList(*link.url));
     const std::string who = escaping.text(*speaker.name);
     const std::string when = formatCalendarDate(link.date, "%a %B %e, %I:%M%p");
-    const std::string item = escaping.linkable(*link.url)
-                                 ? fillFormat(kLinkItem, {escaping.text(*link.url), shown, who, when})
-                                 : fillFormat(kTextItem, {shown, who, when});
-    group += item;
-    *tableEntry += item;
+    list += escaping.linkable(*link.url) ? fillFormat(kLinkItem, {escaping.text(*link.url), shown, who, when})
+                                         : fillFormat(kTextItem, {shown, who, when});
   }
-  list += group;
+  if (month)
+    endGroup();
   return list;
+}
+
+// The template with its name and index filled in; the links go in last.
+std::string filledTemplate(const std::string &pageTemplate, std::string_view name, const std::string &contents) {
+  std::string page = pageTemplate;
+  replaceOccurrences(page, "____NAME", name);
+  replaceOccurrences(page, "____CONTENTS", contents);
+  return page;
 }
 
 void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder) {
@@ -119,31 +139,33 @@ void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder)
 
   const auto pageTemplate = readTemplate(folder / "linktemplate.html");
   const PageEscaping escaping = PageEscaping::fromSettings();
-  std::map<std::string, std::string> monthTable;
+  // The pages can hold every link ever posted: each list is made once and
+  // written in pieces, never copied into a page.
+  std::map<std::string, MonthItems> monthTable;
+  std::vector<std::string> lists;
+  lists.reserve(speakers.size());
   for (size_t i = 0; i < speakers.size(); ++i) {
     const SpeakerLinks &speaker = speakers[i];
-    std::string links = speakerLinkList(speaker, monthTable, escaping);
+    lists.push_back(speakerLinkList(speaker, i, monthTable, escaping));
     if (!pageTemplate)
       continue;
-    std::string page = *pageTemplate;
-    replaceOccurrences(page, "____NAME", escaping.text(*speaker.name));
-    replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, i, escaping));
-    replaceOccurrences(page, "____LINKS", links);
-    writePage(folder / (speaker.pageStem + ".html"), page);
+    const std::string page =
+        filledTemplate(*pageTemplate, escaping.text(*speaker.name), navigationList(speakers, total, i, escaping));
+    const std::string_view links = lists.back();
+    writePage(folder / (speaker.pageStem + ".html"), piecesReplacing(page, "____LINKS", std::span(&links, 1)));
   }
   if (!pageTemplate)
     return;
-  std::string page = *pageTemplate;
-  replaceOccurrences(page, "____NAME", "Links");
-  replaceOccurrences(page, "____CONTENTS", navigationList(speakers, total, std::nullopt, escaping));
-  {
-    // The all-links page can be as long as every link ever posted: its
-    // months go as soon as they are one list.
-    const std::string links = newestMonthFirst(monthTable, compareLinkDateString, "</ul>");
-    monthTable.clear();
-    replaceOccurrences(page, "____LINKS", links);
+  std::vector<std::string_view> links;
+  for (const auto *month : newestFirst(monthTable, compareLinkDateString)) {
+    links.push_back(month->second.heading);
+    for (const MonthItems::Items &items : month->second.items)
+      links.push_back(std::string_view(lists[items.list]).substr(items.from, items.to - items.from));
+    links.push_back("</ul>");
   }
-  writePage(folder / "Links.html", page);
+  links.push_back("</ul>");
+  const std::string page = filledTemplate(*pageTemplate, "Links", navigationList(speakers, total, std::nullopt, escaping));
+  writePage(folder / "Links.html", piecesReplacing(page, "____LINKS", links));
 }
 
 } // namespace

@@ -50,6 +50,22 @@ void replaceOccurrences(std::string &text, std::string_view placeholder, std::st
   text = std::move(out);
 }
 
+std::vector<std::string_view> piecesReplacing(std::string_view text, std::string_view placeholder,
+                                              std::span<const std::string_view> replacement) {
+  std::vector<std::string_view> pieces;
+  size_t from = 0;
+  if (!placeholder.empty()) {
+    for (size_t found = text.find(placeholder); found != std::string_view::npos;
+         found = text.find(placeholder, from)) {
+      pieces.push_back(text.substr(from, found - from));
+      pieces.insert(pieces.end(), replacement.begin(), replacement.end());
+      from = found + placeholder.size();
+    }
+  }
+  pieces.push_back(text.substr(from));
+  return pieces;
+}
+
 std::string thousands(uint64_t count) {
   const std::string digits = std::to_string(count);
   std::string grouped;
@@ -70,6 +86,10 @@ std::optional<std::string> readTemplate(const std::filesystem::path &path) {
 
 bool writePage(const std::filesystem::path &path, std::string_view text, Durability durability) {
   return writeFileAtomically(path, std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size()), durability);
+}
+
+bool writePage(const std::filesystem::path &path, std::span<const std::string_view> pieces, Durability durability) {
+  return writeFileAtomically(path, pieces, durability);
 }
 
 } // namespace parlova

@@ -6,8 +6,10 @@
 #include <filesystem>
 #include <initializer_list>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/FileManager.h"
 
@@ -20,6 +22,10 @@ std::string fillFormat(std::string_view format, std::initializer_list<std::strin
 // Replaces every occurrence of `placeholder`, literally and case-sensitively,
 // scanning left to right without looking at what was put in.
 void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement);
+// The same replacement as pieces to be written one after another, for a
+// replacement too long to copy: they point into `text` and `replacement`.
+std::vector<std::string_view> piecesReplacing(std::string_view text, std::string_view placeholder,
+                                              std::span<const std::string_view> replacement);
 
 // How text typed in a transcript (names, link addresses and texts) goes
 // onto a page: as it is, as the pages always had it, or, with the setting
@@ -45,5 +51,7 @@ std::optional<std::string> readTemplate(const std::filesystem::path &path);
 
 // Writes a page through a temporary file, so a reader never sees half of it.
 bool writePage(const std::filesystem::path &path, std::string_view text, Durability durability = Durability::Now);
+bool writePage(const std::filesystem::path &path, std::span<const std::string_view> pieces,
+               Durability durability = Durability::Now);
 
 } // namespace parlova

@@ -1,6 +1,6 @@
 #include "model/ICLPChatLog.h"
 
-#include "archiving/ArchiveDecoder.h"
+#include "archiving/ArchiveOpening.h"
 #include "foundation/FoundationValues.h"
 #include "model/ICLPPerson.h"
 #include "platform/FileManager.h"
@@ -111,7 +111,7 @@ std::optional<std::string> ICLPChatLog::LoadiChat3Data(std::span<const uint8_t> 
 // use of it.
 std::optional<std::string> ICLPChatLog::loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format) {
   const std::string kind = format == ArchiveDecoder::Format::TypedStream ? "the iChat 2 typed stream" : "the keyed archive";
-  auto opened = ArchiveDecoder::open(data, format);
+  auto opened = openArchive(data, format);
   if (const auto *why = std::get_if<std::string>(&opened))
     return *why;
   ArchiveDecoder &archive = *std::get<std::unique_ptr<ArchiveDecoder>>(opened);

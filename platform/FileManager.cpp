@@ -220,6 +220,12 @@ void removeOrphanedTemporaries(const fs::path &folder) {
 
 bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, Durability durability,
                          Visibility visibility) {
+  const std::string_view whole(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+  return writeFileAtomically(path, std::span(&whole, 1), durability, visibility);
+}
+
+bool writeFileAtomically(const fs::path &path, std::span<const std::string_view> pieces, Durability durability,
+                         Visibility visibility) {
   if (DeferredSyncs::deferring())
     durability = Durability::ByNextSync;
   const fs::path temporary = temporaryPathBeside(path);
@@ -230,17 +236,24 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, D
   const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0)
     return false;
-  size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
+  bool complete = true;
+  for (const std::string_view piece : pieces) {
+    size_t written = 0;
+    while (written < piece.size()) {
+      const ssize_t n = write(fd, piece.data() + written, piece.size() - written);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n <= 0)
+        break;
+      written += static_cast<size_t>(n);
+    }
+    if (written < piece.size()) {
+      complete = false;
       break;
-    written += static_cast<size_t>(n);
+    }
   }
   // A short write leaves errno as it was (ENOSPC from the failing write).
-  const bool complete = written == bytes.size() && (durability == Durability::ByNextSync || fsync(fd) == 0);
+  complete = complete && (durability == Durability::ByNextSync || fsync(fd) == 0);
   int reason = errno;
   close(fd);
   if (complete && std::rename(temporary.c_str(), path.c_str()) == 0) {

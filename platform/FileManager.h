@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "foundation/Date.h"
@@ -69,6 +70,10 @@ enum class Durability { Now, ByNextSync };
 // archives of private conversations), the temporary included.
 enum class Visibility { Shared, Private };
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint8_t> bytes,
+                         Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
+// The same for a file made of pieces, written one after another, so that a
+// long page is never put together in memory.
+bool writeFileAtomically(const std::filesystem::path &path, std::span<const std::string_view> pieces,
                          Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
 
 // Flushes everything written on the file system that holds `path`.

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <map>
 
-#include "archiving/ArchiveDecoder.h"
+#include "archiving/ArchiveOpening.h"
 #include "foundation/FoundationValues.h"
 #include "foundation/GenericObject.h"
 
@@ -38,15 +38,19 @@ public:
     if (const auto generic = objectAs<GenericObject>(object)) {
       // Shared objects are shown once and referred to by number after.
       const auto [it, first] = numbers_.try_emplace(generic.get(), numbers_.size() + 1);
-      const std::string label = "#" + std::to_string(it->second) + " ";
+      std::string label(1, '#');
+      label += std::to_string(it->second);
+      label += ' ';
       const std::string classText = generic->archivedClass() ? generic->archivedClass()->description() : "?";
       if (!first)
         return label + generic->className() + " (shown above)";
       std::string out = label + classText + " {\n";
       for (const auto &field : generic->fields()) {
         out += indent + "    " + (field.label.empty() ? std::string("-") : field.label) + ":";
-        for (const ObjectRef &value : field.values)
-          out += " " + print(value, indent + "    ");
+        for (const ObjectRef &value : field.values) {
+          out += ' ';
+          out += print(value, indent + "    ");
+        }
         out += "\n";
       }
       return out + indent + "}";
@@ -56,7 +60,9 @@ public:
 
 private:
   static std::string describeBytes(const std::vector<uint8_t> &bytes) {
-    std::string out = "<" + std::to_string(bytes.size()) + " bytes";
+    std::string out(1, '<');
+    out += std::to_string(bytes.size());
+    out += " bytes";
     for (size_t i = 0; i < bytes.size() && i < 16; ++i) {
       char hex[4];
       std::snprintf(hex, sizeof hex, " %02x", bytes[i]);
@@ -90,7 +96,7 @@ std::string quotedForDisplay(std::string_view text) {
 }
 
 std::variant<DumpedArchive, std::string> dumpArchive(std::span<const uint8_t> bytes) {
-  auto opened = ArchiveDecoder::open(bytes);
+  auto opened = openArchive(bytes);
   if (const auto *why = std::get_if<std::string>(&opened))
     return *why;
   ArchiveDecoder &archive = *std::get<std::unique_ptr<ArchiveDecoder>>(opened);

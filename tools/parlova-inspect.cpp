@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/CalendarFormat.h"
 #include "foundation/TerminalText.h"
 #include "foundation/TextAttributes.h"
 #include "foundation/Unicode.h"
@@ -73,7 +74,7 @@ void printModel(const std::string &path, const ICLPChatLog &log) {
     if (message->speaker())
       std::cout << " shown as " << terminalLine(message->Speaker().value_or("(no name)"));
     std::cout << " at "
-              << (message->TimeStamp() ? message->TimeStamp()->description() : std::string("(no time)"));
+              << (message->TimeStamp() ? describeDate(*message->TimeStamp()) : std::string("(no time)"));
     char flags[16];
     std::snprintf(flags, sizeof flags, "0x%x", message->mystery());
     std::cout << " flags " << flags << "\n";

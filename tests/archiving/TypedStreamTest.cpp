@@ -18,6 +18,7 @@ namespace parlova::testing {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_view_literals;
 using namespace samples;
 
 // Everything a later stage reads from a model, as text, so that two
@@ -334,6 +335,27 @@ TEST(TypedStreamSharing, ObjectsReadForTheirContentsServeLaterReferences) {
       EXPECT_EQ(dictionary, attributes);
       EXPECT_EQ(dictionary->description(), "{\n    NSLink = bob;\n}");
     }
+  }
+}
+
+// The table keeps a date as its time; a later reference to it is the same
+// date.
+TEST(TypedStreamSharing, ADateReferredToAgainIsTheSameTime) {
+  std::vector<uint8_t> bytes = {4, 11, 's', 't', 'r', 'e', 'a', 'm', 't', 'y', 'p', 'e', 'd', 0x81, 0xe8, 3};
+  const auto add = [&](std::string_view part) { bytes.insert(bytes.end(), part.begin(), part.end()); };
+  add("\x84\x01@\x84\x84\x84\x07NSArray\x00\x84\x84\x08NSObject\x00\x85"sv); // object 0, classes 1 and 2
+  add("\x84\x01i\x02\x92\x84\x84\x84\x06NSDate\x00\x94"sv);                   // two items; object 3, class 4
+  add("\x84\x01" "d\x82\x80\x01\x4b\x01\x86"sv);                              // 21,692,800 s after 2001
+  add("\x92\x95\x86"sv);                                                      // object 3 again
+  auto archive = valueOf(TypedStreamUnarchiver::forData(bytes));
+  ASSERT_TRUE(archive);
+  const auto root = objectAs<ArrayObject>(valueOf((*archive)->decodeRoot()).value_or(nullptr));
+  ASSERT_TRUE(root);
+  ASSERT_EQ(root->count(), 2u);
+  for (size_t i = 0; i < 2; ++i) {
+    const auto date = objectAs<DateObject>(root->objectAtIndex(i));
+    ASSERT_TRUE(date) << i;
+    EXPECT_EQ(date->date().timeIntervalSince1970(), 1'000'000'000) << i;
   }
 }
 

@@ -1,7 +1,12 @@
 // What the XML writer puts out, read back by a reader that is not ours.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+#include <random>
+
 #include "foundation/PropertyList.h"
+#include "foundation/PropertyListValue.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -39,6 +44,59 @@ TEST(PropertyListWriter, XmlThatAnyReaderTakesWhateverTheTextsHold) {
   const auto ours = parsePropertyList(bytes);
   ASSERT_TRUE(ours);
   EXPECT_EQ(plistString(plist_dict_get_item(ours.get(), "line\rbreak")), "cr\r\nlf");
+}
+
+// The archives are written as XML without the library's tree; the bytes
+// must be the library's own for every tree it is trusted with, and every
+// other tree must still go to the library.
+TEST(PropertyListWriter, WritesTheLibrarysXmlForWhatItWritesItself) {
+  const std::vector<std::string> texts = {"", "plain", "a & b < c > d ]]>", "cr\r\nlf\ttab", std::string("nul\0cut", 7),
+                                          "\x01\x1F control", "bad \xFF byte", "\xEF\xBF\xBE", "caf\xC3\xA9 \xF0\x9F\x98\x80",
+                                          "\xED\xA0\x80 lone surrogate", "&#13; already"};
+  const double kInf = std::numeric_limits<double>::infinity();
+  const std::vector<double> dates = {0,     -0.5,  1.5,   123456789.75, -978307200.0, -62135596800.0, 1e12, -1e12,
+                                     -kInf, kInf, std::nan(""), 2147483647.9, -2147483648.2};
+  const std::vector<int64_t> integers = {0, -1, 42, std::numeric_limits<int64_t>::min(),
+                                         std::numeric_limits<int64_t>::max()};
+  std::mt19937 random(7);
+  const auto pick = [&](size_t count) { return static_cast<size_t>(random() % count); };
+  std::function<PlistValue(int)> tree = [&](int depth) -> PlistValue {
+    switch (pick(depth > 3 ? 4 : 6)) {
+    case 0:
+      return texts[pick(texts.size())];
+    case 1:
+      return integers[pick(integers.size())];
+    case 2:
+      return pick(2) == 1;
+    case 3:
+      return Date(dates[pick(dates.size())]);
+    case 4: {
+      PlistValue::Array items;
+      for (size_t n = pick(4); n > 0; --n)
+        items.push_back(tree(depth + 1));
+      return items;
+    }
+    default: {
+      PlistValue::Dictionary entries;
+      for (size_t n = pick(4); n > 0; --n)
+        entries.emplace_back((n == 1 ? "" : "key\r" + std::to_string(n) + "&"), tree(depth + 1));
+      return entries;
+    }
+    }
+  };
+  for (int round = 0; round < 300; ++round) {
+    const PlistValue value = tree(0);
+    ASSERT_TRUE(value.writesXmlItself());
+    const auto library = serializePropertyList(value.toNode().get(), PlistFormat::XML);
+    const auto ours = value.serialized(PlistFormat::XML);
+    ASSERT_EQ(std::string(ours.begin(), ours.end()), std::string(library.begin(), library.end()));
+  }
+  for (const PlistValue &other :
+       {PlistValue(PlistValue::Array{1.5}), PlistValue(PlistValue::Array{PlistValue::Data{1, 2}}),
+        PlistValue(PlistValue::Array{PlistValue::Uid{3}}),
+        PlistValue(PlistValue::Dictionary{{"same", 1}, {std::string("same\0x", 6), 2}}),
+        PlistValue(PlistValue::Dictionary{{"bad\x01key", 1}})})
+    EXPECT_FALSE(other.writesXmlItself());
 }
 
 // A damaged file whose dictionary key holds a NUL (bytes from Python's

@@ -2,6 +2,7 @@
 // driven by our own mutation runner.
 #include "tests/fuzz/TranscriptFuzzTarget.h"
 
+#include "foundation/CalendarFormat.h"
 #include "foundation/TextAttributes.h"
 #include "model/ICLPChatLog.h"
 
@@ -21,7 +22,7 @@ size_t walk(const ICLPChatLog &log) {
   for (const auto &message : log.messages()) {
     touched += message->rawSpeaker().value_or("").size();
     if (message->TimeStamp())
-      touched += message->TimeStamp()->description().size();
+      touched += describeDate(*message->TimeStamp()).size();
     const auto &text = message->string();
     if (!text)
       continue;
