@@ -83,10 +83,10 @@ public:
       return std::all_of(items->begin(), items->end(),
                          [depth](const PlistValue &item) { return covers(item, depth + 1); });
     if (const auto *entries = value.get<PlistValue::Dictionary>()) {
-      std::unordered_set<std::string_view> keys;
       for (const auto &[key, item] : *entries)
-        if (!fitsXml(asStored(key)) || !keys.insert(asStored(key)).second || !covers(item, depth + 1))
+        if (!fitsXml(asStored(key)) || !covers(item, depth + 1))
           return false;
+      return !repeatsAKey(*entries);
     }
     return true;
   }
@@ -103,6 +103,24 @@ public:
 
 private:
   explicit DirectXml(uint8_t *out) : out_(out) {}
+
+  // An archive's dictionaries hold two or three keys, each of hundreds of
+  // thousands of links: those are compared in place.
+  static bool repeatsAKey(const PlistValue::Dictionary &entries) {
+    constexpr size_t kComparedInPlace = 16;
+    if (entries.size() <= kComparedInPlace) {
+      for (size_t i = 1; i < entries.size(); ++i)
+        for (size_t j = 0; j < i; ++j)
+          if (asStored(entries[i].first) == asStored(entries[j].first))
+            return true;
+      return false;
+    }
+    std::unordered_set<std::string_view> keys;
+    for (const auto &entry : entries)
+      if (!keys.insert(asStored(entry.first)).second)
+        return true;
+    return false;
+  }
 
   // The library keeps a text up to its first NUL.
   static std::string_view asStored(const std::string &text) { return std::string_view(text.c_str()); }

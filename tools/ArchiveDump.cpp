@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 
 #include "archiving/ArchiveOpening.h"
 #include "foundation/FoundationValues.h"
@@ -12,6 +13,11 @@ namespace {
 
 class Printer {
 public:
+  // Arrays and dictionaries that more than one place refers to are shown
+  // once, as generic objects always are: arrays that each hold another one
+  // twice over would otherwise print twice as much at every level.
+  explicit Printer(const ObjectRef &top) { countReferences(top); }
+
   std::string print(const ObjectRef &object, const std::string &indent) {
     if (!object)
       return "nil";
@@ -19,6 +25,52 @@ public:
       return quotedForDisplay(string->value());
     if (const auto data = objectAs<DataObject>(object))
       return describeBytes(data->bytes());
+    const bool container = objectAs<ArrayObject>(object) || objectAs<DictionaryObject>(object);
+    if (container && references_[object.get()] > 1) {
+      const auto [label, first] = numbered(object.get());
+      if (!first)
+        return label + object->className() + " (shown above)";
+      return label + printContainer(object, indent);
+    }
+    if (container)
+      return printContainer(object, indent);
+    return printOther(object, indent);
+  }
+
+private:
+  // Shared objects are shown once and referred to by number after: the
+  // label "#N " and whether this is the first time.
+  std::pair<std::string, bool> numbered(const Object *object) {
+    const auto [it, first] = numbers_.try_emplace(object, numbers_.size() + 1);
+    std::string label(1, '#');
+    label += std::to_string(it->second);
+    label += ' ';
+    return {label, first};
+  }
+
+  void countReferences(const ObjectRef &object) {
+    const bool container = objectAs<ArrayObject>(object) || objectAs<DictionaryObject>(object);
+    if (!object || (container && ++references_[object.get()] > 1))
+      return;
+    if (const auto array = objectAs<ArrayObject>(object)) {
+      for (const ObjectRef &item : array->items())
+        countReferences(item);
+    } else if (const auto dictionary = objectAs<DictionaryObject>(object)) {
+      for (const auto &[key, value] : dictionary->entries()) {
+        countReferences(key);
+        countReferences(value);
+      }
+    } else if (const auto generic = objectAs<GenericObject>(object)) {
+      // Looked into once: they are shown once.
+      if (!lookedInto_.insert(generic.get()).second)
+        return;
+      for (const auto &field : generic->fields())
+        for (const ObjectRef &value : field.values)
+          countReferences(value);
+    }
+  }
+
+  std::string printContainer(const ObjectRef &object, const std::string &indent) {
     if (const auto array = objectAs<ArrayObject>(object)) {
       if (array->items().empty())
         return "()";
@@ -27,20 +79,18 @@ public:
         out += indent + "    " + print(item, indent + "    ") + "\n";
       return out + indent + ")";
     }
-    if (const auto dictionary = objectAs<DictionaryObject>(object)) {
-      std::string out = "{\n";
-      for (const auto &[key, value] : dictionary->entries())
-        out += indent + "    " + print(key, indent + "    ") + " = " + print(value, indent + "    ") + "\n";
-      return out + indent + "}";
-    }
+    const auto dictionary = objectAs<DictionaryObject>(object);
+    std::string out = "{\n";
+    for (const auto &[key, value] : dictionary->entries())
+      out += indent + "    " + print(key, indent + "    ") + " = " + print(value, indent + "    ") + "\n";
+    return out + indent + "}";
+  }
+
+  std::string printOther(const ObjectRef &object, const std::string &indent) {
     if (const auto archivedClass = objectAs<ArchivedClass>(object))
       return "class " + archivedClass->description();
     if (const auto generic = objectAs<GenericObject>(object)) {
-      // Shared objects are shown once and referred to by number after.
-      const auto [it, first] = numbers_.try_emplace(generic.get(), numbers_.size() + 1);
-      std::string label(1, '#');
-      label += std::to_string(it->second);
-      label += ' ';
+      const auto [label, first] = numbered(generic.get());
       const std::string classText = generic->archivedClass() ? generic->archivedClass()->description() : "?";
       if (!first)
         return label + generic->className() + " (shown above)";
@@ -58,7 +108,6 @@ public:
     return object->className() + " " + object->description();
   }
 
-private:
   static std::string describeBytes(const std::vector<uint8_t> &bytes) {
     std::string out(1, '<');
     out += std::to_string(bytes.size());
@@ -72,6 +121,8 @@ private:
   }
 
   std::map<const Object *, size_t> numbers_;
+  std::map<const Object *, size_t> references_;
+  std::set<const Object *> lookedInto_;
 };
 
 } // namespace
@@ -110,9 +161,9 @@ std::variant<DumpedArchive, std::string> dumpArchive(std::span<const uint8_t> by
       return "the " + format + " is damaged: " + *why;
   // A typed stream's root is shown even when it is nil.
   if (std::get<ObjectRef>(root) || archive.format() == ArchiveDecoder::Format::TypedStream)
-    dump.text += "root: " + Printer().print(std::get<ObjectRef>(root), "") + "\n";
+    dump.text += "root: " + Printer(std::get<ObjectRef>(root)).print(std::get<ObjectRef>(root), "") + "\n";
   if (const ObjectRef &object = std::get<ObjectRef>(metadata))
-    dump.text += "metadata: " + Printer().print(object, "") + "\n";
+    dump.text += "metadata: " + Printer(object).print(object, "") + "\n";
   return dump;
 }
 

@@ -91,11 +91,19 @@ TEST(PropertyListWriter, WritesTheLibrarysXmlForWhatItWritesItself) {
     const auto ours = value.serialized(PlistFormat::XML);
     ASSERT_EQ(std::string(ours.begin(), ours.end()), std::string(library.begin(), library.end()));
   }
+  PlistValue::Dictionary manyKeys;
+  for (int key = 0; key < 40; ++key)
+    manyKeys.emplace_back(std::to_string(key), key);
+  const PlistValue many(manyKeys);
+  ASSERT_TRUE(many.writesXmlItself());
+  const auto library = serializePropertyList(many.toNode().get(), PlistFormat::XML);
+  EXPECT_EQ(many.serialized(PlistFormat::XML), library);
+  manyKeys.emplace_back("7", 1);
   for (const PlistValue &other :
        {PlistValue(PlistValue::Array{1.5}), PlistValue(PlistValue::Array{PlistValue::Data{1, 2}}),
         PlistValue(PlistValue::Array{PlistValue::Uid{3}}),
         PlistValue(PlistValue::Dictionary{{"same", 1}, {std::string("same\0x", 6), 2}}),
-        PlistValue(PlistValue::Dictionary{{"bad\x01key", 1}})})
+        PlistValue(PlistValue::Dictionary{{"bad\x01key", 1}}), PlistValue(manyKeys)})
     EXPECT_FALSE(other.writesXmlItself());
 }
 

@@ -42,6 +42,16 @@ TEST(Inspect, EveryModeShowsWhatEitherFormatHolds) {
       EXPECT_NE(result.out.find(shown), std::string::npos) << c.arguments.front() << " lacks " << shown << "\n"
                                                            << result.out;
   }
+
+  // A keyed archive of 3.5 KB whose dictionaries hold one another several
+  // times over printed 38 MB before shared containers were shown once too.
+  const auto shared = home.run(
+      "parlova-inspect",
+      {"--archive", (fs::path(PARLOVA_SOURCE_DIR) / "tests/fuzz/regressions/ArchiveGraph/containers-sharing-containers.plist")
+                        .string()});
+  EXPECT_EQ(shared.exitCode, 0) << shared.err;
+  EXPECT_LT(shared.out.size(), 1u << 20);
+  EXPECT_NE(shared.out.find("NSDictionary (shown above)"), std::string::npos);
 }
 
 // What the transcript holds reaches the terminal shown, never acted on:
