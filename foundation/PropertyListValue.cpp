@@ -104,8 +104,8 @@ public:
 private:
   explicit DirectXml(uint8_t *out) : out_(out) {}
 
-  // An archive's dictionaries hold two or three keys, each of hundreds of
-  // thousands of links: those are compared in place.
+  // An archive holds hundreds of thousands of dictionaries of two or three
+  // keys each: the keys of a small one are compared in place.
   static bool repeatsAKey(const PlistValue::Dictionary &entries) {
     constexpr size_t kComparedInPlace = 16;
     if (entries.size() <= kComparedInPlace) {
@@ -126,7 +126,7 @@ private:
   static std::string_view asStored(const std::string &text) { return std::string_view(text.c_str()); }
 
   void put(std::string_view text) {
-    if (out_)
+    if (out_ && !text.empty())
       std::memcpy(out_ + size_, text.data(), text.size());
     size_ += text.size();
   }
