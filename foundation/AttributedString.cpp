@@ -42,17 +42,9 @@ void TextAttributes::appendDistinct(std::vector<std::shared_ptr<const TextAttrib
 AttributedString::AttributedString(std::u16string text, const std::vector<RunSpec> &runs)
     : text_(std::move(text)) {
   static const auto kNoAttributes = std::make_shared<const TextAttributes>();
-  // Held for every message of a chat: the list is made at its size.
-  size_t count = 0;
-  size_t covered = 0;
-  for (const RunSpec &spec : runs) {
-    if (covered >= text_.size())
-      break;
-    const size_t length = std::min(spec.length, text_.size() - covered);
-    count += length > 0;
-    covered += length;
-  }
-  runs_.reserve(count + (covered < text_.size()));
+  // Held for every message of a chat: made at its size when the runs cover
+  // the text, as a transcript's do.
+  runs_.reserve(runs.size());
   size_t position = 0;
   for (const RunSpec &spec : runs) {
     if (position >= text_.size())

@@ -32,24 +32,6 @@ std::string fillFormat(std::string_view format, std::initializer_list<std::strin
   return out;
 }
 
-void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement) {
-  if (placeholder.empty())
-    return;
-  size_t found = text.find(placeholder);
-  if (found == std::string::npos)
-    return;
-  std::string out;
-  out.reserve(text.size() + replacement.size());
-  size_t from = 0;
-  for (; found != std::string::npos; found = text.find(placeholder, from)) {
-    out.append(text, from, found - from);
-    out += replacement;
-    from = found + placeholder.size();
-  }
-  out.append(text, from, std::string::npos);
-  text = std::move(out);
-}
-
 std::vector<std::string_view> piecesReplacing(std::string_view text, std::string_view placeholder,
                                               std::span<const std::string_view> replacement) {
   std::vector<std::string_view> pieces;
@@ -64,6 +46,20 @@ std::vector<std::string_view> piecesReplacing(std::string_view text, std::string
   }
   pieces.push_back(text.substr(from));
   return pieces;
+}
+
+void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement) {
+  const auto pieces = piecesReplacing(text, placeholder, std::span(&replacement, 1));
+  if (pieces.size() == 1)
+    return;
+  size_t size = 0;
+  for (const std::string_view piece : pieces)
+    size += piece.size();
+  std::string out;
+  out.reserve(size);
+  for (const std::string_view piece : pieces)
+    out += piece;
+  text = std::move(out);
 }
 
 std::string thousands(uint64_t count) {
