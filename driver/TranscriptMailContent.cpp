@@ -1,5 +1,7 @@
 #include "driver/TranscriptMailContent.h"
 
+#include "context/Settings.h"
+
 namespace parlova {
 
 std::optional<double> TranscriptMailContent::chatStart() const {
@@ -14,8 +16,19 @@ MailMessage TranscriptMailContent::message(const std::string &to, const std::str
   message.subject = fixed_ ? fixed_->subject : log_.subjectForEmail();
   message.from = from;
   message.to = to;
-  message.html = fixed_ ? log_.HTMLChatLog(fixed_->escapeHTML) : log_.HTMLChatLog();
-  message.plainText = log_.PlainChatLog();
+  const bool escaping = fixed_ ? fixed_->escapeHTML : appSettings().boolValue("escapeHTML");
+  const ICLPChatLog &log = log_;
+  message.html = MessageBody::madeBy([&log, escaping](const MessageBody::Piece &piece) {
+    log.writeHTMLChatLog(escaping, piece);
+  });
+  message.plainText = MessageBody::madeBy([&log](const MessageBody::Piece &piece) { log.writePlainChatLog(piece); });
+  if (fixed_) {
+    // Composed ahead on a thread of its own, which is there to do this
+    // work, and kept after the transcript has moved: the bodies are made
+    // now.
+    message.html = message.html.held();
+    message.plainText = message.plainText.held();
+  }
   return message;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <limits>
 #include <unordered_set>
 
@@ -101,8 +102,25 @@ public:
     return bytes;
   }
 
+  // The same handed out in pieces of up to 64 KiB as it is made.
+  static void document(const PlistValue &root, const std::function<void(std::string_view)> &piece) {
+    DirectXml writer(nullptr);
+    writer.piece_ = &piece;
+    writer.pending_.reserve(kPieceSize);
+    writer.write(root);
+    writer.handOn();
+  }
+
 private:
+  static constexpr size_t kPieceSize = 64 * 1024;
+
   explicit DirectXml(uint8_t *out) : out_(out) {}
+
+  void handOn() {
+    if (!pending_.empty())
+      (*piece_)(pending_);
+    pending_.clear();
+  }
 
   // An archive holds hundreds of thousands of dictionaries of two or three
   // keys each: the keys of a small one are compared in place.
@@ -129,6 +147,11 @@ private:
     if (out_ && !text.empty())
       std::memcpy(out_ + size_, text.data(), text.size());
     size_ += text.size();
+    if (piece_) {
+      pending_ += text;
+      if (pending_.size() >= kPieceSize)
+        handOn();
+    }
   }
   void indent(int depth) {
     for (int i = 0; i < depth; ++i)
@@ -218,8 +241,10 @@ private:
     put("</"), put(tag), put(">\n");
   }
 
-  uint8_t *out_; // none while counting
+  uint8_t *out_; // none while counting or handing out pieces
   size_t size_ = 0;
+  const std::function<void(std::string_view)> *piece_ = nullptr;
+  std::string pending_;
 };
 
 } // namespace
@@ -293,6 +318,18 @@ std::vector<uint8_t> PlistValue::serialized(PlistFormat format) const {
 }
 
 bool PlistValue::writesXmlItself() const { return DirectXml::covers(*this); }
+
+bool PlistValue::writeXml(const std::function<void(std::string_view)> &piece) const {
+  if (writesXmlItself()) {
+    DirectXml::document(*this, piece);
+    return true;
+  }
+  const std::vector<uint8_t> bytes = serialized(PlistFormat::XML);
+  if (bytes.empty())
+    return false;
+  piece(std::string_view(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
+  return true;
+}
 
 PlistValue *PlistValue::objectForKey(std::string_view key) {
   auto *entries = get<Dictionary>();

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -48,6 +49,10 @@ public:
   // library would; it leaves reals, data, keyed-archive references and
   // keys that XML cannot hold or that repeat to the library.
   bool writesXmlItself() const;
+  // serialized(XML) handed out in pieces as it is made, so that an archive
+  // of a decade's links is never held as text; false, with nothing handed
+  // out, when the tree cannot be turned into XML.
+  bool writeXml(const std::function<void(std::string_view)> &piece) const;
 
   template <class T> T *get() { return std::get_if<T>(&storage_); }
   template <class T> const T *get() const { return std::get_if<T>(&storage_); }

@@ -122,9 +122,9 @@ bool ArchiveBatch::commit() {
   // The stored pictures reach the disk before the archives that name them.
   if (imagePagesDue_)
     syncFileSystemOf(ICLPLogGenerator::parlovaFolder());
-  if (linksChanged_ && !writeArchive(linkArchivePath(), links_->serialized(PlistFormat::XML)))
+  if (linksChanged_ && !writeArchiveXml(linkArchivePath(), *links_))
     return false;
-  if (imagesChanged_ && !writeArchive(imageArchivePath(), images_->serialized(PlistFormat::XML)))
+  if (imagesChanged_ && !writeArchiveXml(imageArchivePath(), *images_))
     return false;
   if (statisticsChanged_ && totals_.contents &&
       !writeArchive(ICLPLogGenerator::parlovaFolder() / "chatgeist.plist", *totals_.contents))

@@ -47,9 +47,9 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
       continue;
     ++record.messages;
     const auto time = message->TimeStamp();
-    record.texts.push_back({time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
-                            message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)"),
-                            message->SearchableText()});
+    record.texts.add(time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
+                     message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)"),
+                     message->SearchableText());
     if (time) {
       const double seconds = time->timeIntervalSince1970();
       if (!record.firstTime) {
@@ -65,9 +65,9 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
     }
   }
   constexpr size_t kLongestFirstLine = 120;
-  for (const auto &text : record.texts)
-    if (!text.text.empty()) {
-      const std::u16string units = utf8ToUtf16(text.text);
+  for (size_t i = 0; i < record.texts.size(); ++i)
+    if (const std::string_view text = record.texts[i].text; !text.empty()) {
+      const std::u16string units = utf8ToUtf16(text);
       record.firstLine = utf16ToUtf8(units.substr(0, kLongestFirstLine)) +
                          (units.size() > kLongestFirstLine ? "\xE2\x80\xA6" : "");
       break;

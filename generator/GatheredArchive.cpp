@@ -18,13 +18,30 @@ constexpr std::string_view kActiveIndexItem =
 
 } // namespace
 
-bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> bytes) {
+namespace {
+
+bool writeArchiveFile(const std::filesystem::path &path, const PieceMaker &make) {
   std::error_code ignored;
   std::filesystem::create_directories(path.parent_path(), ignored);
-  if (writeFileAtomically(path, bytes, Durability::Now, Visibility::Private))
+  if (writeFileAtomically(path, make, Durability::Now, Visibility::Private))
     return true;
   logFormat("Could not write %@: %@", path.string(), std::strerror(errno));
   return false;
+}
+
+} // namespace
+
+bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> bytes) {
+  const std::string_view text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+  return writeArchiveFile(path, [text](const auto &piece) { piece(text); });
+}
+
+bool writeArchiveXml(const std::filesystem::path &path, const PlistValue &archive) {
+  if (!archive.writesXmlItself()) {
+    const std::vector<uint8_t> bytes = archive.serialized(PlistFormat::XML);
+    return !bytes.empty() && writeArchive(path, bytes);
+  }
+  return writeArchiveFile(path, [&archive](const auto &piece) { archive.writeXml(piece); });
 }
 
 std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path) {

@@ -26,6 +26,9 @@ std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path)
 // Writes an archive (links, images or totals) atomically; a failure is
 // logged with the path and the reason, and leaves the old file as it was.
 bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> bytes);
+// The same for the archive's XML, made as it is written; false, with nothing
+// written, when the archive cannot be turned into XML.
+bool writeArchiveXml(const std::filesystem::path &path, const PlistValue &archive);
 
 // Sorts the list under `listKey` of every entry, not only of those a
 // transcript touched; equal dates keep their order.

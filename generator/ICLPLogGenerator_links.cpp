@@ -75,52 +75,63 @@ std::string monthHeading(const std::string &title) {
 }
 
 // A month on the all-links page: its heading, then the items every
-// speaker's list has under its title, in speaker order. The items stay in
-// the speakers' lists (a list's number and a range of it), so that a
-// decade of links is held once.
+// speaker's group has under its title, in speaker order. The items are
+// made again from the links (a speaker's number and a range of links), so
+// that a decade of links is never held as text.
 struct MonthItems {
   std::string heading;
   struct Items {
-    size_t list;
+    size_t speaker;
     size_t from, to;
   };
   std::vector<Items> items;
 };
 
+// A run of a speaker's links under one month's heading.
+struct LinkGroup {
+  const std::string *heading;
+  size_t from, to;
+};
+
 // One speaker's links grouped by month, earliest first. Only the month
 // number parts two groups, so the same month of consecutive years stays in
-// one group under the first title; and the last group is left open. Both
-// are how the pages have always looked. Each group's items also go to the
-// month's entry for the all-links page.
-std::string speakerLinkList(const SpeakerLinks &speaker, size_t listNumber,
-                            std::map<std::string, MonthItems> &monthTable, const PageEscaping &escaping) {
-  std::string list;
+// one group under the first title. Each group also goes to the month's
+// entry for the all-links page.
+std::vector<LinkGroup> linkGroups(const SpeakerLinks &speaker, size_t speakerNumber,
+                                  std::map<std::string, MonthItems> &monthTable) {
+  std::vector<LinkGroup> groups;
   MonthItems *month = nullptr;
   int currentMonth = 0;
-  size_t itemsFrom = 0;
-  const auto endGroup = [&] { month->items.push_back({listNumber, itemsFrom, list.size()}); };
-  for (const Link &link : speaker.links) {
-    if (const int linkMonth = localMonthOfYear(link.date); !month || linkMonth != currentMonth) {
-      if (month) {
-        endGroup();
-        list += "</ul>";
-      }
-      const std::string title = formatCalendarDate(link.date, "%B %Y");
-      const std::string heading = monthHeading(title);
-      list += heading;
-      itemsFrom = list.size();
+  const auto endGroup = [&](size_t at) {
+    groups.back().to = at;
+    month->items.push_back({speakerNumber, groups.back().from, at});
+  };
+  for (size_t at = 0; at < speaker.links.size(); ++at) {
+    const Date date = speaker.links[at].date;
+    if (const int linkMonth = localMonthOfYear(date); !month || linkMonth != currentMonth) {
+      if (month)
+        endGroup(at);
+      const std::string title = formatCalendarDate(date, "%B %Y");
+      month = &monthTable.try_emplace(title, MonthItems{monthHeading(title), {}}).first->second;
+      groups.push_back({&month->heading, at, at});
       currentMonth = linkMonth;
-      month = &monthTable.try_emplace(title, MonthItems{heading, {}}).first->second;
     }
-    const std::string shown = escaping.text(ICLPLogGenerator::CompressedLinkForList(*link.url));
-    const std::string who = escaping.text(*speaker.name);
-    const std::string when = formatCalendarDate(link.date, "%a %B %e, %I:%M%p");
-    list += escaping.linkable(*link.url) ? fillFormat(kLinkItem, {escaping.text(*link.url), shown, who, when})
-                                         : fillFormat(kTextItem, {shown, who, when});
   }
   if (month)
-    endGroup();
-  return list;
+    endGroup(speaker.links.size());
+  return groups;
+}
+
+void writeLinkItems(const SpeakerLinks &speaker, size_t from, size_t to, const PageEscaping &escaping,
+                    const std::function<void(std::string_view)> &piece) {
+  const std::string who = escaping.text(*speaker.name);
+  for (size_t at = from; at < to; ++at) {
+    const Link &link = speaker.links[at];
+    const std::string shown = escaping.text(ICLPLogGenerator::CompressedLinkForList(*link.url));
+    const std::string when = formatCalendarDate(link.date, "%a %B %e, %I:%M%p");
+    piece(escaping.linkable(*link.url) ? fillFormat(kLinkItem, {escaping.text(*link.url), shown, who, when})
+                                       : fillFormat(kTextItem, {shown, who, when}));
+  }
 }
 
 // The template with its name and index filled in; the links go in last.
@@ -132,40 +143,44 @@ std::string filledTemplate(const std::string &pageTemplate, std::string_view nam
 }
 
 void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder) {
+  const auto pageTemplate = readTemplate(folder / "linktemplate.html");
+  if (!pageTemplate)
+    return;
   const std::vector<SpeakerLinks> speakers = pageView(archive);
   size_t total = 0;
   for (const SpeakerLinks &speaker : speakers)
     total += speaker.links.size();
-
-  const auto pageTemplate = readTemplate(folder / "linktemplate.html");
   const PageEscaping escaping = PageEscaping::fromSettings();
-  // The pages can hold every link ever posted: each list is made once and
-  // written in pieces, never copied into a page.
+  // The pages can hold every link ever posted: their items are made as
+  // they are written, never held.
   std::map<std::string, MonthItems> monthTable;
-  std::vector<std::string> lists;
-  lists.reserve(speakers.size());
   for (size_t i = 0; i < speakers.size(); ++i) {
     const SpeakerLinks &speaker = speakers[i];
-    lists.push_back(speakerLinkList(speaker, i, monthTable, escaping));
-    if (!pageTemplate)
-      continue;
+    // The last group is left open, as the pages always had it.
+    const std::vector<LinkGroup> groups = linkGroups(speaker, i, monthTable);
     const std::string page =
         filledTemplate(*pageTemplate, escaping.text(*speaker.name), navigationList(speakers, total, i, escaping));
-    const std::string_view links = lists.back();
-    writePage(folder / (speaker.pageStem + ".html"), piecesReplacing(page, "____LINKS", std::span(&links, 1)));
+    writePage(folder / (speaker.pageStem + ".html"),
+              madeReplacing(page, "____LINKS", [&](const std::function<void(std::string_view)> &piece) {
+                for (const LinkGroup &group : groups) {
+                  if (&group != &groups.front())
+                    piece("</ul>");
+                  piece(*group.heading);
+                  writeLinkItems(speaker, group.from, group.to, escaping, piece);
+                }
+              }));
   }
-  if (!pageTemplate)
-    return;
-  std::vector<std::string_view> links;
-  for (const auto *month : newestFirst(monthTable, compareLinkDateString)) {
-    links.push_back(month->second.heading);
-    for (const MonthItems::Items &items : month->second.items)
-      links.push_back(std::string_view(lists[items.list]).substr(items.from, items.to - items.from));
-    links.push_back("</ul>");
-  }
-  links.push_back("</ul>");
+  const auto months = newestFirst(monthTable, compareLinkDateString);
   const std::string page = filledTemplate(*pageTemplate, "Links", navigationList(speakers, total, std::nullopt, escaping));
-  writePage(folder / "Links.html", piecesReplacing(page, "____LINKS", links));
+  writePage(folder / "Links.html", madeReplacing(page, "____LINKS", [&](const std::function<void(std::string_view)> &piece) {
+              for (const auto *month : months) {
+                piece(month->second.heading);
+                for (const MonthItems::Items &items : month->second.items)
+                  writeLinkItems(speakers[items.speaker], items.from, items.to, escaping, piece);
+                piece("</ul>");
+              }
+              piece("</ul>");
+            }));
 }
 
 } // namespace
@@ -174,9 +189,9 @@ size_t ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &a
                                     Sorting sorting) {
   ListsAddedTo added(archive, "urls");
   size_t count = 0;
-  for (const LinkRecord &item : log.GatheredURLs()) {
+  log.forEachURLRecord([&](const LinkRecord &item) {
     if (item.urls.empty())
-      continue;
+      return;
     PlistValue::Array *links = FindSpeakerArray(item.speaker, &archive);
     if (!links) {
       PlistValue::Array fresh;
@@ -196,7 +211,7 @@ size_t ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &a
         asStored(link);
       links->push_back(std::move(link));
     }
-  }
+  });
   if (sorting == Sorting::EveryList)
     sortEveryList(archive, "urls", compareLinkDictionaries);
   else
@@ -214,24 +229,21 @@ void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
   if (log) {
     if (archive)
       MergeLinks(*log, *archive->get<PlistValue::Array>(), {}, Sorting::EveryList);
-    {
-      // Let go before the second time: the archive may hold every link of a decade.
-      const std::vector<uint8_t> bytes = archive ? archive->serialized(PlistFormat::XML) : std::vector<uint8_t>{};
-      if (bytes.empty() || !writeArchive(archivePath, bytes)) {
-        logFormat("Link file failed to write to path: %@", archivePath.string());
-        reportErrorAndLog(1, "permissions");
-        return;
-      }
+    // Written as it is made: the archive may hold every link of a decade.
+    if (!archive || !writeArchiveXml(archivePath, *archive)) {
+      logFormat("Link file failed to write to path: %@", archivePath.string());
+      reportErrorAndLog(1, "permissions");
+      return;
     }
     // The archive is serialized and written a second time, as it always
     // was; only a failure to serialize is looked at.
-    const std::vector<uint8_t> again = archive->serialized(PlistFormat::XML);
-    if (again.empty()) {
+    if (!archive->writesXmlItself() && archive->serialized(PlistFormat::XML).empty()) {
       logFormat("Error while serializing link database: %@", "the link archive could not be turned into XML");
       reportErrorAndLog(4, "corrupt cache");
       return;
     }
-    writeFileAtomically(archivePath, again, Durability::Now, Visibility::Private);
+    writeFileAtomically(
+        archivePath, [&](const auto &piece) { archive->writeXml(piece); }, Durability::Now, Visibility::Private);
   }
 
   static const PlistValue::Array kNoLinks;

@@ -105,8 +105,7 @@ ICLPLogGenerator::ChatCounts ICLPLogGenerator::CountChat(const ICLPChatLog &log,
   ChatCounts counts{words.user, words.others};
   for (const ImageRecord &item : log.GatheredImages())
     counts.pictures += static_cast<int64_t>(item.images.size());
-  for (const LinkRecord &item : log.GatheredURLs())
-    counts.links += static_cast<int64_t>(item.urls.size());
+  log.forEachURLRecord([&counts](const LinkRecord &item) { counts.links += static_cast<int64_t>(item.urls.size()); });
   return counts;
 }
 

@@ -32,20 +32,39 @@ std::string fillFormat(std::string_view format, std::initializer_list<std::strin
   return out;
 }
 
-std::vector<std::string_view> piecesReplacing(std::string_view text, std::string_view placeholder,
-                                              std::span<const std::string_view> replacement) {
-  std::vector<std::string_view> pieces;
+namespace {
+
+// The text between the occurrences of `placeholder` to `between`, and each
+// occurrence to `atPlaceholder`, left to right.
+template <class Between, class AtPlaceholder>
+void walkReplacing(std::string_view text, std::string_view placeholder, const Between &between,
+                   const AtPlaceholder &atPlaceholder) {
   size_t from = 0;
   if (!placeholder.empty()) {
-    for (size_t found = text.find(placeholder); found != std::string_view::npos;
-         found = text.find(placeholder, from)) {
-      pieces.push_back(text.substr(from, found - from));
-      pieces.insert(pieces.end(), replacement.begin(), replacement.end());
+    for (size_t found = text.find(placeholder); found != std::string_view::npos; found = text.find(placeholder, from)) {
+      between(text.substr(from, found - from));
+      atPlaceholder();
       from = found + placeholder.size();
     }
   }
-  pieces.push_back(text.substr(from));
+  between(text.substr(from));
+}
+
+} // namespace
+
+std::vector<std::string_view> piecesReplacing(std::string_view text, std::string_view placeholder,
+                                              std::span<const std::string_view> replacement) {
+  std::vector<std::string_view> pieces;
+  walkReplacing(
+      text, placeholder, [&pieces](std::string_view between) { pieces.push_back(between); },
+      [&] { pieces.insert(pieces.end(), replacement.begin(), replacement.end()); });
   return pieces;
+}
+
+PieceMaker madeReplacing(std::string_view text, std::string_view placeholder, PieceMaker replacement) {
+  return [text, placeholder, replacement = std::move(replacement)](const std::function<void(std::string_view)> &piece) {
+    walkReplacing(text, placeholder, piece, [&] { replacement(piece); });
+  };
 }
 
 void replaceOccurrences(std::string &text, std::string_view placeholder, std::string_view replacement) {
@@ -86,6 +105,10 @@ bool writePage(const std::filesystem::path &path, std::string_view text, Durabil
 
 bool writePage(const std::filesystem::path &path, std::span<const std::string_view> pieces, Durability durability) {
   return writeFileAtomically(path, pieces, durability);
+}
+
+bool writePage(const std::filesystem::path &path, const PieceMaker &make, Durability durability) {
+  return writeFileAtomically(path, make, durability);
 }
 
 } // namespace parlova

@@ -26,6 +26,9 @@ void replaceOccurrences(std::string &text, std::string_view placeholder, std::st
 // replacement too long to copy: they point into `text` and `replacement`.
 std::vector<std::string_view> piecesReplacing(std::string_view text, std::string_view placeholder,
                                               std::span<const std::string_view> replacement);
+// The same with a replacement made as it is written, once for each
+// occurrence, for one too long to hold; `text` must outlive the maker.
+PieceMaker madeReplacing(std::string_view text, std::string_view placeholder, PieceMaker replacement);
 
 // How text typed in a transcript (names, link addresses and texts) goes
 // onto a page: as it is, as the pages always had it, or, with the setting
@@ -53,5 +56,6 @@ std::optional<std::string> readTemplate(const std::filesystem::path &path);
 bool writePage(const std::filesystem::path &path, std::string_view text, Durability durability = Durability::Now);
 bool writePage(const std::filesystem::path &path, std::span<const std::string_view> pieces,
                Durability durability = Durability::Now);
+bool writePage(const std::filesystem::path &path, const PieceMaker &make, Durability durability = Durability::Now);
 
 } // namespace parlova

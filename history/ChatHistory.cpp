@@ -277,19 +277,19 @@ struct ChatHistory::Additions::Writing {
     return std::nullopt;
   }
 
-  std::variant<int64_t, SqliteError> speakerOf(const ChatRecord::Message &text) {
-    const auto known = speakers.find({text.account, text.speaker});
+  std::variant<int64_t, SqliteError> speakerOf(const ChatTexts::Speaker &who) {
+    const auto known = speakers.find({who.account, who.name});
     if (known != speakers.end())
       return known->second;
-    if (auto failed = bind(*speaker, ":account", text.account).bind(speaker->parameter(":name"), text.speaker).run())
+    if (auto failed = bind(*speaker, ":account", who.account).bind(speaker->parameter(":name"), who.name).run())
       return *failed;
-    bind(*speakerId, ":account", text.account).bind(speakerId->parameter(":name"), text.speaker);
+    bind(*speakerId, ":account", who.account).bind(speakerId->parameter(":name"), who.name);
     const auto step = speakerId->step();
     if (const auto *error = std::get_if<SqliteError>(&step))
       return *error;
     const int64_t id = speakerId->integer(speakerId->column("id"));
     speakerId->reset();
-    speakers.emplace(std::pair(text.account, text.speaker), id);
+    speakers.emplace(std::pair(who.account, who.name), id);
     return id;
   }
 
@@ -385,17 +385,22 @@ struct ChatHistory::Additions::Writing {
   std::optional<SqliteError> index(int64_t id, const ChatRecord &record) {
     // A chat's messages follow each other in the index, so the ones around
     // a hit are its neighbours by row. Times in whole seconds.
-    for (const ChatRecord::Message &text : record.texts) {
-      const auto who = speakerOf(text);
+    std::vector<int64_t> speakerIds;
+    for (const ChatTexts::Speaker &each : record.texts.speakers()) {
+      const auto who = speakerOf(each);
       if (const auto *error = std::get_if<SqliteError>(&who))
         return *error;
-      bind(*message, ":text", std::string_view(text.text));
+      speakerIds.push_back(std::get<int64_t>(who));
+    }
+    for (size_t i = 0; i < record.texts.size(); ++i) {
+      const ChatTexts::Message text = record.texts[i];
+      bind(*message, ":text", text.text);
       bind(*message, ":chat", id);
       if (text.time)
         bind(*message, ":time", static_cast<int64_t>(std::floor(*text.time)));
-      if (auto failed = bind(*message, ":speaker", std::get<int64_t>(who)).run())
+      if (auto failed = bind(*message, ":speaker", speakerIds[text.speaker]).run())
         return failed;
-      if (&text == &record.texts.front())
+      if (i == 0)
         if (auto failed = bind(*firstRow, ":chat", id).run())
           return failed;
     }

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "history/ChatTexts.h"
+
 namespace parlova {
 
 // One processed chat, counted as the totals count it.
@@ -36,13 +38,7 @@ struct ChatRecord {
   // The other participants' accounts.
   std::vector<std::string> participants;
   // Every message as the search index keeps it.
-  struct Message {
-    std::optional<double> time;
-    std::string account;
-    std::string speaker;
-    std::string text;
-  };
-  std::vector<Message> texts;
+  ChatTexts texts;
   // The first message's text, shortened, for the library's lists.
   std::string firstLine;
   // Its page in the chat library, relative to the library's folder.

@@ -11,7 +11,6 @@
 #include <variant>
 #include <vector>
 
-#include "history/ChatRecord.h"
 #include "platform/SqliteDatabase.h"
 
 namespace parlova {
@@ -40,7 +39,13 @@ struct SearchOptions {
 };
 
 struct SearchHit {
-  using Message = ChatRecord::Message;
+  // A message as a search gives it back.
+  struct Message {
+    std::optional<double> time;
+    std::string account;
+    std::string speaker;
+    std::string text;
+  };
   int64_t row = 0;
   int64_t chat = 0; // the chat's row in the history
   std::string transcript;

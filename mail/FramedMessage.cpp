@@ -2,15 +2,15 @@
 
 namespace parlova {
 
-FramedMessage::FramedMessage(std::string framing, Slot plainSlot, std::string plain, Slot htmlSlot,
-                             std::vector<uint8_t> html)
+FramedMessage::FramedMessage(std::string framing, Slot plainSlot, MessageBody plain, Slot htmlSlot,
+                             MessageBody html)
     : framing_(std::move(framing)), plainSlot_(plainSlot), plain_(std::move(plain)), htmlSlot_(htmlSlot),
       html_(std::move(html)) {}
 
 void FramedMessage::write(const std::function<void(std::string_view)> &piece) const {
   const std::string_view framing = framing_;
   const TextPartBody plain(plain_, plainSlot_.encoding);
-  const TextPartBody html({reinterpret_cast<const char *>(html_.data()), html_.size()}, htmlSlot_.encoding);
+  const TextPartBody html(html_, htmlSlot_.encoding);
   piece(framing.substr(0, plainSlot_.at));
   plain.write(piece);
   const size_t between = plainSlot_.at + plainSlot_.length;

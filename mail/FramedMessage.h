@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "mail/MessageBody.h"
 #include "mail/TextPartBody.h"
 
 namespace parlova {
@@ -27,7 +28,9 @@ public:
   };
 
   FramedMessage() = default;
-  FramedMessage(std::string framing, Slot plainSlot, std::string plain, Slot htmlSlot, std::vector<uint8_t> html);
+  // A body made from its source is made again each time the message is
+  // written: whatever it refers to must outlive the message.
+  FramedMessage(std::string framing, Slot plainSlot, MessageBody plain, Slot htmlSlot, MessageBody html);
 
   size_t size() const;
   void write(const std::function<void(std::string_view)> &piece) const;
@@ -36,9 +39,9 @@ public:
 private:
   std::string framing_;
   Slot plainSlot_;
-  std::string plain_;
+  MessageBody plain_;
   Slot htmlSlot_;
-  std::vector<uint8_t> html_;
+  MessageBody html_;
 };
 
 } // namespace parlova

@@ -138,7 +138,8 @@ CWMessage *newMessage(const MailMessage &mail) {
   CWPart *plain = [[CWPart alloc] init];
   [plain setContentType:@"text/plain"];
   // Parts carry bytes; the plain part gets no character set of its own.
-  [plain setContent:[NSData dataWithBytes:mail.plainText.data() length:mail.plainText.size()]];
+  const std::string plainText = mail.plainText.whole();
+  [plain setContent:[NSData dataWithBytes:plainText.data() length:plainText.size()]];
   if (mail.labelledParts)
     [plain setCharset:@"utf-8"];
   if (mail.plainQuotedPrintable)
@@ -146,7 +147,8 @@ CWMessage *newMessage(const MailMessage &mail) {
   [multipart addPart:plain];
   CWPart *html = [[CWPart alloc] init];
   [html setContentType:@"text/html"];
-  [html setContent:[NSData dataWithBytes:mail.html.data() length:mail.html.size()]];
+  const std::string htmlText = mail.html.whole();
+  [html setContent:[NSData dataWithBytes:htmlText.data() length:htmlText.size()]];
   [html setCharset:@"utf-8"];
   if (mail.htmlQuotedPrintable)
     [html setContentTransferEncoding:PantomimeEncodingQuotedPrintable];

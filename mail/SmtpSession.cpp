@@ -17,10 +17,6 @@ namespace parlova {
 
 namespace {
 
-std::string_view bytesAsText(const std::vector<uint8_t> &bytes) {
-  return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-}
-
 // The header texts come from file names and settings that anyone may have
 // typed, so they are made fit here, once, for every header: the mail
 // framework drops a header that is not UTF-8, so bytes that are not become
@@ -51,18 +47,20 @@ MailMessage framed(const MailMessage &message) {
   headers.messageId = asHeaderValue(message.messageId);
   headers.date = message.date;
   headers.labelledParts = message.labelledParts;
-  const auto quoted = [&message](std::string_view body) {
+  const auto quoted = [&message](const MessageBody &body) {
     return TextPartBody::encodingFor(body, message.labelledParts) == TextPartBody::Encoding::QuotedPrintable;
   };
   headers.plainQuotedPrintable = quoted(message.plainText);
-  headers.htmlQuotedPrintable = quoted(bytesAsText(message.html));
+  headers.htmlQuotedPrintable = quoted(message.html);
   return headers;
 }
 
+// What a session keeps may be sent after the transcript it was made from is
+// gone, so its bodies hold their text.
 MailMessage withHeadersFit(const MailMessage &message) {
   MailMessage ready = framed(message);
-  ready.plainText = message.plainText;
-  ready.html = message.html;
+  ready.plainText = message.plainText.held();
+  ready.html = message.html.held();
   return ready;
 }
 
@@ -166,7 +164,7 @@ std::variant<FramedMessage, std::string> SmtpSession::framedMessage(MailMessage 
   const std::string plainMark = bodyMark();
   const std::string htmlMark = bodyMark();
   frame.plainText = plainMark;
-  frame.html.assign(htmlMark.begin(), htmlMark.end());
+  frame.html = htmlMark;
   std::vector<uint8_t> rendered;
   {
     // One message at a time: a catch-up composes on two threads when one

@@ -22,8 +22,8 @@ struct MailMessage {
   std::string subject;
   std::string from;
   std::string to;
-  std::string plainText;
-  std::vector<uint8_t> html;
+  MessageBody plainText;
+  MessageBody html; // UTF-8
   // For a mailbox: the Date header (seconds since 1970; none: now) and the
   // Message-ID without its angle brackets (empty: one of the framework's).
   std::optional<double> date;

@@ -71,6 +71,9 @@ public:
   // The link and image records of every message that is not a status
   // message, in message order (empty lists included).
   std::vector<LinkRecord> GatheredURLs() const;
+  // The same one record at a time, never all at once: a long chat's
+  // records take as much memory again as its links.
+  void forEachURLRecord(const std::function<void(const LinkRecord &)> &visit) const;
   std::vector<ImageRecord> GatheredImages() const;
   // Words said by the other party (the messages whose display name is the
   // name in the file name) and by everybody else: in a group chat all other
@@ -92,6 +95,8 @@ public:
 
   // The plain-text transcript: a header, then each message's PlainString.
   std::string PlainChatLog() const;
+  // The same handed out a piece at a time.
+  void writePlainChatLog(const std::function<void(std::string_view)> &piece) const;
   // The styled transcript with HTML line breaks and the footer.
   AttributedString RichChatLog() const;
   // The HTML transcript in UTF-8: the styled transcript with its fonts,

@@ -21,6 +21,12 @@ std::vector<Record> gather(const std::vector<std::shared_ptr<const ICLPInstantMe
 
 std::vector<LinkRecord> ICLPChatLog::GatheredURLs() const { return gather(messages(), &ICLPInstantMessage::allURLs); }
 
+void ICLPChatLog::forEachURLRecord(const std::function<void(const LinkRecord &)> &visit) const {
+  for (const auto &message : messages())
+    if (const auto record = message->allURLs())
+      visit(*record);
+}
+
 std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
   return gather(messages(), &ICLPInstantMessage::allImages);
 }

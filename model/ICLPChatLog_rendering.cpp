@@ -154,12 +154,25 @@ void InsertStringAndTrackIndices(std::u16string &target, std::vector<int32_t> &t
 }
 
 std::string ICLPChatLog::PlainChatLog() const {
+  std::string plain;
+  writePlainChatLog([&plain](std::string_view piece) { plain += piece; });
+  return plain;
+}
+
+void ICLPChatLog::writePlainChatLog(const std::function<void(std::string_view)> &piece) const {
+  constexpr size_t kStretch = 32 * 1024;
   // No line break after the header: the first message follows directly.
   std::string plain = "Sent by Parlova ( " + std::string(kWebAddress) + " )";
-  for (const auto &message : messages())
-    if (!message->isStatusMessage())
-      plain += message->PlainString();
-  return plain;
+  for (const auto &message : messages()) {
+    if (message->isStatusMessage())
+      continue;
+    plain += message->PlainString();
+    if (plain.size() >= kStretch) {
+      piece(plain);
+      plain.clear();
+    }
+  }
+  piece(plain);
 }
 
 AttributedString ICLPChatLog::RichChatLog() const {

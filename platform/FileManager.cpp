@@ -226,6 +226,16 @@ bool writeFileAtomically(const fs::path &path, std::span<const uint8_t> bytes, D
 
 bool writeFileAtomically(const fs::path &path, std::span<const std::string_view> pieces, Durability durability,
                          Visibility visibility) {
+  return writeFileAtomically(
+      path,
+      [pieces](const std::function<void(std::string_view)> &piece) {
+        for (const std::string_view each : pieces)
+          piece(each);
+      },
+      durability, visibility);
+}
+
+bool writeFileAtomically(const fs::path &path, const PieceMaker &make, Durability durability, Visibility visibility) {
   if (DeferredSyncs::deferring())
     durability = Durability::ByNextSync;
   const fs::path temporary = temporaryPathBeside(path);
@@ -237,21 +247,36 @@ bool writeFileAtomically(const fs::path &path, std::span<const std::string_view>
   if (fd < 0)
     return false;
   bool complete = true;
-  for (const std::string_view piece : pieces) {
+  const auto writeOut = [fd, &complete](std::string_view bytes) {
     size_t written = 0;
-    while (written < piece.size()) {
-      const ssize_t n = write(fd, piece.data() + written, piece.size() - written);
+    while (complete && written < bytes.size()) {
+      const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
       if (n < 0 && errno == EINTR)
         continue;
       if (n <= 0)
-        break;
-      written += static_cast<size_t>(n);
+        complete = false;
+      else
+        written += static_cast<size_t>(n);
     }
-    if (written < piece.size()) {
-      complete = false;
-      break;
+  };
+  // Small pieces (a page's items) are gathered into writes of 64 KiB; a
+  // large one goes as it is.
+  constexpr size_t kGathered = 64 * 1024;
+  std::string gathered;
+  make([&](std::string_view piece) {
+    if (!complete)
+      return;
+    if (gathered.size() + piece.size() > kGathered && !gathered.empty()) {
+      writeOut(gathered);
+      gathered.clear();
     }
-  }
+    if (piece.size() >= kGathered)
+      writeOut(piece);
+    else
+      gathered += piece;
+  });
+  if (!gathered.empty())
+    writeOut(gathered);
   // A short write leaves errno as it was (ENOSPC from the failing write).
   complete = complete && (durability == Durability::ByNextSync || fsync(fd) == 0);
   int reason = errno;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -74,6 +75,11 @@ bool writeFileAtomically(const std::filesystem::path &path, std::span<const uint
 // The same for a file made of pieces, written one after another, so that a
 // long page is never put together in memory.
 bool writeFileAtomically(const std::filesystem::path &path, std::span<const std::string_view> pieces,
+                         Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
+// The same for a file whose pieces are made as it is written: `make` hands
+// them one after another to the function it is given.
+using PieceMaker = std::function<void(const std::function<void(std::string_view)> &)>;
+bool writeFileAtomically(const std::filesystem::path &path, const PieceMaker &make,
                          Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
 
 // Flushes everything written on the file system that holds `path`.

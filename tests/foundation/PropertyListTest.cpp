@@ -91,6 +91,14 @@ TEST(PropertyListWriter, WritesTheLibrarysXmlForWhatItWritesItself) {
     const auto ours = value.serialized(PlistFormat::XML);
     ASSERT_EQ(std::string(ours.begin(), ours.end()), std::string(library.begin(), library.end()));
   }
+  // Handed out in pieces, across many of them.
+  const PlistValue large(PlistValue::Array(30000, PlistValue(PlistValue::Dictionary{{"linkurl", "a<b&c\r"}})));
+  const auto whole = serializePropertyList(large.toNode().get(), PlistFormat::XML);
+  std::string pieced;
+  size_t pieces = 0;
+  ASSERT_TRUE(large.writeXml([&](std::string_view piece) { pieced += piece, ++pieces; }));
+  EXPECT_EQ(pieced, std::string(whole.begin(), whole.end()));
+  EXPECT_GT(pieces, 10u);
   PlistValue::Dictionary manyKeys;
   for (int key = 0; key < 40; ++key)
     manyKeys.emplace_back(std::to_string(key), key);

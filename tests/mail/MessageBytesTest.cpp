@@ -27,8 +27,7 @@ std::vector<uint8_t> byFrameworkAlone(MailMessage message) {
   message.plainQuotedPrintable =
       TextPartBody::encodingFor(message.plainText, message.labelledParts) == Encoding::QuotedPrintable;
   message.htmlQuotedPrintable =
-      TextPartBody::encodingFor({reinterpret_cast<const char *>(message.html.data()), message.html.size()},
-                                message.labelledParts) == Encoding::QuotedPrintable;
+      TextPartBody::encodingFor(message.html, message.labelledParts) == Encoding::QuotedPrintable;
   std::vector<uint8_t> bytes;
   reinterpret_cast<RenderMessageFunction>(std::get<void *>(found))(&message, &bytes);
   return bytes;
@@ -54,21 +53,30 @@ TEST(MessageBytes, AreTheFrameworksOwnForEveryKindOfBody) {
   for (int i = 0; i < 300; ++i)
     bodies.push_back({body(14), body(14)});
 
+  // A body made from its source comes in pieces of any size, a blank
+  // before a line feed split from it too.
+  const auto inPieces = [](const std::string &text) {
+    return MessageBody::madeBy([&text](const MessageBody::Piece &piece) {
+      for (size_t at = 0, size = 1; at < text.size(); at += size, size = size % 7 + 1)
+        piece(std::string_view(text).substr(at, size));
+    });
+  };
   for (const auto &[plain, html] : bodies)
-    for (const bool mailbox : {false, true}) {
+    for (const int kind : {0, 1, 2}) {
+      const bool mailbox = kind > 0;
       MailMessage message;
       message.subject = "Chat with M\xc3\xbcller";
       message.from = "parlovauser@example.org";
       message.to = "archive@example.org";
       message.messageId = "parlova.1.abc@example.org";
-      message.plainText = plain;
-      message.html.assign(html.begin(), html.end());
+      message.plainText = kind == 2 ? inPieces(plain) : MessageBody(plain);
+      message.html = kind == 2 ? inPieces(html) : MessageBody(html);
       message.labelledParts = mailbox;
       const auto made = SmtpSession::messageBytes(message);
       ASSERT_TRUE(std::holds_alternative<std::vector<uint8_t>>(made));
       ASSERT_EQ(withoutDateAndBoundary(std::get<std::vector<uint8_t>>(made)),
                 withoutDateAndBoundary(byFrameworkAlone(message)))
-          << "mailbox " << mailbox << "\nplain " << testing::PrintToString(plain) << "\nhtml "
+          << "kind " << kind << "\nplain " << testing::PrintToString(plain) << "\nhtml "
           << testing::PrintToString(html);
     }
 }

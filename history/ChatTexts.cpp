@@ -1,0 +1,27 @@
+#include "history/ChatTexts.h"
+
+namespace parlova {
+
+void ChatTexts::add(std::optional<double> time, std::string_view account, std::string_view name,
+                    std::string_view text) {
+  // A chat has a handful of speakers, and the last one is the likeliest.
+  size_t speaker = speakers_.size();
+  for (size_t i = speakers_.size(); i-- > 0;)
+    if (speakers_[i].account == account && speakers_[i].name == name) {
+      speaker = i;
+      break;
+    }
+  if (speaker == speakers_.size())
+    speakers_.push_back({std::string(account), std::string(name)});
+  text_ += text;
+  entries_.push_back({time.value_or(0), time.has_value(), static_cast<uint32_t>(speaker), text_.size()});
+}
+
+ChatTexts::Message ChatTexts::operator[](size_t index) const {
+  const Entry &entry = entries_[index];
+  const size_t start = index == 0 ? 0 : entries_[index - 1].end;
+  return {entry.timed ? std::optional(entry.time) : std::nullopt, entry.speaker,
+          std::string_view(text_).substr(start, entry.end - start)};
+}
+
+} // namespace parlova

@@ -1,0 +1,48 @@
+// A chat's messages as the search index takes them, kept in one buffer with
+// their speakers listed once: in strings of their own, the texts of a chat
+// of hundreds of thousands of messages took four times their size.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace parlova {
+
+class ChatTexts {
+public:
+  struct Speaker {
+    std::string account;
+    std::string name;
+  };
+  struct Message {
+    std::optional<double> time; // seconds since 1970
+    size_t speaker;             // an index into speakers()
+    std::string_view text;      // valid while the texts are unchanged
+  };
+
+  void reserve(size_t messages) { entries_.reserve(messages); }
+  void add(std::optional<double> time, std::string_view account, std::string_view name, std::string_view text);
+
+  size_t size() const { return entries_.size(); }
+  bool empty() const { return entries_.empty(); }
+  Message operator[](size_t index) const;
+  const std::vector<Speaker> &speakers() const { return speakers_; }
+
+private:
+  struct Entry {
+    double time;
+    bool timed;
+    uint32_t speaker;
+    size_t end; // where the text ends in text_
+  };
+  std::string text_;
+  std::vector<Entry> entries_;
+  std::vector<Speaker> speakers_;
+};
+
+} // namespace parlova
