@@ -41,7 +41,13 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
   // so the messages of one quarter hour share one conversion.
   int64_t convertedQuarter = std::numeric_limits<int64_t>::min();
   std::tm local{};
-  record.texts.reserve(log.messages().size());
+  // A text is about as long in UTF-8 as in UTF-16 units, which are counted
+  // without making it.
+  size_t textUnits = 0;
+  for (const auto &message : log.messages())
+    if (message->string())
+      textUnits += message->string()->length();
+  record.texts.reserve(log.messages().size(), textUnits);
   for (const auto &message : log.messages()) {
     if (message->isStatusMessage())
       continue;

@@ -25,7 +25,12 @@ public:
     std::string_view text;      // valid while the texts are unchanged
   };
 
-  void reserve(size_t messages) { entries_.reserve(messages); }
+  // Room for this many messages and bytes of text, so that the buffer of
+  // a long chat is not grown to twice its size.
+  void reserve(size_t messages, size_t bytes) {
+    entries_.reserve(messages);
+    text_.reserve(bytes);
+  }
   void add(std::optional<double> time, std::string_view account, std::string_view name, std::string_view text);
 
   size_t size() const { return entries_.size(); }

@@ -38,8 +38,8 @@ std::string asHeaderValue(std::string_view text) {
 }
 
 // Everything but the bodies: the headers made fit, and the way each body
-// goes chosen from the body.
-MailMessage framed(const MailMessage &message) {
+// goes chosen from the body (the message's own, or the same held).
+MailMessage framed(const MailMessage &message, const MessageBody &plain, const MessageBody &html) {
   MailMessage headers;
   headers.subject = asHeaderValue(message.subject);
   headers.from = asHeaderValue(message.from);
@@ -50,17 +50,19 @@ MailMessage framed(const MailMessage &message) {
   const auto quoted = [&message](const MessageBody &body) {
     return TextPartBody::encodingFor(body, message.labelledParts) == TextPartBody::Encoding::QuotedPrintable;
   };
-  headers.plainQuotedPrintable = quoted(message.plainText);
-  headers.htmlQuotedPrintable = quoted(message.html);
+  headers.plainQuotedPrintable = quoted(plain);
+  headers.htmlQuotedPrintable = quoted(html);
   return headers;
 }
 
 // What a session keeps may be sent after the transcript it was made from is
 // gone, so its bodies hold their text.
 MailMessage withHeadersFit(const MailMessage &message) {
-  MailMessage ready = framed(message);
-  ready.plainText = message.plainText.held();
-  ready.html = message.html.held();
+  MessageBody plain = message.plainText.held();
+  MessageBody html = message.html.held();
+  MailMessage ready = framed(message, plain, html);
+  ready.plainText = std::move(plain);
+  ready.html = std::move(html);
   return ready;
 }
 
@@ -160,7 +162,7 @@ std::variant<FramedMessage, std::string> SmtpSession::framedMessage(MailMessage 
   const auto render = reinterpret_cast<RenderMessageFunction>(std::get<void *>(found));
   // The framework writes the headers and the frame around marks in place of
   // the bodies, which would otherwise pass through its copies many times.
-  MailMessage frame = framed(message);
+  MailMessage frame = framed(message, message.plainText, message.html);
   const std::string plainMark = bodyMark();
   const std::string htmlMark = bodyMark();
   frame.plainText = plainMark;
