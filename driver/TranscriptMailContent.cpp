@@ -21,13 +21,14 @@ MailMessage TranscriptMailContent::message(const std::string &to, const std::str
   message.html = MessageBody::madeBy([&log, escaping](const MessageBody::Piece &piece) {
     log.writeHTMLChatLog(escaping, piece);
   });
-  message.plainText = MessageBody::madeBy([&log](const MessageBody::Piece &piece) { log.writePlainChatLog(piece); });
   if (fixed_) {
     // Composed ahead on a thread of its own, which is there to do this
     // work, and kept after the transcript has moved: the bodies are made
     // now.
     message.html = message.html.held();
-    message.plainText = message.plainText.held();
+    message.plainText = log.PlainChatLog();
+  } else {
+    message.plainText = MessageBody::madeBy([&log](const MessageBody::Piece &piece) { log.writePlainChatLog(piece); });
   }
   return message;
 }
