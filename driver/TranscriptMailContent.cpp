@@ -18,18 +18,18 @@ MailMessage TranscriptMailContent::message(const std::string &to, const std::str
   message.to = to;
   const bool escaping = fixed_ ? fixed_->escapeHTML : appSettings().boolValue("escapeHTML");
   const ICLPChatLog &log = log_;
-  message.html = MessageBody::madeBy([&log, escaping](const MessageBody::Piece &piece) {
-    log.writeHTMLChatLog(escaping, piece);
-  });
   if (fixed_) {
     // Composed ahead on a thread of its own, which is there to do this
     // work, and kept after the transcript has moved: the bodies are made
     // now.
-    message.html = message.html.held();
+    message.html = log.HTMLChatLogText(escaping);
     message.plainText = log.PlainChatLog();
-  } else {
-    message.plainText = MessageBody::madeBy([&log](const MessageBody::Piece &piece) { log.writePlainChatLog(piece); });
+    return message;
   }
+  message.html = MessageBody::madeBy([&log, escaping](const MessageBody::Piece &piece) {
+    log.writeHTMLChatLog(escaping, piece);
+  });
+  message.plainText = MessageBody::madeBy([&log](const MessageBody::Piece &piece) { log.writePlainChatLog(piece); });
   return message;
 }
 

@@ -90,13 +90,8 @@ std::string filled(std::string page, const std::string &title, const std::string
 // pages are escaped whatever escapeHTML says: they are read in a browser,
 // with every other page of the library at hand.
 std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
-  // Made once at its size and cut in place: a long chat's page is as long
-  // as the chat.
-  size_t size = 0;
-  log.writeHTMLChatLog(true, [&size](std::string_view piece) { size += piece.size(); });
-  std::string html;
-  html.reserve(size);
-  log.writeHTMLChatLog(true, [&html](std::string_view piece) { html += piece; });
+  // Cut in place: a long chat's page is as long as the chat.
+  std::string html = log.HTMLChatLogText(true);
   const size_t open = html.find("<body>");
   const size_t close = html.rfind("</body>");
   if (open != std::string::npos && close != std::string::npos && close > open) {

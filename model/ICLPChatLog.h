@@ -105,6 +105,7 @@ public:
   // The same, with what came from the transcript escaped or not, whatever
   // the setting says.
   std::vector<uint8_t> HTMLChatLog(bool escaping) const;
+  std::string HTMLChatLogText(bool escaping) const;
   // The same handed out a piece at a time, for a writer that need not hold
   // it whole.
   void writeHTMLChatLog(bool escaping, const std::function<void(std::string_view)> &piece) const;

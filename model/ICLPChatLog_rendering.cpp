@@ -189,16 +189,30 @@ AttributedString ICLPChatLog::RichChatLog() const {
 
 std::vector<uint8_t> ICLPChatLog::HTMLChatLog() const { return HTMLChatLog(appSettings().boolValue("escapeHTML")); }
 
-std::vector<uint8_t> ICLPChatLog::HTMLChatLog(bool escaping) const {
-  // Counted first, so that the page is made once at its size and a page of
-  // a hundred megabytes is never held twice while it grows.
-  size_t size = 0;
-  writeHTMLChatLog(escaping, [&size](std::string_view piece) { size += piece.size(); });
-  std::vector<uint8_t> html;
-  html.reserve(size);
-  writeHTMLChatLog(escaping, [&html](std::string_view piece) { html.insert(html.end(), piece.begin(), piece.end()); });
+namespace {
+
+// A long chat's page is counted first, so that it is made once at its size
+// and a page of a hundred megabytes is never held twice while it grows. A
+// short one is made in one pass: growing it costs less than making it twice.
+template <class Bytes> Bytes collectedHtml(const ICLPChatLog &log, bool escaping) {
+  constexpr size_t kCountedFirst = 20000; // messages, a page of about 5 MB
+  Bytes html;
+  if (log.messages().size() > kCountedFirst) {
+    size_t size = 0;
+    log.writeHTMLChatLog(escaping, [&size](std::string_view piece) { size += piece.size(); });
+    html.reserve(size);
+  }
+  log.writeHTMLChatLog(escaping, [&html](std::string_view piece) { html.insert(html.end(), piece.begin(), piece.end()); });
   return html;
 }
+
+} // namespace
+
+std::vector<uint8_t> ICLPChatLog::HTMLChatLog(bool escaping) const {
+  return collectedHtml<std::vector<uint8_t>>(*this, escaping);
+}
+
+std::string ICLPChatLog::HTMLChatLogText(bool escaping) const { return collectedHtml<std::string>(*this, escaping); }
 
 void ICLPChatLog::writeHTMLChatLog(bool escaping, const std::function<void(std::string_view)> &piece) const {
   Utf8Pieces html(piece);
