@@ -26,10 +26,10 @@ MailMessage TranscriptMailContent::message(const std::string &to, const std::str
     message.plainText = log.PlainChatLog();
     return message;
   }
-  message.html = MessageBody::madeBy([&log, escaping](const MessageBody::Piece &piece) {
+  message.html = MessageBody::madeBy([&log, escaping](const PieceSink &piece) {
     log.writeHTMLChatLog(escaping, piece);
   });
-  message.plainText = MessageBody::madeBy([&log](const MessageBody::Piece &piece) { log.writePlainChatLog(piece); });
+  message.plainText = MessageBody::madeBy([&log](const PieceSink &piece) { log.writePlainChatLog(piece); });
   return message;
 }
 

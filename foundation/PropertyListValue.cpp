@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <functional>
 #include <limits>
@@ -92,20 +91,19 @@ public:
     return true;
   }
 
-  // The whole document, at its exact size: counted first, then written.
+  // The whole document, at its exact size: counted first, then made.
   static std::vector<uint8_t> document(const PlistValue &root) {
     DirectXml counter(nullptr);
     counter.write(root);
-    std::vector<uint8_t> bytes(counter.size_);
-    DirectXml writer(bytes.data());
-    writer.write(root);
+    std::vector<uint8_t> bytes;
+    bytes.reserve(counter.size_);
+    document(root, [&bytes](std::string_view piece) { bytes.insert(bytes.end(), piece.begin(), piece.end()); });
     return bytes;
   }
 
   // The same handed out in pieces of up to 64 KiB as it is made.
   static void document(const PlistValue &root, const std::function<void(std::string_view)> &piece) {
-    DirectXml writer(nullptr);
-    writer.piece_ = &piece;
+    DirectXml writer(&piece);
     writer.pending_.reserve(kPieceSize);
     writer.write(root);
     writer.handOn();
@@ -114,7 +112,8 @@ public:
 private:
   static constexpr size_t kPieceSize = 64 * 1024;
 
-  explicit DirectXml(uint8_t *out) : out_(out) {}
+  // Without a taker, the bytes are only counted.
+  explicit DirectXml(const std::function<void(std::string_view)> *piece) : piece_(piece) {}
 
   void handOn() {
     if (!pending_.empty())
@@ -144,8 +143,6 @@ private:
   static std::string_view asStored(const std::string &text) { return std::string_view(text.c_str()); }
 
   void put(std::string_view text) {
-    if (out_ && !text.empty())
-      std::memcpy(out_ + size_, text.data(), text.size());
     size_ += text.size();
     if (piece_) {
       pending_ += text;
@@ -241,9 +238,8 @@ private:
     put("</"), put(tag), put(">\n");
   }
 
-  uint8_t *out_; // none while counting or handing out pieces
+  const std::function<void(std::string_view)> *piece_;
   size_t size_ = 0;
-  const std::function<void(std::string_view)> *piece_ = nullptr;
   std::string pending_;
 };
 

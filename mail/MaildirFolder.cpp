@@ -2,6 +2,7 @@
 
 #include "platform/DeferredSyncs.h"
 #include "platform/FileManager.h"
+#include "platform/GatheredWriter.h"
 
 #include <cerrno>
 #include <cmath>
@@ -67,30 +68,10 @@ MaildirFolder::Result MaildirFolder::store(const std::string &name, const Framed
   const int fd = open(writing.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0)
     return {Outcome::Failed, failure("cannot write", writing, errno)};
-  // Made as it is written, and written in pieces of up to 64 KiB: a small
-  // message is one write, a huge one is never held whole.
-  constexpr size_t kWriteSize = 64 * 1024;
-  bool allWritten = true;
-  std::string pending;
-  const auto writeOut = [fd, &allWritten, &pending] {
-    size_t written = 0;
-    while (allWritten && written < pending.size()) {
-      const ssize_t n = write(fd, pending.data() + written, pending.size() - written);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0)
-        allWritten = false;
-      else
-        written += static_cast<size_t>(n);
-    }
-    pending.clear();
-  };
-  message.write([&](std::string_view piece) {
-    pending += piece;
-    if (pending.size() >= kWriteSize)
-      writeOut();
-  });
-  writeOut();
+  // Made as it is written: a huge message is never held whole.
+  GatheredWriter out(fd);
+  message.write([&out](std::string_view piece) { out.add(piece); });
+  const bool allWritten = out.finish();
   const double whole = std::floor(modified);
   const timespec times[2] = {{static_cast<time_t>(whole), static_cast<long>((modified - whole) * 1e9)},
                              {static_cast<time_t>(whole), static_cast<long>((modified - whole) * 1e9)}};

@@ -2,13 +2,13 @@
 
 namespace parlova {
 
-MessageBody MessageBody::madeBy(Source source) {
+MessageBody MessageBody::madeBy(PieceMaker source) {
   MessageBody body;
   body.source_ = std::move(source);
   return body;
 }
 
-void MessageBody::write(const Piece &piece) const {
+void MessageBody::write(const PieceSink &piece) const {
   if (source_)
     source_(piece);
   else if (!text_.empty())

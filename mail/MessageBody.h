@@ -5,25 +5,21 @@
 // whole, at the price of being made once for each pass over them.
 #pragma once
 
-#include <functional>
 #include <string>
-#include <string_view>
+
+#include "platform/GatheredWriter.h"
 
 namespace parlova {
 
 class MessageBody {
 public:
-  using Piece = std::function<void(std::string_view)>;
-  using Source = std::function<void(const Piece &)>;
-
   MessageBody() = default;
   // A body is text, and is given as text wherever it is small.
   MessageBody(std::string text) : text_(std::move(text)) {}
-  MessageBody(const char *text) : text_(text) {}
   // Whatever the source refers to must outlive every write.
-  static MessageBody madeBy(Source source);
+  static MessageBody madeBy(PieceMaker source);
 
-  void write(const Piece &piece) const;
+  void write(const PieceSink &piece) const;
   // The text in one string, made at its exact size.
   std::string whole() const;
   // The body holding its text, free of whatever its source referred to.
@@ -31,7 +27,7 @@ public:
 
 private:
   std::string text_;
-  Source source_;
+  PieceMaker source_;
 };
 
 } // namespace parlova

@@ -246,39 +246,10 @@ bool writeFileAtomically(const fs::path &path, const PieceMaker &make, Durabilit
   const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0)
     return false;
-  bool complete = true;
-  const auto writeOut = [fd, &complete](std::string_view bytes) {
-    size_t written = 0;
-    while (complete && written < bytes.size()) {
-      const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0)
-        complete = false;
-      else
-        written += static_cast<size_t>(n);
-    }
-  };
-  // Small pieces (a page's items) are gathered into writes of 64 KiB; a
-  // large one goes as it is.
-  constexpr size_t kGathered = 64 * 1024;
-  std::string gathered;
-  make([&](std::string_view piece) {
-    if (!complete)
-      return;
-    if (gathered.size() + piece.size() > kGathered && !gathered.empty()) {
-      writeOut(gathered);
-      gathered.clear();
-    }
-    if (piece.size() >= kGathered)
-      writeOut(piece);
-    else
-      gathered += piece;
-  });
-  if (!gathered.empty())
-    writeOut(gathered);
+  GatheredWriter out(fd);
+  make([&out](std::string_view piece) { out.add(piece); });
   // A short write leaves errno as it was (ENOSPC from the failing write).
-  complete = complete && (durability == Durability::ByNextSync || fsync(fd) == 0);
+  const bool complete = out.finish() && (durability == Durability::ByNextSync || fsync(fd) == 0);
   int reason = errno;
   close(fd);
   if (complete && std::rename(temporary.c_str(), path.c_str()) == 0) {

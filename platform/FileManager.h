@@ -13,6 +13,7 @@
 
 #include "foundation/Date.h"
 #include "foundation/FileWrapper.h"
+#include "platform/GatheredWriter.h"
 
 namespace parlova {
 
@@ -78,7 +79,6 @@ bool writeFileAtomically(const std::filesystem::path &path, std::span<const std:
                          Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
 // The same for a file whose pieces are made as it is written: `make` hands
 // them one after another to the function it is given.
-using PieceMaker = std::function<void(const std::function<void(std::string_view)> &)>;
 bool writeFileAtomically(const std::filesystem::path &path, const PieceMaker &make,
                          Durability durability = Durability::Now, Visibility visibility = Visibility::Shared);
 

@@ -56,7 +56,7 @@ TEST(MessageBytes, AreTheFrameworksOwnForEveryKindOfBody) {
   // A body made from its source comes in pieces of any size, a blank
   // before a line feed split from it too.
   const auto inPieces = [](const std::string &text) {
-    return MessageBody::madeBy([&text](const MessageBody::Piece &piece) {
+    return MessageBody::madeBy([&text](const PieceSink &piece) {
       for (size_t at = 0, size = 1; at < text.size(); at += size, size = size % 7 + 1)
         piece(std::string_view(text).substr(at, size));
     });

@@ -3,12 +3,16 @@
 // write is private from its first byte, and leftovers are found again.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 #include "platform/FileManager.h"
+#include "platform/GatheredWriter.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -97,6 +101,36 @@ TEST(FileManager, PrivateWritesArePrivateAndLeftoversOfADeadWriterAreRemoved) {
   EXPECT_FALSE(fs::exists(leftover));
   EXPECT_EQ(*readFileContents(file), bytes);
   EXPECT_FALSE(readFileContents(home.path()));
+}
+
+// Small pieces are gathered and a large one goes alone, in their order; on a
+// full disk the writer stops and keeps the failing write's reason, whatever
+// the maker does after it.
+TEST(FileManager, PiecesArriveInOrderAndAFullDiskKeepsItsReason) {
+  ScratchHome home;
+  const std::string large(100 * 1024, 'L');
+  const std::vector<std::string> pieces = {"a", std::string(70 * 1024, 's'), "b", large, "c", large, ""};
+  std::string expected;
+  for (const std::string &piece : pieces)
+    expected += piece;
+  const PieceMaker make = [&](const PieceSink &piece) {
+    for (const std::string &each : pieces) {
+      piece(each);
+      errno = EINVAL; // what the maker's own work may leave
+    }
+  };
+  const fs::path file = home.path() / "page.html";
+  ASSERT_TRUE(writeFileAtomically(file, make));
+  EXPECT_EQ(readText(file), expected);
+
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  if (full < 0)
+    GTEST_SKIP() << "no /dev/full here";
+  GatheredWriter out(full);
+  make([&out](std::string_view piece) { out.add(piece); });
+  EXPECT_FALSE(out.finish());
+  EXPECT_EQ(errno, ENOSPC);
+  close(full);
 }
 
 } // namespace
