@@ -2,7 +2,9 @@
 // window showed them.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,11 +26,15 @@ class TextAttributes final : public Object {
 public:
   using Entry = std::pair<std::string, ObjectRef>;
   TextAttributes() = default;
-  explicit TextAttributes(std::vector<Entry> entries) : entries_(std::move(entries)) {}
+  explicit TextAttributes(std::vector<Entry> entries);
+  explicit TextAttributes(std::span<const Entry> entries)
+      : TextAttributes(std::vector<Entry>(entries.begin(), entries.end())) {}
   std::string className() const override { return "NSDictionary"; }
   std::string description() const override;
-  const std::vector<Entry> &entries() const { return entries_; }
-  bool empty() const { return entries_.empty(); }
+  std::span<const Entry> entries() const {
+    return count_ <= 1 ? std::span<const Entry>(&single_, count_) : std::span<const Entry>(more_.get(), count_);
+  }
+  bool empty() const { return count_ == 0; }
   // The attribute set an archived object stands for: itself when it was
   // decoded as one, a dictionary's entries named by strings, or none.
   static std::shared_ptr<const TextAttributes> from(const ObjectRef &object);
@@ -40,15 +46,24 @@ public:
   ObjectRef valueForName(std::string_view name) const;
 
 private:
-  std::vector<Entry> entries_;
+  // Most sets of a chat are one message's link alone, so one entry is kept
+  // in place and only more go to the heap.
+  Entry single_;
+  std::unique_ptr<Entry[]> more_;
+  size_t count_ = 0;
 };
 
+// Positions and lengths count UTF-16 units; a transcript's text is far
+// below four billion of them.
 struct AttributeRun {
-  size_t location = 0;
-  size_t length = 0;
+  uint32_t location = 0;
+  uint32_t length = 0;
   std::shared_ptr<const TextAttributes> attributes;
 };
 
+// A chat holds one of these for every message, so the runs and characters
+// share one block, and a text whose every unit is below 256 keeps a byte
+// for each. The positions are those of the UTF-16 text either way.
 class AttributedString final : public Object {
 public:
   struct RunSpec {
@@ -59,23 +74,43 @@ public:
   // The runs are laid end to end from 0; runs reaching past the text are cut
   // and a text the runs do not cover gets an empty run for the rest, so that
   // the runs always cover the text exactly.
-  AttributedString(std::u16string text, const std::vector<RunSpec> &runs);
-  explicit AttributedString(std::u16string text) : AttributedString(std::move(text), {}) {}
+  AttributedString(std::u16string_view text, const std::vector<RunSpec> &runs);
+  explicit AttributedString(std::u16string_view text) : AttributedString(text, {}) {}
+  AttributedString(const AttributedString &other);
+  AttributedString(AttributedString &&other) noexcept;
+  AttributedString &operator=(const AttributedString &) = delete;
+  ~AttributedString() override;
 
   std::string className() const override { return "NSAttributedString"; }
   std::string description() const override;
 
-  const std::u16string &string() const { return text_; }
-  size_t length() const { return text_.size(); }
-  const std::vector<AttributeRun> &runs() const { return runs_; }
+  std::u16string string() const;
+  size_t length() const { return length_; }
+  std::span<const AttributeRun> runs() const { return {runArray(), runCount_}; }
+  char16_t characterAtIndex(size_t index) const {
+    return narrow_ ? static_cast<char16_t>(narrowUnits()[index]) : wideUnits()[index];
+  }
+  // Appends the units from `location` on, `count` of them.
+  void appendCharacters(std::u16string &out, size_t location, size_t count) const;
 
   // The run covering `index` (the attributes and their effective range).
   // `index` must be below length().
   const AttributeRun &attributesAtIndex(size_t index) const;
 
 private:
-  std::u16string text_;
-  std::vector<AttributeRun> runs_;
+  AttributeRun *runArray() const { return reinterpret_cast<AttributeRun *>(block_.get()); }
+  const unsigned char *narrowUnits() const {
+    return reinterpret_cast<const unsigned char *>(block_.get() + runCount_ * sizeof(AttributeRun));
+  }
+  const char16_t *wideUnits() const {
+    return reinterpret_cast<const char16_t *>(block_.get() + runCount_ * sizeof(AttributeRun));
+  }
+  void allocate(size_t runCount, size_t length, bool narrow);
+
+  std::unique_ptr<std::byte[]> block_;
+  uint32_t length_ = 0;
+  uint32_t runCount_ = 0;
+  bool narrow_ = true;
 };
 
 // Builds styled text piece by piece, as a mutable attributed string does:

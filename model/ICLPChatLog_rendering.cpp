@@ -122,12 +122,14 @@ private:
 // tags (and an attachment's label), the run's characters, its closing tags.
 // Written out that way the conversion takes linear time.
 void appendHtmlRuns(Utf8Pieces &html, const AttributedString &styled, bool escaping) {
-  const std::u16string_view characters = styled.string();
+  std::u16string characters;
   for (const AttributeRun &run : styled.runs()) {
     const RunTags tags = tagsFor(*run.attributes, escaping);
     for (const auto &opening : tags.openings)
       html += opening;
-    std::u16string_view text = characters.substr(run.location, run.length);
+    characters.clear();
+    styled.appendCharacters(characters, run.location, run.length);
+    std::u16string_view text = characters;
     if (tags.attachmentLabel) {
       // The label goes before the blank that replaces the attachment's
       // character.

@@ -71,12 +71,12 @@ std::string ICLPInstantMessage::SearchableText() const {
 }
 
 std::optional<LinkRecord> ICLPInstantMessage::allURLs() const {
-  if (isStatusMessage() || !timestamp_)
+  if (isStatusMessage() || !hasTime_)
     return std::nullopt;
   auto speaker = Speaker();
   if (!speaker)
     return std::nullopt;
-  LinkRecord record{std::move(*speaker), *timestamp_, {}};
+  LinkRecord record{std::move(*speaker), time_, {}};
   forEachNewAttributeValue(*string_, kLinkAttributeName, [&](const ObjectRef &link) {
     if (const auto text = objectAs<StringObject>(link))
       record.urls.push_back(text->value());
@@ -87,12 +87,12 @@ std::optional<LinkRecord> ICLPInstantMessage::allURLs() const {
 }
 
 std::optional<ImageRecord> ICLPInstantMessage::allImages() const {
-  if (isStatusMessage() || !timestamp_)
+  if (isStatusMessage() || !hasTime_)
     return std::nullopt;
   auto speaker = Speaker();
   if (!speaker)
     return std::nullopt;
-  ImageRecord record{std::move(*speaker), *timestamp_, {}};
+  ImageRecord record{std::move(*speaker), time_, {}};
   forEachNewAttributeValue(*string_, kAttachmentAttributeName, [&](const ObjectRef &value) {
     const auto attachment = objectAs<TextAttachment>(value);
     if (attachment && attachment->fileWrapper())

@@ -2,6 +2,8 @@
 // against archives from the sample writer and against hand-made damage.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "archiving/KeyedUnarchiver.h"
 #include "foundation/FileWrapper.h"
 #include "foundation/FoundationValues.h"
@@ -173,7 +175,7 @@ TEST(KeyedDecoding, OddAttributeListsDecodeAsTheirObjectsWould) {
   EXPECT_NE(first, second);
   ASSERT_EQ(first->entries().size(), 1u);
   EXPECT_EQ(stringValueOf(first->valueForName(kLinkAttributeName)), "http://x/");
-  EXPECT_EQ(second->entries(), first->entries());
+  EXPECT_TRUE(std::ranges::equal(second->entries(), first->entries()));
   EXPECT_EQ(items->objectAtIndex(1)->description(), "{\n    NSLink = \"http://x/\";\n    7 = <null>;\n}");
 }
 

@@ -1,8 +1,10 @@
 // Conversions between the archives' UTF-8 and the styled text's UTF-16:
 // every position a character that is not ASCII can take, and bad bytes;
-// text made safe for a terminal.
+// text made safe for a terminal; styled text kept a byte a unit where it
+// can be.
 #include <gtest/gtest.h>
 
+#include "foundation/AttributedString.h"
 #include "foundation/TerminalText.h"
 #include "foundation/Unicode.h"
 
@@ -49,6 +51,47 @@ TEST(Unicode, TextForATerminalShowsEveryControlAndSendsNone) {
   };
   for (const auto &[typed, shown] : cases)
     EXPECT_EQ(terminalLine(typed), shown) << shown;
+}
+
+// Styled text keeps a byte for each unit below 256 and two otherwise; the
+// units, runs and copies are the same whichever it chose.
+TEST(Unicode, StyledTextKeepsEveryUnitWhicheverWidthItIsKeptIn) {
+  const auto link = std::make_shared<const TextAttributes>(
+      std::vector<TextAttributes::Entry>{{"NSLink", std::make_shared<const TextAttributes>()}});
+  const std::u16string texts[] = {u"",
+                                  u"plain",
+                                  u"caf\u00E9 \u00FF!",
+                                  u"\u0100 starts wide",
+                                  u"\U0001F600 x",
+                                  u"\xD800 lone",
+                                  u"\u00E9\u20AC\u00E9"};
+  for (const std::u16string &text : texts) {
+    const AttributedString styled(text, {{1, link}, {2, nullptr}, {1, link}});
+    const AttributedString copy(styled);
+    AttributedString source(styled);
+    const AttributedString moved(std::move(source));
+    for (const AttributedString *each : {&styled, &copy, &moved}) {
+      EXPECT_EQ(each->string(), text);
+      ASSERT_EQ(each->length(), text.size());
+      std::u16string joined;
+      size_t covered = 0;
+      for (const AttributeRun &run : each->runs()) {
+        EXPECT_EQ(run.location, covered);
+        each->appendCharacters(joined, run.location, run.length);
+        covered += run.length;
+      }
+      EXPECT_EQ(joined, text);
+      for (size_t i = 0; i < text.size(); ++i)
+        EXPECT_EQ(each->characterAtIndex(i), text[i]) << i;
+      if (text.size() > 3)
+        EXPECT_EQ(each->attributesAtIndex(3).attributes, link);
+    }
+    AttributedStringBuilder twice;
+    twice.append(styled);
+    twice.append(u"\u0101");
+    twice.append(moved);
+    EXPECT_EQ(std::move(twice).build().string(), text + u"\u0101" + text);
+  }
 }
 
 } // namespace
