@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -30,6 +31,13 @@ public:
   // Every archived object becomes a GenericObject holding what was stored
   // for it, for showing an archive as it is.
   virtual void setDecodesEverythingGenerically(bool generic) = 0;
+
+  // Told now and then, while the root is decoded, how far into its bytes
+  // the decoder has read: what lies before is read again only where the
+  // archive refers back to it. A keyed archive is read anywhere and says
+  // nothing.
+  using ReadProgress = std::function<void(size_t bytesBehind)>;
+  virtual void setReadProgress(ReadProgress) {}
 
   // The root object (null for an archived nil), or why it cannot be had.
   virtual std::variant<ObjectRef, std::string> decodeRoot() = 0;

@@ -71,6 +71,10 @@ std::span<const uint8_t> TypedStreamReader::readBytes(size_t count) {
     throw ArchiveDamaged("typed stream ends inside a value");
   const auto out = bytes_.subspan(pos_, count);
   pos_ += count;
+  if (pos_ >= nextProgress_ && progress_) {
+    progress_(pos_);
+    nextProgress_ = pos_ + kProgressStep;
+  }
   return out;
 }
 

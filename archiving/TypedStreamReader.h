@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -37,6 +38,12 @@ public:
 
   bool bigEndian() const { return bigEndian_; }
   int64_t systemVersion() const { return systemVersion_; }
+  // Told the position each megabyte the stream is read on.
+  void setProgress(std::function<void(size_t)> progress) {
+    progress_ = std::move(progress);
+    nextProgress_ = pos_ + kProgressStep;
+  }
+
   bool atEnd() const { return pos_ >= bytes_.size(); }
   size_t remaining() const { return bytes_.size() - pos_; }
 
@@ -70,6 +77,22 @@ public:
   // value; each distinct string is split once.
   const std::vector<std::string> &readTypeEncodings(int8_t head);
 
+  // A view of the stream's bytes as where it lies in them, and back: a
+  // table of a million texts is kept in half the room.
+  struct Stretch {
+    uint32_t offset = 0;
+    uint32_t length = 0;
+  };
+  Stretch stretchOf(std::string_view text) const {
+    if (text.empty())
+      return {};
+    return {static_cast<uint32_t>(reinterpret_cast<const uint8_t *>(text.data()) - bytes_.data()),
+            static_cast<uint32_t>(text.size())};
+  }
+  std::string_view textOf(Stretch stretch) const {
+    return {reinterpret_cast<const char *>(bytes_.data()) + stretch.offset, stretch.length};
+  }
+
   // Turns a reference head (and what follows it) into a table index.
   size_t readReferenceIndex(int8_t head);
 
@@ -79,8 +102,11 @@ private:
   int64_t readTaggedInteger(int8_t head, bool isSigned);
   [[noreturn]] static void throwEndOfStream();
 
+  static constexpr size_t kProgressStep = size_t{1} << 20;
   std::span<const uint8_t> bytes_;
   size_t pos_ = 0;
+  std::function<void(size_t)> progress_;
+  size_t nextProgress_ = SIZE_MAX;
   bool bigEndian_ = false;
   int64_t systemVersion_ = 0;
   struct SharedString {

@@ -1,5 +1,7 @@
 #include "archiving/TypedStreamUnarchiver.h"
 
+#include <limits>
+
 #include "foundation/AttributedString.h"
 #include "foundation/FileWrapper.h"
 #include "foundation/FoundationValues.h"
@@ -246,6 +248,9 @@ private:
 
 std::variant<std::unique_ptr<TypedStreamUnarchiver>, std::string>
 TypedStreamUnarchiver::forData(std::span<const uint8_t> bytes) {
+  // Places in the stream are kept in 32 bits.
+  if (bytes.size() > std::numeric_limits<uint32_t>::max())
+    return std::string("a typed stream of 4 GiB or more is more than a transcript can be");
   auto reader = TypedStreamReader::forData(bytes);
   if (!reader)
     return std::string("not a typed stream: it does not start with a typed stream's header");
@@ -342,15 +347,15 @@ Value TypedStreamUnarchiver::readValue(const std::string &encoding) {
       const auto text = reader_.readSharedString(reader_.readHead());
       if (!text)
         throw ArchiveDamaged("a new C string that is nil");
-      table_.push_back({TableEntry::Kind::CString, static_cast<uint32_t>(texts_.size())});
-      texts_.push_back(*text);
+      addEntry({TableEntry::Kind::CString, static_cast<uint32_t>(texts_.size())});
+      texts_.push_back(reader_.stretchOf(*text));
       value.text = *text;
       return value;
     }
     const size_t index = reader_.readReferenceIndex(head);
     if (index >= table_.size() || table_[index].kind != TableEntry::Kind::CString)
       throw ArchiveDamaged("a C string reference to something else");
-    value.text = texts_[table_[index].index];
+    value.text = reader_.textOf(texts_[table_[index].index]);
     return value;
   }
   case '#':
@@ -408,7 +413,7 @@ std::optional<size_t> TypedStreamUnarchiver::readClass(int8_t head) {
     const size_t index = reader_.readReferenceIndex(head);
     if (index >= table_.size() || table_[index].kind != TableEntry::Kind::Class)
       throw ArchiveDamaged("a class reference to something else");
-    return table_[index].index;
+    return size_t{table_[index].index};
   }
   struct Literal {
     std::string_view name;
@@ -436,8 +441,14 @@ std::optional<size_t> TypedStreamUnarchiver::readClass(int8_t head) {
     classes_[first + i].archivedClass = superclass;
   }
   for (size_t i = 0; i < chain.size(); ++i)
-    table_.push_back({TableEntry::Kind::Class, static_cast<uint32_t>(first + i)});
+    addEntry({TableEntry::Kind::Class, static_cast<uint32_t>(first + i)});
   return first;
+}
+
+void TypedStreamUnarchiver::addEntry(TableEntry entry) {
+  if (table_.size() >= kMostEntries)
+    throw ArchiveDamaged("more objects than a transcript can hold");
+  table_.push_back(entry);
 }
 
 TypedStreamUnarchiver::TableEntry TypedStreamUnarchiver::keep(ObjectRef object) {
@@ -454,7 +465,7 @@ TypedStreamUnarchiver::TableEntry &TypedStreamUnarchiver::referencedEntry(int8_t
 
 TypedStreamUnarchiver::NewObject TypedStreamUnarchiver::beginNewObject() {
   const size_t index = table_.size();
-  table_.push_back({TableEntry::Kind::ObjectInProgress, 0});
+  addEntry({TableEntry::Kind::ObjectInProgress, 0});
   const auto classIndex = readClass(reader_.readHead());
   if (!classIndex)
     throw ArchiveDamaged("an object without a class");
@@ -470,7 +481,7 @@ ObjectRef TypedStreamUnarchiver::readObject(int8_t head, Purpose purpose) {
     case TableEntry::Kind::Object:
       return objects_[entry.index];
     case TableEntry::Kind::StringText:
-      entry = keep(std::make_shared<StringObject>(std::string(texts_[entry.index])));
+      entry = keep(std::make_shared<StringObject>(std::string(reader_.textOf(texts_[entry.index]))));
       return objects_[entry.index];
     case TableEntry::Kind::Date:
       return std::make_shared<DateObject>(Date(dates_[entry.index]));
@@ -503,7 +514,7 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
     const TableEntry &entry = referencedEntry(head);
     switch (entry.kind) {
     case TableEntry::Kind::StringText:
-      return texts_[entry.index];
+      return reader_.textOf(texts_[entry.index]);
     case TableEntry::Kind::Object:
       if (const auto *string = dynamic_cast<const StringObject *>(objects_[entry.index].get()))
         return std::string_view(string->value());
@@ -528,7 +539,7 @@ std::optional<std::string_view> TypedStreamUnarchiver::readStringObjectText(int8
     const std::string_view text = cursor.nextString().value_or("");
     cursor.drain(nullptr);
     table_[started.index] = {TableEntry::Kind::StringText, static_cast<uint32_t>(texts_.size())};
-    texts_.push_back(text);
+    texts_.push_back(reader_.stretchOf(text));
     return text;
   }
   ObjectRef object = decodeObjectBody(started.classIndex, Purpose::AnyObject);

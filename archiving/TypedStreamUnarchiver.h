@@ -29,6 +29,7 @@ public:
   void setClass(std::string archivedName, ClassFactory factory) override;
   // Generic objects hold their stored groups.
   void setDecodesEverythingGenerically(bool generic) override { generic_ = generic; }
+  void setReadProgress(ReadProgress progress) override { reader_.setProgress(std::move(progress)); }
   // The archive's first object, or why the stream is damaged.
   std::variant<ObjectRef, std::string> decodeRoot() override;
   // A typed stream has none.
@@ -88,9 +89,15 @@ private:
   struct TableEntry {
     // A string object is kept as its text until something needs the object,
     // a date as its time.
-    enum class Kind : uint8_t { CString, Class, Object, ObjectInProgress, StringText, Date } kind;
-    uint32_t index = 0; // in texts_, classes_, objects_ or dates_, by kind
+    enum class Kind : uint8_t { CString, Class, Object, ObjectInProgress, StringText, Date };
+    TableEntry(Kind entryKind, size_t entryIndex) : kind(entryKind), index(static_cast<uint32_t>(entryIndex)) {}
+    Kind kind : 3;
+    uint32_t index : 29; // in texts_, classes_, objects_ or dates_, by kind
   };
+  // A long chat's table holds millions of entries, four bytes each: no
+  // index can pass the number of entries, which is held below 2^29.
+  static constexpr size_t kMostEntries = size_t{1} << 29;
+  void addEntry(TableEntry entry);
   // A new entry for an object read in full.
   TableEntry keep(ObjectRef object);
   struct ClassEntry {
@@ -104,7 +111,7 @@ private:
   TypedStreamReader reader_;
   // Every C string, class and object, numbered in stream order.
   std::vector<TableEntry> table_;
-  std::vector<std::string_view> texts_; // in the stream
+  std::vector<TypedStreamReader::Stretch> texts_;
   std::vector<ObjectRef> objects_;
   std::vector<double> dates_;
   std::vector<ClassEntry> classes_;

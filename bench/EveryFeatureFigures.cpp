@@ -28,12 +28,17 @@ const std::vector<std::vector<std::string>> kMailIntoAMaildir = {{"sendEmails", 
                                                                   {"emailAddress", "me@example.org"},
                                                                   {"emailOutgoing", "parlova@example.org"}};
 
-// Mail into a Maildir, and with `everything` the history and the chat
-// library too (links and pictures are on by default).
-fs::path withFeatures(const fs::path &home, const fs::path &binaryDir, bool everything) {
+// What one run of the long transcript does beyond decoding it.
+enum class Features { MailAlone, MailAndLinks, Everything };
+
+// Mail into a Maildir; links and pictures are on by default, and off for
+// the mail alone; with every feature the history and the chat library too.
+fs::path withFeatures(const fs::path &home, const fs::path &binaryDir, Features features) {
   std::vector<std::vector<std::string>> settings = kMailIntoAMaildir;
-  if (everything)
+  if (features == Features::Everything)
     settings.insert(settings.end(), {{"keepHistory", "-bool", "YES"}, {"keepChatPages", "-bool", "YES"}});
+  if (features == Features::MailAlone)
+    settings.insert(settings.end(), {{"handleURLs", "-bool", "NO"}, {"handleImages", "-bool", "NO"}});
   for (auto setting : settings) {
     setting.insert(setting.begin(), {(binaryDir / "parlova-defaults").string(), "write", "com.hollowmere.parlova"});
     runIn(home, setting);
@@ -83,7 +88,7 @@ void printEveryFeature(const fs::path &binaryDir) {
 
   const ChildRun defaults = runIn(makeHome(root, "defaults", backlog, transcripts, binaryDir),
                                   {parlova, "--catch-up", "--quiet"});
-  const fs::path everyHome = withFeatures(makeHome(root, "every", backlog, transcripts, binaryDir), binaryDir, true);
+  const fs::path everyHome = withFeatures(makeHome(root, "every", backlog, transcripts, binaryDir), binaryDir, Features::Everything);
   const ChildRun every = runIn(everyHome, {parlova, "--catch-up", "--quiet"});
   if (transcriptsWaiting(everyHome) > 0)
     std::printf("(some transcripts were not processed: the figures below mean little)\n");
@@ -97,8 +102,8 @@ void printEveryFeature(const fs::path &binaryDir) {
               "catch-up, every feature on: the floor", floor, "s", defaults.seconds, defaults.peakMiB, every.peakMiB);
 
   // The transcript of 65 MB: decoded alone (what holding it takes), then
-  // loaded, rendered and mailed with its links archived (on by default),
-  // then with every feature.
+  // loaded, rendered and mailed, then with its links and pictures archived
+  // as by default, then with every feature.
   const fs::path hugeFile = root / "somebuddy on 2007-05-04 at 10.00.chat";
   samples::writeFile(hugeFile, samples::typedStreamTranscript(samples::longStyledChat(370000)));
   const double megabytes = static_cast<double>(fs::file_size(hugeFile)) / (1 << 20);
@@ -106,20 +111,23 @@ void printEveryFeature(const fs::path &binaryDir) {
   const ChildRun decoded = runIn(root, {(binaryDir / "parlova-inspect").string(), hugeFile.string()});
   line("a transcript of 65 MB, decoded alone: peak", decoded.peakMiB, "MiB", size, decoded.peakMiB / megabytes,
        "none: a yardstick");
-  for (const bool everything : {false, true}) {
-    const fs::path home = withFeatures(makeHome(root, everything ? "huge-every" : "huge-mail", backlog, {}, binaryDir),
-                                       binaryDir, everything);
+  struct Run {
+    Features features;
+    const char *home;
+    std::string name;
+  };
+  for (const Run &run : {Run{Features::MailAlone, "huge-mail", "one run of it, mailed"},
+                         Run{Features::MailAndLinks, "huge-links", "one run of it, mail and links"},
+                         Run{Features::Everything, "huge-every", "one run of it, every feature"}}) {
+    const fs::path home = withFeatures(makeHome(root, run.home, backlog, {}, binaryDir), binaryDir, run.features);
     const fs::path huge = home / "Documents/iChats" / hugeFile.filename();
     fs::create_directories(huge.parent_path());
     fs::copy_file(hugeFile, huge);
     const ChildRun one = runIn(home, {parlova});
     if (transcriptsWaiting(home) > 0)
       std::printf("(the transcript of %.0f MiB was not processed: the figure below means little)\n", megabytes);
-    line(everything ? "one run of it, every feature: peak" : "one run of it, mail and links: peak",
-         one.peakMiB, "MiB", size, one.peakMiB / megabytes, "<= 4");
-    std::printf("%-44s %9.2f %-5s\n",
-                everything ? "one run of it, every feature: time" : "one run of it, mail and links: time", one.seconds,
-                "s");
+    line((run.name + ": peak").c_str(), one.peakMiB, "MiB", size, one.peakMiB / megabytes, "<= 4");
+    std::printf("%-44s %9.2f %-5s\n", (run.name + ": time").c_str(), one.seconds, "s");
   }
   removeWhenDone(root);
 }

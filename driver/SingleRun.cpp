@@ -17,6 +17,7 @@
 #include "platform/FileManager.h"
 #include "platform/Home.h"
 #include "platform/Log.h"
+#include "platform/MappedFile.h"
 #include "platform/Pause.h"
 
 namespace parlova {
@@ -73,14 +74,24 @@ int runOnce(const RunOptions &options) {
       logFormat("Processing %@", *entry);
 
     const std::string path = (chatFolder / *entry).string();
-    // An unreadable file decodes as no data at all. The bytes go once
-    // decoded and named: a transcript may be tens of megabytes.
+    // An unreadable file decodes as no data at all. A transcript may be
+    // tens of megabytes: its pages are let go as the decoder passes them,
+    // and the file is gone once decoded and named. One cut short meanwhile
+    // is left for a later run, as one that cannot be read.
     std::optional<ICLPChatLog> log;
     std::string contentKey;
     if (ICLPChatLog::hasTranscriptExtension(path)) {
-      const std::vector<uint8_t> contents = readFileContents(path).value_or(std::vector<uint8_t>{});
-      log = ICLPChatLog::initWithFileContents(path, contents);
-      contentKey = TranscriptJournal::identityOf(contents).key();
+      if (auto file = MappedFile::open(path)) {
+        contentKey = TranscriptJournal::identityOf(file->bytes()).key();
+        file->release(file->bytes().size());
+        log = ICLPChatLog::initWithFileContents(path, file->bytes(),
+                                                [&file](size_t behind) { file->release(behind); });
+        if (file->cutShort())
+          log.reset();
+      } else {
+        log = ICLPChatLog::initWithFileContents(path, {});
+        contentKey = TranscriptJournal::identityOf({}).key();
+      }
     }
     if (options.pause)
       pauseFor(*options.pause);

@@ -19,10 +19,15 @@ constexpr std::string_view kBatch = "batch";
 
 // FNV-1a: enough to tell a transcript from a changed or different one; it
 // guards against accidents, not against anyone.
-std::string digestOf(std::span<const uint8_t> bytes) {
-  uint64_t hash = 0xcbf29ce484222325ull;
+constexpr uint64_t kDigestStart = 0xcbf29ce484222325ull;
+
+uint64_t digestFurther(uint64_t hash, std::span<const uint8_t> bytes) {
   for (const uint8_t byte : bytes)
     hash = (hash ^ byte) * 0x100000001b3ull;
+  return hash;
+}
+
+std::string digestText(uint64_t hash) {
   char text[17];
   std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
   return text;
@@ -33,15 +38,20 @@ std::string digestOf(std::span<const uint8_t> bytes) {
 TranscriptJournal::TranscriptJournal(fs::path parlovaFolder)
     : parlovaFolder_(std::move(parlovaFolder)), folder_(parlovaFolder_ / ".journal") {}
 
+// Read a stretch at a time: a transcript may be tens of megabytes.
 std::optional<TranscriptJournal::Identity> TranscriptJournal::identify(const fs::path &transcript) {
-  const auto bytes = readFileContents(transcript);
-  if (!bytes)
+  uint64_t hash = kDigestStart;
+  size_t size = 0;
+  if (!readFileInPieces(transcript, [&](std::span<const uint8_t> piece) {
+        hash = digestFurther(hash, piece);
+        size += piece.size();
+      }))
     return std::nullopt;
-  return identityOf(*bytes);
+  return Identity{size, digestText(hash)};
 }
 
 TranscriptJournal::Identity TranscriptJournal::identityOf(std::span<const uint8_t> contents) {
-  return Identity{contents.size(), digestOf(contents)};
+  return Identity{contents.size(), digestText(digestFurther(kDigestStart, contents))};
 }
 
 PlistValue TranscriptJournal::existedBefore() const {

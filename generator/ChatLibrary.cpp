@@ -100,7 +100,7 @@ std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
   }
   const fs::path images = ICLPLogGenerator::parlovaFolder() / "Images";
   size_t from = 0;
-  for (const ImageRecord &item : log.GatheredImages())
+  log.forEachImageRecord([&](const ImageRecord &item) {
     for (const auto &attachment : item.images) {
       const auto &name = attachment->preferredFilename();
       const std::string label = name && !name->empty() ? "[" + escaping.text(*name) + "]" : "[attached item]";
@@ -116,6 +116,7 @@ std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
       html.replace(at, label.size(), link);
       from = at + link.size();
     }
+  });
   return html;
 }
 

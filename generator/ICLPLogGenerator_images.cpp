@@ -253,9 +253,10 @@ size_t ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *
   std::optional<ListsAddedTo> added;
   if (archive)
     added.emplace(*archive, "filenames");
-  for (const ImageRecord &item : log.GatheredImages()) {
+  // A record at a time: a long chat's records take as much memory again.
+  log.forEachImageRecord([&](const ImageRecord &item) {
     if (item.images.empty())
-      continue;
+      return;
     PlistValue::Array *list = FindImagesArray(item.speaker, archive);
     if (!list && archive) {
       PlistValue entry(PlistValue::Dictionary{{"speaker", item.speaker}, {"filenames", PlistValue::Array{}}});
@@ -282,7 +283,7 @@ size_t ICLPLogGenerator::StoreImages(const ICLPChatLog &log, PlistValue::Array *
         asStored(entry);
       list->push_back(std::move(entry));
     }
-  }
+  });
   if (!archive)
     return count;
   if (sorting == Sorting::EveryList)

@@ -103,8 +103,8 @@ ICLPLogGenerator::ChatCounts ICLPLogGenerator::CountChat(const ICLPChatLog &log,
   const WordSet *netspeakSet = lists.netspeak ? &*lists.netspeak : nullptr;
   const auto words = log.CountWordsInSets(curseSet, netspeakSet);
   ChatCounts counts{words.user, words.others};
-  for (const ImageRecord &item : log.GatheredImages())
-    counts.pictures += static_cast<int64_t>(item.images.size());
+  log.forEachImageRecord(
+      [&counts](const ImageRecord &item) { counts.pictures += static_cast<int64_t>(item.images.size()); });
   log.forEachURLRecord([&counts](const LinkRecord &item) { counts.links += static_cast<int64_t>(item.urls.size()); });
   return counts;
 }

@@ -4,6 +4,7 @@
 #include "foundation/FoundationValues.h"
 #include "model/ICLPPerson.h"
 #include "platform/FileManager.h"
+#include "platform/MappedFile.h"
 
 namespace parlova {
 namespace {
@@ -47,20 +48,30 @@ std::string ICLPChatLog::reasonNotLoaded(const std::filesystem::path &path) {
 std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::path &path) {
   if (!hasTranscriptExtension(path))
     return std::nullopt;
-  // An unreadable file decodes as no data at all.
-  return initWithFileContents(path, readFileContents(path).value_or(std::vector<uint8_t>{}));
+  // An unreadable file decodes as no data at all. A long transcript's pages
+  // are let go as the decoder passes them; one cut short meanwhile is no
+  // transcript this time.
+  auto file = MappedFile::open(path);
+  if (!file)
+    return initWithFileContents(path, {});
+  auto log = initWithFileContents(path, file->bytes(), [&file](size_t behind) { file->release(behind); });
+  if (file->cutShort())
+    return std::nullopt;
+  return log;
 }
 
 std::optional<ICLPChatLog> ICLPChatLog::initWithFileContents(const std::filesystem::path &path,
-                                                             std::span<const uint8_t> contents) {
-  auto loaded = load(path, contents);
+                                                             std::span<const uint8_t> contents,
+                                                             const ArchiveDecoder::ReadProgress &progress) {
+  auto loaded = load(path, contents, progress);
   if (auto *log = std::get_if<ICLPChatLog>(&loaded))
     return std::move(*log);
   return std::nullopt;
 }
 
 std::variant<ICLPChatLog, std::string> ICLPChatLog::load(const std::filesystem::path &path,
-                                                         std::span<const uint8_t> contents) {
+                                                         std::span<const uint8_t> contents,
+                                                         const ArchiveDecoder::ReadProgress &progress) {
   const std::string fileName = path.filename().string();
   const std::string extension = pathExtension(fileName);
   Format format;
@@ -73,7 +84,7 @@ std::variant<ICLPChatLog, std::string> ICLPChatLog::load(const std::filesystem::
 
   // The contents are decoded before the file's name is looked at.
   const auto on = fileName.rfind(" on ");
-  auto log = decodeArchive(contents, format, on == std::string::npos ? "" : fileName.substr(0, on));
+  auto log = decodeArchive(contents, format, on == std::string::npos ? "" : fileName.substr(0, on), progress);
   if (on == std::string::npos)
     return std::string("not a transcript: the file name has no \" on \" before the date");
   return log;
@@ -88,34 +99,39 @@ std::optional<ICLPChatLog> ICLPChatLog::initWithArchiveData(std::span<const uint
 }
 
 std::variant<ICLPChatLog, std::string> ICLPChatLog::decodeArchive(std::span<const uint8_t> data, Format format,
-                                                                  std::string primaryOtherParty) {
+                                                                  std::string primaryOtherParty,
+                                                                  const ArchiveDecoder::ReadProgress &progress) {
   ICLPChatLog log;
   log.format_ = format;
-  const std::optional<std::string> damage = format == Format::iChat2 ? log.LoadiChat2Data(data) : log.LoadiChat3Data(data);
+  const std::optional<std::string> damage = format == Format::iChat2 ? log.LoadiChat2Data(data, progress) : log.LoadiChat3Data(data);
   if (damage)
     return *damage;
   log.primaryOtherParty_ = std::move(primaryOtherParty);
   return log;
 }
 
-std::optional<std::string> ICLPChatLog::LoadiChat2Data(std::span<const uint8_t> data) {
-  return loadArchive(data, ArchiveDecoder::Format::TypedStream);
+std::optional<std::string> ICLPChatLog::LoadiChat2Data(std::span<const uint8_t> data,
+                                                       const ArchiveDecoder::ReadProgress &progress) {
+  return loadArchive(data, ArchiveDecoder::Format::TypedStream, progress);
 }
 
 std::optional<std::string> ICLPChatLog::LoadiChat3Data(std::span<const uint8_t> data) {
-  return loadArchive(data, ArchiveDecoder::Format::Keyed);
+  return loadArchive(data, ArchiveDecoder::Format::Keyed, {});
 }
 
 // A file that did not decode to an array is no transcript; one whose array
 // is merely short or odd inside still loads, and the accessors guard every
 // use of it.
-std::optional<std::string> ICLPChatLog::loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format) {
+std::optional<std::string> ICLPChatLog::loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format,
+                                                    const ArchiveDecoder::ReadProgress &progress) {
   const std::string kind = format == ArchiveDecoder::Format::TypedStream ? "the iChat 2 typed stream" : "the keyed archive";
   auto opened = openArchive(data, format);
   if (const auto *why = std::get_if<std::string>(&opened))
     return *why;
   ArchiveDecoder &archive = *std::get<std::unique_ptr<ArchiveDecoder>>(opened);
   substituteProgramClasses(archive);
+  if (progress)
+    archive.setReadProgress(progress);
   const auto root = archive.decodeRoot();
   if (const auto *why = std::get_if<std::string>(&root))
     return kind + " is damaged: " + *why;

@@ -26,16 +26,19 @@ public:
   // " on ", or contents that do not decode to a transcript root.
   static std::optional<ICLPChatLog> initWithFilePath(const std::filesystem::path &path);
   // The same for `contents`, read from `path` by the caller, who wants
-  // the very bytes that were decoded (to know them again later).
+  // the very bytes that were decoded (to know them again later). `progress`
+  // hears how far the decoder has read, where the format says.
   static std::optional<ICLPChatLog> initWithFileContents(const std::filesystem::path &path,
-                                                         std::span<const uint8_t> contents);
+                                                         std::span<const uint8_t> contents,
+                                                         const ArchiveDecoder::ReadProgress &progress = {});
   // The extension is exactly "chat" or "ichat".
   static bool hasTranscriptExtension(const std::filesystem::path &path);
   // The same, or why `contents` are no transcript: the file name, or the
   // decoder's own reason ("the keyed archive is damaged: a reference to
   // object 812, past the end of the table of 40 objects").
   static std::variant<ICLPChatLog, std::string> load(const std::filesystem::path &path,
-                                                     std::span<const uint8_t> contents);
+                                                     std::span<const uint8_t> contents,
+                                                     const ArchiveDecoder::ReadProgress &progress = {});
   // Why initWithFilePath gives nothing for `path`: its extension, a file
   // that cannot be read, then as load() says.
   static std::string reasonNotLoaded(const std::filesystem::path &path);
@@ -75,6 +78,7 @@ public:
   // records take as much memory again as its links.
   void forEachURLRecord(const std::function<void(const LinkRecord &)> &visit) const;
   std::vector<ImageRecord> GatheredImages() const;
+  void forEachImageRecord(const std::function<void(const ImageRecord &)> &visit) const;
   // Words said by the other party (the messages whose display name is the
   // name in the file name) and by everybody else: in a group chat all other
   // participants count as the user. A null set counts every word.
@@ -124,11 +128,14 @@ public:
 private:
   ICLPChatLog() = default;
   static std::variant<ICLPChatLog, std::string> decodeArchive(std::span<const uint8_t> data, Format format,
-                                                              std::string primaryOtherParty);
+                                                              std::string primaryOtherParty,
+                                                              const ArchiveDecoder::ReadProgress &progress = {});
   // Fill the loaded array from an archive's bytes; or why they hold none.
-  std::optional<std::string> LoadiChat2Data(std::span<const uint8_t> data);
+  std::optional<std::string> LoadiChat2Data(std::span<const uint8_t> data,
+                                            const ArchiveDecoder::ReadProgress &progress = {});
   std::optional<std::string> LoadiChat3Data(std::span<const uint8_t> data);
-  std::optional<std::string> loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format);
+  std::optional<std::string> loadArchive(std::span<const uint8_t> data, ArchiveDecoder::Format format,
+                                         const ArchiveDecoder::ReadProgress &progress);
   // An element of the root that should be an array; null when the root is
   // too short or holds something else there.
   std::shared_ptr<const ArrayObject> rootArray(size_t index) const;

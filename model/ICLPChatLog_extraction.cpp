@@ -31,6 +31,12 @@ std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
   return gather(messages(), &ICLPInstantMessage::allImages);
 }
 
+void ICLPChatLog::forEachImageRecord(const std::function<void(const ImageRecord &)> &visit) const {
+  for (const auto &message : messages())
+    if (const auto record = message->allImages())
+      visit(*record);
+}
+
 // The other party is whoever the file is named after; every other speaker,
 // in a group chat too, counts as the user.
 ICLPChatLog::SidesWordCounts ICLPChatLog::CountWordsInSets(const WordSet *first, const WordSet *second) const {

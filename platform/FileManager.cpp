@@ -66,34 +66,48 @@ bool fileExistsAtPath(const fs::path &path) {
   return fs::exists(fs::symlink_status(path, error));
 }
 
-std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
+namespace {
+
+// Reads the file at `path` to its end: the size it has when opened is
+// only a hint, and a file that grows meanwhile is read to its end.
+// `take` gets each stretch as it is read, `sized` the size first.
+bool readToEnd(const fs::path &path, const std::function<void(size_t)> &sized,
+               const std::function<void(std::span<const uint8_t>)> &take) {
   std::error_code error;
   if (!fs::is_regular_file(path, error))
-    return std::nullopt;
+    return false;
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file)
-    return std::nullopt;
+    return false;
   const int fd = file.get();
   struct stat status{};
-  std::vector<uint8_t> bytes(fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<size_t>(status.st_size) : 0);
-  size_t have = 0;
-  // The size is a hint: a file that grows meanwhile is read to its end.
-  uint8_t probe[4096];
+  sized(fstat(fd, &status) == 0 && status.st_size > 0 ? static_cast<size_t>(status.st_size) : 0);
+  std::vector<uint8_t> stretch(64 * 1024);
   while (true) {
-    const bool full = have == bytes.size();
-    const ssize_t got = full ? read(fd, probe, sizeof probe) : read(fd, bytes.data() + have, bytes.size() - have);
+    const ssize_t got = read(fd, stretch.data(), stretch.size());
     if (got < 0 && errno == EINTR)
       continue;
     if (got < 0)
-      return std::nullopt;
+      return false;
     if (got == 0)
-      break;
-    if (full)
-      bytes.insert(bytes.end(), probe, probe + got);
-    have += static_cast<size_t>(got);
+      return true;
+    take(std::span<const uint8_t>(stretch.data(), static_cast<size_t>(got)));
   }
-  bytes.resize(have);
+}
+
+} // namespace
+
+std::optional<std::vector<uint8_t>> readFileContents(const fs::path &path) {
+  std::vector<uint8_t> bytes;
+  if (!readToEnd(
+          path, [&bytes](size_t size) { bytes.reserve(size); },
+          [&bytes](std::span<const uint8_t> stretch) { bytes.insert(bytes.end(), stretch.begin(), stretch.end()); }))
+    return std::nullopt;
   return bytes;
+}
+
+bool readFileInPieces(const fs::path &path, const std::function<void(std::span<const uint8_t>)> &piece) {
+  return readToEnd(path, [](size_t) {}, piece);
 }
 
 namespace {

@@ -49,6 +49,10 @@ std::optional<Date> creationDateOfItem(const std::filesystem::path &path);
 
 // Nothing when the file cannot be read (missing, a folder, no permission).
 std::optional<std::vector<uint8_t>> readFileContents(const std::filesystem::path &path);
+// The same bytes handed to `piece` a stretch at a time, never held whole;
+// false when the file cannot be read (then some pieces may have been seen).
+bool readFileInPieces(const std::filesystem::path &path,
+                      const std::function<void(std::span<const uint8_t>)> &piece);
 
 // A name for a temporary file or folder beside `path`, kept short so that a
 // target name near the file system's limit still has room for it.

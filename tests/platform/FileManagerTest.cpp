@@ -13,6 +13,7 @@
 
 #include "platform/FileManager.h"
 #include "platform/GatheredWriter.h"
+#include "platform/MappedFile.h"
 #include "tests/support/ToolTestSupport.h"
 
 namespace parlova::testing {
@@ -131,6 +132,47 @@ TEST(FileManager, PiecesArriveInOrderAndAFullDiskKeepsItsReason) {
   EXPECT_FALSE(out.finish());
   EXPECT_EQ(errno, ENOSPC);
   close(full);
+}
+
+// A transcript is mapped, not read: its pages let go come back when read
+// again, and one cut short under the mapping reads as zeros past the cut
+// and says so, where the read would otherwise end the process. A file read
+// in pieces is the same bytes as one read whole.
+TEST(FileManager, AMappedFileLetsItsPagesGoAndOneCutShortSaysSo) {
+  ScratchHome home;
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  std::string written(5 * page + 123, 'x');
+  for (size_t i = 0; i < written.size(); i += 7)
+    written[i] = static_cast<char>('a' + i % 26);
+  const fs::path file = home.path() / "buddy on 2007-05-04 at 10.00.chat";
+  ASSERT_TRUE(writeFileAtomically(file, std::span(reinterpret_cast<const uint8_t *>(written.data()), written.size())));
+  std::string pieces;
+  ASSERT_TRUE(readFileInPieces(file, [&](std::span<const uint8_t> piece) { pieces.append(piece.begin(), piece.end()); }));
+  EXPECT_EQ(pieces, written);
+
+  auto mapped = MappedFile::open(file);
+  ASSERT_TRUE(mapped);
+  const auto text = [&] { return std::string(mapped->bytes().begin(), mapped->bytes().end()); };
+  EXPECT_EQ(text(), written);
+  mapped->release(3 * page + 1);
+  EXPECT_EQ(text(), written) << "pages let go come back from the file";
+  EXPECT_FALSE(mapped->cutShort());
+
+  mapped->release(written.size());
+  ASSERT_EQ(truncate(file.c_str(), static_cast<off_t>(2 * page)), 0);
+  std::string expected = written.substr(0, 2 * page) + std::string(written.size() - 2 * page, '\0');
+  EXPECT_EQ(text(), expected);
+  EXPECT_TRUE(mapped->cutShort());
+
+  auto again = MappedFile::open(file);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->bytes().size(), 2 * page);
+  EXPECT_FALSE(again->cutShort()) << "a new mapping starts without the old one's cut";
+  EXPECT_FALSE(MappedFile::open(home.path() / "nothing there.chat"));
+  ASSERT_TRUE(writeFileAtomically(file, std::span<const uint8_t>()));
+  const auto empty = MappedFile::open(file);
+  ASSERT_TRUE(empty);
+  EXPECT_TRUE(empty->bytes().empty());
 }
 
 } // namespace
