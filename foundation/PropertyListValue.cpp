@@ -102,8 +102,10 @@ public:
   }
 
   // The same handed out in pieces of up to 64 KiB as it is made.
-  static void document(const PlistValue &root, const std::function<void(std::string_view)> &piece) {
+  static void document(const PlistValue &root, const std::function<void(std::string_view)> &piece,
+                       const PlistValue::ArrayStandIn *standIn = nullptr) {
     DirectXml writer(&piece);
+    writer.standIn_ = standIn;
     writer.pending_.reserve(kPieceSize);
     writer.write(root);
     writer.handOn();
@@ -212,6 +214,12 @@ private:
       leaf("date", std::string_view(number, std::strftime(number, sizeof number, "%Y-%m-%dT%H:%M:%SZ", &parts)),
            depth);
     } else if (const auto *items = value.get<PlistValue::Array>()) {
+      if (const auto size = standIn_ ? standIn_->size(*items) : std::nullopt) {
+        container("array", *size == 0, depth, [&] {
+          standIn_->items(*items, [&](const PlistValue &item) { write(item, depth + 1); });
+        });
+        return;
+      }
       container("array", items->empty(), depth, [&] {
         for (const PlistValue &item : *items)
           write(item, depth + 1);
@@ -239,6 +247,7 @@ private:
   }
 
   const std::function<void(std::string_view)> *piece_;
+  const PlistValue::ArrayStandIn *standIn_ = nullptr;
   size_t size_ = 0;
   std::string pending_;
 };
@@ -314,6 +323,13 @@ std::vector<uint8_t> PlistValue::serialized(PlistFormat format) const {
 }
 
 bool PlistValue::writesXmlItself() const { return DirectXml::covers(*this); }
+
+bool PlistValue::writeXml(const std::function<void(std::string_view)> &piece, const ArrayStandIn &standIn) const {
+  if (!writesXmlItself())
+    return false;
+  DirectXml::document(*this, piece, &standIn);
+  return true;
+}
 
 bool PlistValue::writeXml(const std::function<void(std::string_view)> &piece) const {
   if (writesXmlItself()) {

@@ -53,6 +53,17 @@ public:
   // of a decade's links is never held as text; false, with nothing handed
   // out, when the tree cannot be turned into XML.
   bool writeXml(const std::function<void(std::string_view)> &piece) const;
+  // Arrays written other than they are held, for a tree that would gain a
+  // great many items only to be written: for an array it takes over,
+  // `size` gives how many items to write in its place (nothing for one
+  // written as held) and `items` hands them to the writer in order.
+  struct ArrayStandIn {
+    std::function<std::optional<size_t>(const Array &)> size;
+    std::function<void(const Array &, const std::function<void(const PlistValue &)> &)> items;
+  };
+  // writeXml with the stand-in, for a tree that writesXmlItself; false with
+  // nothing handed out for any other.
+  bool writeXml(const std::function<void(std::string_view)> &piece, const ArrayStandIn &standIn) const;
 
   template <class T> T *get() { return std::get_if<T>(&storage_); }
   template <class T> const T *get() const { return std::get_if<T>(&storage_); }

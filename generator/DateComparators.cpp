@@ -4,8 +4,6 @@
 
 namespace parlova {
 
-namespace {
-
 std::weak_ordering compareOptionalDates(const std::optional<Date> &a, const std::optional<Date> &b) {
   // Hand-edited archives may lack a date; such entries order before all
   // others, which keeps the ordering consistent for sorting.
@@ -19,8 +17,6 @@ std::weak_ordering compareOptionalDates(const std::optional<Date> &a, const std:
     return std::weak_ordering::greater;
   return std::weak_ordering::equivalent;
 }
-
-} // namespace
 
 std::weak_ordering compareLinkDictionaries(const PlistValue &first, const PlistValue &second, void *) {
   return compareOptionalDates(first.dateForKey("date"), second.dateForKey("date"));

@@ -2,12 +2,15 @@
 #pragma once
 
 #include <compare>
+#include <optional>
 #include <string_view>
 
 #include "foundation/PropertyListValue.h"
 
 namespace parlova {
 
+// Dates, earliest first; no date counts as earliest.
+std::weak_ordering compareOptionalDates(const std::optional<Date> &a, const std::optional<Date> &b);
 // Link entries by their "date", earliest first; an entry without a date
 // counts as earliest.
 std::weak_ordering compareLinkDictionaries(const PlistValue &first, const PlistValue &second,

@@ -44,6 +44,11 @@ bool writeArchiveXml(const std::filesystem::path &path, const PlistValue &archiv
   return writeArchiveFile(path, [&archive](const auto &piece) { archive.writeXml(piece); });
 }
 
+bool writeArchiveXml(const std::filesystem::path &path, const PlistValue &archive,
+                     const PlistValue::ArrayStandIn &standIn) {
+  return writeArchiveFile(path, [&](const auto &piece) { archive.writeXml(piece, standIn); });
+}
+
 std::optional<PlistValue> loadGatheredArchive(const std::filesystem::path &path) {
   if (!fileExistsAtPath(path)) {
     PlistValue::Array empty;

@@ -29,6 +29,10 @@ bool writeArchive(const std::filesystem::path &path, std::span<const uint8_t> by
 // The same for the archive's XML, made as it is written; false, with nothing
 // written, when the archive cannot be turned into XML.
 bool writeArchiveXml(const std::filesystem::path &path, const PlistValue &archive);
+// The same with some lists written through a stand-in, for an archive the
+// XML writer covers.
+bool writeArchiveXml(const std::filesystem::path &path, const PlistValue &archive,
+                     const PlistValue::ArrayStandIn &standIn);
 
 // Sorts the list under `listKey` of every entry, not only of those a
 // transcript touched; equal dates keep their order.

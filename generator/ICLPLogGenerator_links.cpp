@@ -6,8 +6,10 @@
 #include "generator/DateComparators.h"
 #include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/JoinedLinks.h"
 #include "generator/PageText.h"
 #include "model/ICLPChatLog.h"
+#include "model/ICLPInstantMessage.h"
 #include "platform/FileManager.h"
 #include "platform/Log.h"
 #include "platform/SafeFileName.h"
@@ -23,9 +25,12 @@ constexpr std::string_view kLinkItem = R"(<li><span><a href="%@" target="_blank"
 // An address that may not become a link, with escaping on: shown as text.
 constexpr std::string_view kTextItem = R"(<li><span>%@ -- %@, %@</span></li>)";
 
+// An address stored in the archive, or one of a chat's links joined to it.
 struct Link {
   Date date;
-  const std::string *url;
+  const std::string *stored;
+  const Object *joined;
+  std::string address() const { return stored ? *stored : ICLPInstantMessage::addressOfLink(*joined); }
 };
 
 // A speaker entry as the pages see it; entries damaged by hand (no name, no
@@ -37,21 +42,32 @@ struct SpeakerLinks {
   std::string pageStem;
 };
 
-std::vector<SpeakerLinks> pageView(const PlistValue::Array &archive) {
+std::vector<SpeakerLinks> pageView(const PlistValue::Array &archive, const JoinedLinks *joined) {
   std::vector<SpeakerLinks> speakers;
-  for (const PlistValue &entry : archive) {
-    const std::string *name = entry.stringForKey("speaker");
-    const PlistValue *list = entry.objectForKey("urls");
+  for (size_t entry = 0; entry < archive.size(); ++entry) {
+    const std::string *name = archive[entry].stringForKey("speaker");
+    const PlistValue *list = archive[entry].objectForKey("urls");
     const auto *items = list ? list->get<PlistValue::Array>() : nullptr;
     if (!name || !items)
       continue;
     SpeakerLinks speaker{name, {}, safeFileStem(*name, ".html", ICLPLogGenerator::ownFileNames())};
-    speaker.links.reserve(items->size());
-    for (const PlistValue &item : *items) {
+    const auto take = [&speaker](const PlistValue &item) {
       const auto date = item.dateForKey("date");
       const std::string *url = item.stringForKey("linkurl");
       if (date && url)
-        speaker.links.push_back({*date, url});
+        speaker.links.push_back({*date, url, nullptr});
+    };
+    if (joined && joined->joins(entry)) {
+      joined->forEachItem(entry, [&](const PlistValue *stored, Date date, const Object *link) {
+        if (stored)
+          take(*stored);
+        else
+          speaker.links.push_back({date, nullptr, link});
+      });
+    } else {
+      speaker.links.reserve(items->size());
+      for (const PlistValue &item : *items)
+        take(item);
     }
     speakers.push_back(std::move(speaker));
   }
@@ -127,10 +143,11 @@ void writeLinkItems(const SpeakerLinks &speaker, size_t from, size_t to, const P
   const std::string who = escaping.text(*speaker.name);
   for (size_t at = from; at < to; ++at) {
     const Link &link = speaker.links[at];
-    const std::string shown = escaping.text(ICLPLogGenerator::CompressedLinkForList(*link.url));
+    const std::string address = link.address();
+    const std::string shown = escaping.text(ICLPLogGenerator::CompressedLinkForList(address));
     const std::string when = formatCalendarDate(link.date, "%a %B %e, %I:%M%p");
-    piece(escaping.linkable(*link.url) ? fillFormat(kLinkItem, {escaping.text(*link.url), shown, who, when})
-                                       : fillFormat(kTextItem, {shown, who, when}));
+    piece(escaping.linkable(address) ? fillFormat(kLinkItem, {escaping.text(address), shown, who, when})
+                                     : fillFormat(kTextItem, {shown, who, when}));
   }
 }
 
@@ -142,11 +159,11 @@ std::string filledTemplate(const std::string &pageTemplate, std::string_view nam
   return page;
 }
 
-void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder) {
+void generateLinkPages(const PlistValue::Array &archive, const fs::path &folder, const JoinedLinks *joined) {
   const auto pageTemplate = readTemplate(folder / "linktemplate.html");
   if (!pageTemplate)
     return;
-  const std::vector<SpeakerLinks> speakers = pageView(archive);
+  const std::vector<SpeakerLinks> speakers = pageView(archive, joined);
   size_t total = 0;
   for (const SpeakerLinks &speaker : speakers)
     total += speaker.links.size();
@@ -219,35 +236,49 @@ size_t ICLPLogGenerator::MergeLinks(const ICLPChatLog &log, PlistValue::Array &a
   return count;
 }
 
-void ICLPLogGenerator::RebuildLinkPages(const PlistValue::Array &archive) { generateLinkPages(archive, parlovaFolder()); }
+void ICLPLogGenerator::RebuildLinkPages(const PlistValue::Array &archive) {
+  generateLinkPages(archive, parlovaFolder(), nullptr);
+}
 
 void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog *log) {
   const fs::path folder = parlovaFolder();
   const fs::path archivePath = folder / "gatheredURLs.plist";
   std::optional<PlistValue> archive = loadGatheredArchive(archivePath);
+  PlistValue::Array *links = archive ? archive->get<PlistValue::Array>() : nullptr;
 
+  // A chat's links join the archive only as it is written, where the XML
+  // writer covers the archive: a long chat's links would otherwise be
+  // held twice, in the chat and as items. The archive is serialized and
+  // written a second time, as it always was; only a failure to serialize
+  // is looked at.
+  std::optional<JoinedLinks> joined;
   if (log) {
-    if (archive)
-      MergeLinks(*log, *archive->get<PlistValue::Array>(), {}, Sorting::EveryList);
-    // Written as it is made: the archive may hold every link of a decade.
-    if (!archive || !writeArchiveXml(archivePath, *archive)) {
+    if (archive && archive->writesXmlItself())
+      joined.emplace(*log, *links);
+    else if (archive)
+      MergeLinks(*log, *links, {}, Sorting::EveryList);
+    const auto written = [&](const PieceSink &piece) {
+      if (joined)
+        archive->writeXml(piece, joined->standIn());
+      else
+        archive->writeXml(piece);
+    };
+    if (!archive || !(joined ? writeArchiveXml(archivePath, *archive, joined->standIn())
+                             : writeArchiveXml(archivePath, *archive))) {
       logFormat("Link file failed to write to path: %@", archivePath.string());
       reportErrorAndLog(1, "permissions");
       return;
     }
-    // The archive is serialized and written a second time, as it always
-    // was; only a failure to serialize is looked at.
     if (!archive->writesXmlItself() && archive->serialized(PlistFormat::XML).empty()) {
       logFormat("Error while serializing link database: %@", "the link archive could not be turned into XML");
       reportErrorAndLog(4, "corrupt cache");
       return;
     }
-    writeFileAtomically(
-        archivePath, [&](const auto &piece) { archive->writeXml(piece); }, Durability::Now, Visibility::Private);
+    writeFileAtomically(archivePath, written, Durability::Now, Visibility::Private);
   }
 
   static const PlistValue::Array kNoLinks;
-  generateLinkPages(archive ? *archive->get<PlistValue::Array>() : kNoLinks, folder);
+  generateLinkPages(links ? *links : kNoLinks, folder, joined ? &*joined : nullptr);
 }
 
 } // namespace parlova

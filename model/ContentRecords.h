@@ -10,6 +10,7 @@
 
 #include "foundation/Date.h"
 #include "foundation/FileWrapper.h"
+#include "foundation/Object.h"
 
 namespace parlova {
 
@@ -35,6 +36,14 @@ struct LinkRecord {
   std::string speaker; // the display name
   Date time;
   std::vector<std::string> urls; // in text order
+};
+
+// The same links as the chat holds them (a string or a URL object each),
+// for keeping past the call without a copy of each address.
+struct LinkObjectRecord {
+  std::string speaker;
+  Date time;
+  std::vector<ObjectRef> links;
 };
 
 struct ImageRecord {

@@ -77,6 +77,8 @@ public:
   // The same one record at a time, never all at once: a long chat's
   // records take as much memory again as its links.
   void forEachURLRecord(const std::function<void(const LinkRecord &)> &visit) const;
+  // The same with the links as the chat holds them.
+  void forEachURLObjectRecord(const std::function<void(const LinkObjectRecord &)> &visit) const;
   std::vector<ImageRecord> GatheredImages() const;
   void forEachImageRecord(const std::function<void(const ImageRecord &)> &visit) const;
   // Words said by the other party (the messages whose display name is the

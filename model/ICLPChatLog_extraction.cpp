@@ -27,6 +27,12 @@ void ICLPChatLog::forEachURLRecord(const std::function<void(const LinkRecord &)>
       visit(*record);
 }
 
+void ICLPChatLog::forEachURLObjectRecord(const std::function<void(const LinkObjectRecord &)> &visit) const {
+  for (const auto &message : messages())
+    if (const auto record = message->allURLObjects())
+      visit(*record);
+}
+
 std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
   return gather(messages(), &ICLPInstantMessage::allImages);
 }

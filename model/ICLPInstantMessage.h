@@ -49,6 +49,9 @@ public:
   // message without a display name or a time stamp, which gives no record to
   // file its links under.
   std::optional<LinkRecord> allURLs() const;
+  std::optional<LinkObjectRecord> allURLObjects() const;
+  // A link object's address as allURLs gives it.
+  static std::string addressOfLink(const Object &link);
   std::optional<ImageRecord> allImages() const;
   // The text as a search finds it: as the plain rendering gives it, each
   // attached file by its name; empty for a status message.

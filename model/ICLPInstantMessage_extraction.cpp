@@ -70,19 +70,36 @@ std::string ICLPInstantMessage::SearchableText() const {
   return utf16ToUtf8(text);
 }
 
-std::optional<LinkRecord> ICLPInstantMessage::allURLs() const {
+std::optional<LinkObjectRecord> ICLPInstantMessage::allURLObjects() const {
   if (isStatusMessage() || !hasTime_)
     return std::nullopt;
   auto speaker = Speaker();
   if (!speaker)
     return std::nullopt;
-  LinkRecord record{std::move(*speaker), time_, {}};
+  LinkObjectRecord record{std::move(*speaker), time_, {}};
   forEachNewAttributeValue(*string_, kLinkAttributeName, [&](const ObjectRef &link) {
-    if (const auto text = objectAs<StringObject>(link))
-      record.urls.push_back(text->value());
-    else if (const auto url = objectAs<URLObject>(link))
-      record.urls.push_back(url->absoluteString());
+    if (dynamic_cast<const StringObject *>(link.get()) || dynamic_cast<const URLObject *>(link.get()))
+      record.links.push_back(link);
   });
+  return record;
+}
+
+std::string ICLPInstantMessage::addressOfLink(const Object &link) {
+  if (const auto *text = dynamic_cast<const StringObject *>(&link))
+    return text->value();
+  if (const auto *url = dynamic_cast<const URLObject *>(&link))
+    return url->absoluteString();
+  return {};
+}
+
+std::optional<LinkRecord> ICLPInstantMessage::allURLs() const {
+  auto objects = allURLObjects();
+  if (!objects)
+    return std::nullopt;
+  LinkRecord record{std::move(objects->speaker), objects->time, {}};
+  record.urls.reserve(objects->links.size());
+  for (const ObjectRef &link : objects->links)
+    record.urls.push_back(addressOfLink(*link));
   return record;
 }
 

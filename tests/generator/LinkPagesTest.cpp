@@ -4,6 +4,7 @@
 
 
 #include "foundation/PropertyListValue.h"
+#include "generator/GatheredArchive.h"
 #include "generator/ICLPLogGenerator.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
@@ -165,6 +166,71 @@ TEST_F(LinkPages, HostileSpeakerNamesStayInsideTheFolder) {
   EXPECT_NE(all.find(nav("john%20doe.html", "john doe", 1)), std::string::npos);
   EXPECT_NE(all.find(nav("%5FLinks.html", "Links", 1)), std::string::npos);
   EXPECT_NE(readText(folder() / "_Links.html").find("N:Links\n"), std::string::npos);
+}
+
+// A run joins a chat's links to the archive only as it writes it; what it
+// writes is byte for byte what merging them in and sorting every list
+// makes, whatever state the archive was left in by hand.
+TEST_F(LinkPages, JoiningAChatsLinksWritesWhatMergingThemWould) {
+  const auto dated = [](const std::string &date, const std::string &url) {
+    return "<dict><key>date</key><date>" + date + "</date><key>linkurl</key><string>" + url + "</string></dict>";
+  };
+  const auto stored = [](const std::string &entries) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><array>" + entries +
+           "</array></plist>";
+  };
+  const std::string alice = "<dict><key>speaker</key><string>alice1979</string><key>urls</key><array>" +
+                            dated("2006-01-01T00:00:00Z", "http://old/late") + "<dict><key>linkurl</key><string>" +
+                            "http://old/undated</string></dict>" + dated("2005-12-30T10:00:00Z", "http://old/tie") +
+                            "</array></dict>";
+  const std::vector<std::optional<std::string>> archives = {
+      std::nullopt,
+      stored(""),
+      stored(alice),
+      // A damaged entry of the same name first, and a list nobody's name.
+      stored("<dict><key>speaker</key><string>alice1979</string><key>urls</key><string>x</string></dict>"
+             "<dict><key>urls</key><array>" + dated("2007-01-01T00:00:00Z", "http://b") +
+             dated("2004-01-01T00:00:00Z", "http://a") + "</array></dict>" + alice),
+  };
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  MessageSpec twice = postsLink(kAlice, 157629600, "http://new/tie-1");
+  RunSpec second = text("http://new/tie-2");
+  second.link = LinkSpec{"page?q=1", true, "http://base.example/dir/"};
+  twice.runs.push_back(second);
+  spec.messages = {postsLink(kMe, 157629700, "http://new/mine", true), twice,
+                   postsLink(kAlice, 100000000, "http://new/early"), says(kAlice, 157629800, "no link")};
+  const auto log = ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, "alice1979");
+  ASSERT_TRUE(log);
+
+  const fs::path archive = folder() / "gatheredURLs.plist";
+  const auto written = [&] {
+    std::vector<std::pair<std::string, std::string>> files;
+    for (const std::string &name : filesBelow(folder()))
+      files.emplace_back(name, readText(folder() / name));
+    return files;
+  };
+  const auto start = [&](const std::optional<std::string> &text) {
+    for (const std::string &name : filesBelow(folder()))
+      if (name != "linktemplate.html")
+        fs::remove(folder() / name);
+    if (text)
+      writeText(archive, *text);
+  };
+  for (const auto &text : archives) {
+    start(text);
+    ICLPLogGenerator::GenerateLinkFiles(&*log);
+    const auto joined = written();
+
+    start(text);
+    auto merged = loadGatheredArchive(archive);
+    ASSERT_TRUE(merged);
+    ICLPLogGenerator::MergeLinks(*log, *merged->get<PlistValue::Array>(), {}, ICLPLogGenerator::Sorting::EveryList);
+    ASSERT_TRUE(writeArchiveXml(archive, *merged));
+    ICLPLogGenerator::RebuildLinkPages(*merged->get<PlistValue::Array>());
+    EXPECT_EQ(joined, written()) << text.value_or("no archive");
+    EXPECT_NE(readText(archive).find("http://base.example/dir/page?q=1"), std::string::npos);
+  }
 }
 
 TEST(LinkText, CompressesPastFortyUnitsAndEscapesEveryOtherUnit) {
