@@ -9,6 +9,7 @@
 #include "context/Settings.h"
 #include "generator/ICLPLogGenerator.h"
 #include "generator/LibraryPageNames.h"
+#include "generator/LinkedPageBody.h"
 #include "generator/PageText.h"
 #include "history/ChatHistory.h"
 #include "model/ICLPChatLog.h"
@@ -85,39 +86,27 @@ std::string filled(std::string page, const std::string &title, const std::string
   return page;
 }
 
-// The mail's HTML, its body only, with each attached file's label made a
-// link to the file's stored copy where the image folder holds one. These
-// pages are escaped whatever escapeHTML says: they are read in a browser,
-// with every other page of the library at hand.
-std::string chatBody(const ICLPChatLog &log, const PageEscaping &escaping) {
-  // Cut in place: a long chat's page is as long as the chat.
-  std::string html = log.HTMLChatLogText(true);
-  const size_t open = html.find("<body>");
-  const size_t close = html.rfind("</body>");
-  if (open != std::string::npos && close != std::string::npos && close > open) {
-    html.erase(close);
-    html.erase(0, open + 6);
-  }
+// A file's label on the page: never empty.
+std::string labelOf(const FileWrapper &attachment, const PageEscaping &escaping) {
+  const auto &name = attachment.preferredFilename();
+  return name && !name->empty() ? "[" + escaping.text(*name) + "]" : "[attached item]";
+}
+
+// Each attached file's label, and the link it becomes where the image
+// folder holds the file's stored copy.
+LinkedPageBody linkedBody(const ICLPChatLog &log, const PageEscaping &escaping) {
   const fs::path images = ICLPLogGenerator::parlovaFolder() / "Images";
-  size_t from = 0;
+  std::vector<LinkedPageBody::Label> labels;
   log.forEachImageRecord([&](const ImageRecord &item) {
     for (const auto &attachment : item.images) {
-      const auto &name = attachment->preferredFilename();
-      const std::string label = name && !name->empty() ? "[" + escaping.text(*name) + "]" : "[attached item]";
-      const size_t at = html.find(label, from);
-      if (at == std::string::npos)
-        continue;
+      LinkedPageBody::Label label{labelOf(*attachment, escaping), std::nullopt};
       const std::string stored = ICLPLogGenerator::StoredImageName(*attachment, item.speaker, item.time);
-      if (!fileExistsAtPath(images / stored)) {
-        from = at + label.size();
-        continue;
-      }
-      const std::string link = "<a href=\"../../Images/" + hrefOf(stored) + "\">" + label + "</a>";
-      html.replace(at, label.size(), link);
-      from = at + link.size();
+      if (fileExistsAtPath(images / stored))
+        label.link = "<a href=\"../../Images/" + hrefOf(stored) + "\">" + label.text + "</a>";
+      labels.push_back(std::move(label));
     }
   });
-  return html;
+  return LinkedPageBody(std::move(labels));
 }
 
 } // namespace
@@ -147,9 +136,25 @@ bool ChatLibrary::writeChatPage(const ICLPChatLog &log, const ChatRecord &record
   // A chat's page is as long as the chat: written around its body, never
   // copied into the template.
   const std::string frame = framed(*pageTemplate, name + (when.empty() ? "" : ", " + when), "Chat with " + name, nav);
-  const std::string body = chatBody(log, escaping);
-  const std::string_view contents = body;
-  return writePage(page, piecesReplacing(frame, "____CONTENTS", std::span(&contents, 1)), durability);
+  // Made whole up to about 5 MB, where making it twice costs more.
+  constexpr size_t kStreamedFrom = 20000; // messages
+  return writePage(page,
+                   madeReplacing(frame, "____CONTENTS",
+                                 [&](const PieceSink &piece) {
+                                   writePageBody(log, log.messages().size() > kStreamedFrom, piece);
+                                 }),
+                   durability);
+}
+
+void ChatLibrary::writePageBody(const ICLPChatLog &log, bool streamed, const PieceSink &piece) {
+  // These pages are escaped whatever escapeHTML says: they are read in a
+  // browser, with every other page of the library at hand.
+  const PageEscaping escaping(true);
+  const LinkedPageBody body = linkedBody(log, escaping);
+  if (streamed)
+    body.write([&log](const PieceSink &html) { log.writeHTMLChatLog(true, html); }, piece);
+  else
+    piece(body.linked(log.HTMLChatLogText(true)));
 }
 
 void ChatLibrary::rebuildIndexPages() {

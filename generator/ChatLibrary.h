@@ -33,6 +33,10 @@ public:
   // False when there is no template or the page could not be written.
   static bool writeChatPage(const ICLPChatLog &log, const ChatRecord &record,
                             Durability durability = Durability::Now);
+  // The page's body, as writeChatPage puts it in: made whole (a short
+  // chat's), or `streamed`, made twice and handed out in pieces (a long
+  // chat's, never held). Both give the same bytes.
+  static void writePageBody(const ICLPChatLog &log, bool streamed, const PieceSink &piece);
   // The people's index and each person's list of chats, from the history.
   static void rebuildIndexPages();
 };

@@ -143,13 +143,18 @@ struct ChatHistory::Additions::Writing {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 
+  // Without a thread, on the caller's; false when an earlier record has
+  // failed.
+  bool write(const ChatRecord &record) {
+    if (!failure)
+      failure = add(record);
+    return !failure;
+  }
+
   // False when an earlier record has failed: the batch is lost anyway.
   bool enqueue(ChatRecord record) {
-    if (!writer.joinable()) {
-      if (!failure)
-        failure = add(record);
-      return !failure;
-    }
+    if (!writer.joinable())
+      return write(record);
     std::unique_lock lock(mutex);
     room.wait(lock, [&] { return queue.size() < kAhead || failure; });
     if (failure)
@@ -448,7 +453,7 @@ ChatHistory::Additions::Additions(Additions &&) noexcept = default;
 ChatHistory::Additions &ChatHistory::Additions::operator=(Additions &&) noexcept = default;
 ChatHistory::Additions::~Additions() = default;
 
-std::optional<ChatHistory::Additions> ChatHistory::Additions::begin(bool reindex) {
+std::optional<ChatHistory::Additions> ChatHistory::Additions::begin(bool reindex, bool queued) {
   auto history = open();
   if (!history)
     return std::nullopt;
@@ -468,7 +473,8 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin(bool reindex
     writing->abandon(*failed);
     return std::nullopt;
   }
-  writing->start();
+  if (queued)
+    writing->start();
   return Additions(std::move(writing));
 }
 
@@ -478,6 +484,18 @@ bool ChatHistory::Additions::add(ChatRecord record) {
   if (writing_->failed)
     return false;
   if (!writing_->enqueue(std::move(record))) {
+    writing_->abandon(*writing_->finish());
+    return false;
+  }
+  return true;
+}
+
+bool ChatHistory::Additions::write(const ChatRecord &record) {
+  if (!writing_)
+    return true;
+  if (writing_->failed)
+    return false;
+  if (!writing_->write(record)) {
     writing_->abandon(*writing_->finish());
     return false;
   }
@@ -510,13 +528,14 @@ std::optional<size_t> ChatHistory::store(const std::vector<ChatRecord> &records,
   if (records.empty())
     return size_t{0};
   // A database found damaged on the way is set aside; the chats then go
-  // into a new one.
+  // into a new one. They are all made already, so they are written as
+  // they are: a long chat's record holds all its words.
   for (int attempt = 0; attempt < 2; ++attempt) {
-    auto additions = Additions::begin(true);
+    auto additions = Additions::begin(true, false);
     if (!additions)
       return std::nullopt;
     for (const ChatRecord &record : records)
-      if (!additions->add(record))
+      if (!additions->write(record))
         break;
     if (const auto added = additions->commit()) {
       if (reindexed)

@@ -93,7 +93,10 @@ public:
     // Nothing when the history cannot be opened (logged). For a history
     // of a newer version (logged once) the chats are kept nowhere and
     // nothing fails.
-    static std::optional<Additions> begin(bool reindex = false);
+    // With `queued`, the chats are written on a thread of their own while
+    // the caller makes the next; without, each is written as it is added,
+    // on the caller's thread, and is never copied.
+    static std::optional<Additions> begin(bool reindex = false, bool queued = true);
     Additions(Additions &&) noexcept;
     Additions &operator=(Additions &&) noexcept;
     ~Additions();
@@ -102,6 +105,8 @@ public:
     // database is set aside, so that the batch done again goes into a new
     // one.
     bool add(ChatRecord record);
+    // The same, written at once, for additions begun without a queue.
+    bool write(const ChatRecord &record);
     // How many chats were new; nothing when they could not be kept
     // (logged).
     std::optional<size_t> commit();

@@ -5,7 +5,9 @@
 
 
 #include "foundation/PropertyListValue.h"
+#include "generator/ChatLibrary.h"
 #include "generator/ICLPLogGenerator.h"
+#include "generator/LinkedPageBody.h"
 #include "model/ICLPChatLog.h"
 #include "platform/FileManager.h"
 #include "samples/ImageWriter.h"
@@ -63,6 +65,76 @@ std::vector<Stored> storedEntries(const PlistValue &speaker) {
   for (const PlistValue &entry : *speaker.objectForKey("filenames")->get<PlistValue::Array>())
     stored.push_back({*entry.stringForKey("filename"), *entry.integerForKey("width"), *entry.integerForKey("height")});
   return stored;
+}
+
+// A long chat's library page is made twice and handed out in pieces; its
+// bytes are those of the page made whole, whatever the pieces part: labels
+// and body tags parted between pieces, labels found in the head or past the
+// body, overlapping, repeated, not found, or without a link.
+TEST(LinkedPageBody, InPiecesOfAnySizeItIsThePageMadeWhole) {
+  using Label = LinkedPageBody::Label;
+  const std::vector<std::pair<std::string, std::vector<Label>>> cases = {
+      {"<html><head>[a]</head><body>x [a] [b] [a][a] [c]</body></html>",
+       {{"[a]", "<A>"}, {"[c]", std::nullopt}, {"[b]", "<B>"}, {"[a]", "<A2>"}, {"[a]", "<A3>"}, {"[a]", "<A4>"}}},
+      {"<body>[[a]]</body> [a] </body>!", {{"[[a]]", "L1"}, {"[a]", "L2"}, {"[a]", "L3"}}},
+      {"no body at all [x][x]", {{"[x]", "X"}, {"[y]", "Y"}, {"[x]", std::nullopt}, {"[x]", "Z"}}},
+      {"</body> then <body>[x]", {{"[x]", "X"}}},
+      {"<body>[x</body>]", {{"[x</body>]", "X"}}},
+      {"<body>[long label][long label]</body>", {{"[long label]", std::string(40, 'L')}, {"[long label]", "S"}}},
+  };
+  for (const auto &[html, labels] : cases) {
+    const LinkedPageBody body(labels);
+    const std::string whole = body.linked(html);
+    for (size_t size = 1; size <= 8; ++size) {
+      std::string streamed;
+      body.write(
+          [&](const PieceSink &piece) {
+            for (size_t at = 0; at < html.size(); at += size)
+              piece(std::string_view(html).substr(at, size));
+          },
+          [&](std::string_view piece) { streamed += piece; });
+      EXPECT_EQ(streamed, whole) << html << " in pieces of " << size;
+    }
+  }
+}
+
+// The chat's page made either way: the labels of its files, typed in its
+// text as well, escaped, unnamed, or with no stored copy.
+TEST_F(ImagePages, ALongChatsLibraryPageInPiecesIsThePageMadeWhole) {
+  TranscriptSpec spec;
+  spec.others = {kAlice};
+  const auto png = pictureBytes(ImageFormat::PNG, 4, 4);
+  std::string typed;
+  for (int i = 0; i < 40; ++i)
+    typed += i % 3 ? "[photo.png]" : "[a&lt;b&gt;.png] x";
+  for (int i = 0; i < 300; ++i) {
+    const double time = 157629600 + i * 60;
+    spec.messages.push_back(says(i % 2 ? kMe : kAlice, time, typed.substr(0, static_cast<size_t>(i % 97) * 5)));
+    if (i % 7 == 0)
+      spec.messages.push_back(MessageSpec{kAlice, time + 1,
+                                          {attached(file("photo.png", png)), attached(file("a<b>.png", png)),
+                                           attached(file("", png)), attached(file("gone.png", png))}});
+  }
+  const auto log = ICLPChatLog::initWithArchiveData(keyedTranscript(spec), ICLPChatLog::Format::iChat3, "alice1979");
+  ASSERT_TRUE(log);
+  ICLPLogGenerator::GenerateImageFiles(&*log);
+  for (const auto &entry : fs::directory_iterator(folder() / "Images"))
+    if (entry.path().filename().string().starts_with("gone"))
+      fs::remove(entry.path());
+
+  std::string whole, streamed;
+  ChatLibrary::writePageBody(*log, false, [&](std::string_view piece) { whole += piece; });
+  size_t pieces = 0;
+  ChatLibrary::writePageBody(*log, true, [&](std::string_view piece) {
+    streamed += piece;
+    ++pieces;
+  });
+  EXPECT_GT(pieces, 20u);
+  EXPECT_EQ(streamed, whole);
+  EXPECT_NE(whole.find("\">[photo.png]</a>"), std::string::npos);
+  EXPECT_NE(whole.find("\">[a&lt;b&gt;.png]</a>"), std::string::npos);
+  EXPECT_NE(whole.find("\">[attached item]</a>"), std::string::npos);
+  EXPECT_EQ(whole.find("\">[gone.png]</a>"), std::string::npos);
 }
 
 TEST_F(ImagePages, PicturesAreStoredWithTheirSizesInPointsNewestFirst) {
