@@ -84,10 +84,7 @@ int runOnce(const RunOptions &options) {
       if (auto file = MappedFile::open(path)) {
         contentKey = TranscriptJournal::identityOf(file->bytes()).key();
         file->release(file->bytes().size());
-        log = ICLPChatLog::initWithFileContents(path, file->bytes(),
-                                                [&file](size_t behind) { file->release(behind); });
-        if (file->cutShort())
-          log.reset();
+        log = ICLPChatLog::initWithMappedFile(path, *file);
       } else {
         log = ICLPChatLog::initWithFileContents(path, {});
         contentKey = TranscriptJournal::identityOf({}).key();

@@ -48,14 +48,14 @@ std::string ICLPChatLog::reasonNotLoaded(const std::filesystem::path &path) {
 std::optional<ICLPChatLog> ICLPChatLog::initWithFilePath(const std::filesystem::path &path) {
   if (!hasTranscriptExtension(path))
     return std::nullopt;
-  // An unreadable file decodes as no data at all. A long transcript's pages
-  // are let go as the decoder passes them; one cut short meanwhile is no
-  // transcript this time.
+  // An unreadable file decodes as no data at all.
   auto file = MappedFile::open(path);
-  if (!file)
-    return initWithFileContents(path, {});
-  auto log = initWithFileContents(path, file->bytes(), [&file](size_t behind) { file->release(behind); });
-  if (file->cutShort())
+  return file ? initWithMappedFile(path, *file) : initWithFileContents(path, {});
+}
+
+std::optional<ICLPChatLog> ICLPChatLog::initWithMappedFile(const std::filesystem::path &path, MappedFile &file) {
+  auto log = initWithFileContents(path, file.bytes(), [&file](size_t behind) { file.release(behind); });
+  if (file.cutShort())
     return std::nullopt;
   return log;
 }

@@ -17,6 +17,8 @@
 
 namespace parlova {
 
+class MappedFile;
+
 class ICLPChatLog final {
 public:
   enum class Format { iChat2, iChat3 };
@@ -31,6 +33,9 @@ public:
   static std::optional<ICLPChatLog> initWithFileContents(const std::filesystem::path &path,
                                                          std::span<const uint8_t> contents,
                                                          const ArchiveDecoder::ReadProgress &progress = {});
+  // The same for a mapped file, whose pages are let go as the decoder
+  // passes them; nothing also when the file was cut short meanwhile.
+  static std::optional<ICLPChatLog> initWithMappedFile(const std::filesystem::path &path, MappedFile &file);
   // The extension is exactly "chat" or "ichat".
   static bool hasTranscriptExtension(const std::filesystem::path &path);
   // The same, or why `contents` are no transcript: the file name, or the

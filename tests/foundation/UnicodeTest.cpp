@@ -83,8 +83,9 @@ TEST(Unicode, StyledTextKeepsEveryUnitWhicheverWidthItIsKeptIn) {
       EXPECT_EQ(joined, text);
       for (size_t i = 0; i < text.size(); ++i)
         EXPECT_EQ(each->characterAtIndex(i), text[i]) << i;
-      if (text.size() > 3)
+      if (text.size() > 3) {
         EXPECT_EQ(each->attributesAtIndex(3).attributes, link);
+      }
     }
     AttributedStringBuilder twice;
     twice.append(styled);
