@@ -34,10 +34,12 @@ std::variant<TranscriptArchives::Added, std::string> ArchivesNow::archive(const 
     ICLPLogGenerator::GenerateImageFiles(&log);
   // Before the totals, whose page is drawn from the history too.
   if (stages.historyKey) {
-    // One record, not copied: a long chat's record holds all its words.
+    // One record, written while the chat is at hand: a long chat's texts
+    // are made as they are written, never held.
     std::vector<ChatRecord> records;
     records.push_back(keptChat(log, ICLPLogGenerator::CountChat(log, ICLPLogGenerator::ReadWordLists()),
-                               *stages.historyKey, target, ChatPage::Write));
+                               *stages.historyKey, target, ChatPage::Write, Durability::Now,
+                               RecordTexts::MadeAsWritten));
     // Not now (another program writing it, a full disk): a later run.
     if (!ChatHistory::store(records) && !PendingHistory::keep({{*stages.historyKey, target}}))
       return std::string("the history could not be written");

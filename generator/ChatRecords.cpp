@@ -15,6 +15,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Where a speaker stands in the list, or its size: a chat has a handful,
+// and they are listed in the order they first speak, as held texts list
+// them.
+size_t speakerIndex(const std::vector<ChatTexts::Speaker> &speakers, std::string_view account, std::string_view name) {
+  for (size_t i = 0; i < speakers.size(); ++i)
+    if (speakers[i].account == account && speakers[i].name == name)
+      return i;
+  return speakers.size();
+}
+
 std::tm localTime(double secondsSince1970) {
   const auto seconds = static_cast<std::time_t>(secondsSince1970);
   std::tm local{};
@@ -25,7 +35,7 @@ std::tm localTime(double secondsSince1970) {
 } // namespace
 
 ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
-                         fs::path transcript) {
+                         fs::path transcript, RecordTexts texts) {
   ChatRecord record;
   record.key = std::move(key);
   record.transcript = std::move(transcript).string();
@@ -41,21 +51,34 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
   // so the messages of one quarter hour share one conversion.
   int64_t convertedQuarter = std::numeric_limits<int64_t>::min();
   std::tm local{};
-  // A text is about as long in UTF-8 as in UTF-16 units, which are counted
-  // without making it.
-  size_t textUnits = 0;
-  for (const auto &message : log.messages())
-    if (message->string())
-      textUnits += message->string()->length();
-  record.texts.reserve(log.messages().size(), textUnits);
+  const bool held = texts == RecordTexts::Held;
+  if (held) {
+    // A text is about as long in UTF-8 as in UTF-16 units, which are
+    // counted without making it.
+    size_t textUnits = 0;
+    for (const auto &message : log.messages())
+      if (message->string())
+        textUnits += message->string()->length();
+    record.texts.reserve(log.messages().size(), textUnits);
+  }
+  std::vector<ChatTexts::Speaker> speakers;
+  std::optional<std::string> firstText;
   for (const auto &message : log.messages()) {
     if (message->isStatusMessage())
       continue;
     ++record.messages;
     const auto time = message->TimeStamp();
-    record.texts.add(time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
-                     message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)"),
-                     message->SearchableText());
+    std::string account = message->rawSpeaker().value_or("");
+    std::string name = message->Speaker().value_or("(null)");
+    if (held || !firstText) {
+      std::string text = message->SearchableText();
+      if (!firstText && !text.empty())
+        firstText = text;
+      if (held)
+        record.texts.add(time ? std::optional(time->timeIntervalSince1970()) : std::nullopt, account, name, text);
+    }
+    if (!held && speakerIndex(speakers, account, name) == speakers.size())
+      speakers.push_back({std::move(account), std::move(name)});
     if (time) {
       const double seconds = time->timeIntervalSince1970();
       if (!record.firstTime) {
@@ -71,13 +94,24 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
     }
   }
   constexpr size_t kLongestFirstLine = 120;
-  for (size_t i = 0; i < record.texts.size(); ++i)
-    if (const std::string_view text = record.texts[i].text; !text.empty()) {
-      const std::u16string units = utf8ToUtf16(text);
-      record.firstLine = utf16ToUtf8(units.substr(0, kLongestFirstLine)) +
-                         (units.size() > kLongestFirstLine ? "\xE2\x80\xA6" : "");
-      break;
-    }
+  if (firstText) {
+    const std::u16string units = utf8ToUtf16(*firstText);
+    record.firstLine =
+        utf16ToUtf8(units.substr(0, kLongestFirstLine)) + (units.size() > kLongestFirstLine ? "\xE2\x80\xA6" : "");
+  }
+  if (!held) {
+    const std::vector<ChatTexts::Speaker> known = speakers;
+    record.texts.madeAsWritten(std::move(speakers), [&log, known](const ChatTexts::Each &each) {
+      for (const auto &message : log.messages()) {
+        if (message->isStatusMessage())
+          continue;
+        const auto time = message->TimeStamp();
+        each(time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
+             speakerIndex(known, message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)")),
+             message->SearchableText());
+      }
+    });
+  }
   if (const auto last = log.LastMessageDate())
     record.lastTime = last->timeIntervalSince1970();
   record.userWords = counts.user.all;
@@ -92,8 +126,8 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
 }
 
 ChatRecord keptChat(const ICLPChatLog &log, const ICLPLogGenerator::ChatCounts &counts, std::string key,
-                    fs::path transcript, ChatPage page, Durability durability) {
-  ChatRecord record = chatRecordOf(log, counts, std::move(key), std::move(transcript));
+                    fs::path transcript, ChatPage page, Durability durability, RecordTexts texts) {
+  ChatRecord record = chatRecordOf(log, counts, std::move(key), std::move(transcript), texts);
   if (ChatLibrary::wanted()) {
     record.page = ChatLibrary::pagePath(record);
     // A chat's row that has no page yet is given one.

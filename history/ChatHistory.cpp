@@ -215,7 +215,7 @@ struct ChatHistory::Additions::Writing {
   static constexpr size_t kWakeAt = 16;
   static constexpr size_t kAhead = 4 * kWakeAt;
 
-  std::optional<SqliteError> prepare(bool reindex) {
+  std::optional<SqliteError> prepare(bool reindex, bool queued) {
     SqliteDatabase &database = history->database_;
     const auto prepared = [&](std::optional<SqliteStatement> &into, std::string_view sql) -> std::optional<SqliteError> {
       auto made = database.prepare(sql);
@@ -225,8 +225,10 @@ struct ChatHistory::Additions::Writing {
       return std::nullopt;
     };
     // A batch's pages stay in memory until it commits, instead of spilling
-    // into the file early and holding readers off for the rest of it.
-    if (auto failed = database.execute("PRAGMA cache_size = -65536"))
+    // into the file early and holding readers off for the rest of it. Chats
+    // written as they are given (a single run's, a rebuild's) spill early:
+    // the pages of one long chat are as large as its texts.
+    if (auto failed = database.execute(queued ? "PRAGMA cache_size = -65536" : "PRAGMA cache_size = -8192"))
       return failed;
     for (const auto &[into, sql] : std::initializer_list<std::pair<std::optional<SqliteStatement> *, const char *>>{
              {&chat, "INSERT OR IGNORE INTO chats (key, transcript, participants, account, display_name, is_group, "
@@ -397,19 +399,21 @@ struct ChatHistory::Additions::Writing {
         return *error;
       speakerIds.push_back(std::get<int64_t>(who));
     }
-    for (size_t i = 0; i < record.texts.size(); ++i) {
-      const ChatTexts::Message text = record.texts[i];
+    std::optional<SqliteError> failed;
+    bool first = true;
+    record.texts.forEach([&](const ChatTexts::Message &text) {
+      if (failed)
+        return;
       bind(*message, ":text", text.text);
       bind(*message, ":chat", id);
       if (text.time)
         bind(*message, ":time", static_cast<int64_t>(std::floor(*text.time)));
-      if (auto failed = bind(*message, ":speaker", speakerIds[text.speaker]).run())
-        return failed;
-      if (i == 0)
-        if (auto failed = bind(*firstRow, ":chat", id).run())
-          return failed;
-    }
-    return std::nullopt;
+      if ((failed = bind(*message, ":speaker", speakerIds[text.speaker]).run()))
+        return;
+      if (std::exchange(first, false))
+        failed = bind(*firstRow, ":chat", id).run();
+    });
+    return failed;
   }
 
   // Gives up the batch: nothing of it is kept, and a damaged file is set
@@ -469,7 +473,7 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin(bool reindex
     return Additions(nullptr);
   }
   auto writing = std::make_unique<Writing>(std::move(*history));
-  if (const auto failed = writing->prepare(reindex)) {
+  if (const auto failed = writing->prepare(reindex, queued)) {
     writing->abandon(*failed);
     return std::nullopt;
   }

@@ -24,4 +24,13 @@ ChatTexts::Message ChatTexts::operator[](size_t index) const {
           std::string_view(text_).substr(start, entry.end - start)};
 }
 
+void ChatTexts::forEach(const std::function<void(const Message &)> &visit) const {
+  if (source_) {
+    source_([&visit](std::optional<double> time, size_t speaker, std::string_view text) { visit({time, speaker, text}); });
+    return;
+  }
+  for (size_t i = 0; i < entries_.size(); ++i)
+    visit((*this)[i]);
+}
+
 } // namespace parlova

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,19 @@ public:
   }
   void add(std::optional<double> time, std::string_view account, std::string_view name, std::string_view text);
 
+  // Instead, texts made as they are written, for a record written while
+  // its chat is at hand: a long chat's texts are then never held. The
+  // speakers are known first; `source` hands `each` every message in turn,
+  // the same each time it is called.
+  using Each = std::function<void(std::optional<double> time, size_t speaker, std::string_view text)>;
+  void madeAsWritten(std::vector<Speaker> speakers, std::function<void(const Each &)> source) {
+    speakers_ = std::move(speakers);
+    source_ = std::move(source);
+  }
+  // Every message in order, held or made.
+  void forEach(const std::function<void(const Message &)> &visit) const;
+
+  // Of held texts.
   size_t size() const { return entries_.size(); }
   bool empty() const { return entries_.empty(); }
   Message operator[](size_t index) const;
@@ -48,6 +62,7 @@ private:
   std::string text_;
   std::vector<Entry> entries_;
   std::vector<Speaker> speakers_;
+  std::function<void(const Each &)> source_;
 };
 
 } // namespace parlova

@@ -35,7 +35,11 @@ protected:
                          "# Where a chat's messages begin in the index depends on the order of the runs.\n"
                          "for row in db.execute('SELECT * FROM chats ORDER BY key'): print(row[1:2] + row[3:-1])\n"
                          "for row in db.execute('SELECT c.key, s.weekday, s.hour, s.messages FROM slots s '\n"
-                         "                      'JOIN chats c ON c.id = s.chat ORDER BY 1, 2, 3'): print(row)\n",
+                         "                      'JOIN chats c ON c.id = s.chat ORDER BY 1, 2, 3'): print(row)\n"
+                         "# A single run's texts are made as they are written, a rebuild's held: the same rows.\n"
+                         "for row in db.execute('SELECT c.key, t.time, p.account, p.name, t.text FROM texts t '\n"
+                         "                      'JOIN chats c ON c.id = t.chat JOIN speakers p ON p.id = t.speaker '\n"
+                         "                      'ORDER BY c.key, t.rowid'): print(row)\n",
                          folder());
   }
   // The page in headless Chromium: its console messages and whether its
