@@ -15,16 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Where a speaker stands in the list, or its size: a chat has a handful,
-// and they are listed in the order they first speak, as held texts list
-// them.
-size_t speakerIndex(const std::vector<ChatTexts::Speaker> &speakers, std::string_view account, std::string_view name) {
-  for (size_t i = 0; i < speakers.size(); ++i)
-    if (speakers[i].account == account && speakers[i].name == name)
-      return i;
-  return speakers.size();
-}
-
 std::tm localTime(double secondsSince1970) {
   const auto seconds = static_cast<std::time_t>(secondsSince1970);
   std::tm local{};
@@ -61,15 +51,14 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
         textUnits += message->string()->length();
     record.texts.reserve(log.messages().size(), textUnits);
   }
-  std::vector<ChatTexts::Speaker> speakers;
   std::optional<std::string> firstText;
   for (const auto &message : log.messages()) {
     if (message->isStatusMessage())
       continue;
     ++record.messages;
     const auto time = message->TimeStamp();
-    std::string account = message->rawSpeaker().value_or("");
-    std::string name = message->Speaker().value_or("(null)");
+    const std::string account = message->rawSpeaker().value_or("");
+    const std::string name = message->Speaker().value_or("(null)");
     if (held || !firstText) {
       std::string text = message->SearchableText();
       if (!firstText && !text.empty())
@@ -77,8 +66,8 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
       if (held)
         record.texts.add(time ? std::optional(time->timeIntervalSince1970()) : std::nullopt, account, name, text);
     }
-    if (!held && speakerIndex(speakers, account, name) == speakers.size())
-      speakers.push_back({std::move(account), std::move(name)});
+    if (!held)
+      record.texts.noteSpeaker(account, name);
     if (time) {
       const double seconds = time->timeIntervalSince1970();
       if (!record.firstTime) {
@@ -100,14 +89,13 @@ ChatRecord chatRecordOf(const ICLPChatLog &log, const ICLPLogGenerator::ChatCoun
         utf16ToUtf8(units.substr(0, kLongestFirstLine)) + (units.size() > kLongestFirstLine ? "\xE2\x80\xA6" : "");
   }
   if (!held) {
-    const std::vector<ChatTexts::Speaker> known = speakers;
-    record.texts.madeAsWritten(std::move(speakers), [&log, known](const ChatTexts::Each &each) {
+    record.texts.madeAsWritten([&log](const ChatTexts::Each &each) {
       for (const auto &message : log.messages()) {
         if (message->isStatusMessage())
           continue;
         const auto time = message->TimeStamp();
         each(time ? std::optional(time->timeIntervalSince1970()) : std::nullopt,
-             speakerIndex(known, message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)")),
+             message->rawSpeaker().value_or(""), message->Speaker().value_or("(null)"),
              message->SearchableText());
       }
     });

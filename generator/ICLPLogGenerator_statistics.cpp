@@ -105,7 +105,8 @@ ICLPLogGenerator::ChatCounts ICLPLogGenerator::CountChat(const ICLPChatLog &log,
   ChatCounts counts{words.user, words.others};
   log.forEachImageRecord(
       [&counts](const ImageRecord &item) { counts.pictures += static_cast<int64_t>(item.images.size()); });
-  log.forEachURLRecord([&counts](const LinkRecord &item) { counts.links += static_cast<int64_t>(item.urls.size()); });
+  log.forEachURLObjectRecord(
+      [&counts](const LinkObjectRecord &item) { counts.links += static_cast<int64_t>(item.links.size()); });
   return counts;
 }
 

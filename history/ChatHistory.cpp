@@ -483,27 +483,22 @@ std::optional<ChatHistory::Additions> ChatHistory::Additions::begin(bool reindex
 }
 
 bool ChatHistory::Additions::add(ChatRecord record) {
-  if (!writing_)
-    return true;
-  if (writing_->failed)
-    return false;
-  if (!writing_->enqueue(std::move(record))) {
-    writing_->abandon(*writing_->finish());
-    return false;
-  }
-  return true;
+  if (!writing_ || writing_->failed)
+    return !writing_;
+  return accepted(writing_->enqueue(std::move(record)));
 }
 
 bool ChatHistory::Additions::write(const ChatRecord &record) {
-  if (!writing_)
-    return true;
-  if (writing_->failed)
-    return false;
-  if (!writing_->write(record)) {
+  if (!writing_ || writing_->failed)
+    return !writing_;
+  return accepted(writing_->write(record));
+}
+
+// A record refused gives the batch up.
+bool ChatHistory::Additions::accepted(bool taken) {
+  if (!taken)
     writing_->abandon(*writing_->finish());
-    return false;
-  }
-  return true;
+  return taken;
 }
 
 bool ChatHistory::Additions::setAsideDamaged() const { return writing_ && writing_->setAsideDamaged; }

@@ -118,6 +118,7 @@ public:
   private:
     struct Writing;
     explicit Additions(std::unique_ptr<Writing> writing);
+    bool accepted(bool taken);
     std::unique_ptr<Writing> writing_;
   };
   // Nothing when it cannot be read (logged).

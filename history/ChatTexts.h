@@ -35,14 +35,14 @@ public:
   void add(std::optional<double> time, std::string_view account, std::string_view name, std::string_view text);
 
   // Instead, texts made as they are written, for a record written while
-  // its chat is at hand: a long chat's texts are then never held. The
-  // speakers are known first; `source` hands `each` every message in turn,
-  // the same each time it is called.
-  using Each = std::function<void(std::optional<double> time, size_t speaker, std::string_view text)>;
-  void madeAsWritten(std::vector<Speaker> speakers, std::function<void(const Each &)> source) {
-    speakers_ = std::move(speakers);
-    source_ = std::move(source);
-  }
+  // its chat is at hand: a long chat's texts are then never held. Each
+  // speaker is noted first, in the order they first speak; `source` hands
+  // `each` every message in turn, the same each time it is called.
+  using Each = std::function<void(std::optional<double> time, std::string_view account, std::string_view name,
+                                  std::string_view text)>;
+  // Where the speaker stands in speakers(), noted there if new.
+  size_t noteSpeaker(std::string_view account, std::string_view name);
+  void madeAsWritten(std::function<void(const Each &)> source) { source_ = std::move(source); }
   // Every message in order, held or made.
   void forEach(const std::function<void(const Message &)> &visit) const;
 
@@ -53,6 +53,9 @@ public:
   const std::vector<Speaker> &speakers() const { return speakers_; }
 
 private:
+  // Where the speaker stands in speakers(), or its size.
+  size_t speakerOf(std::string_view account, std::string_view name) const;
+
   struct Entry {
     double time;
     bool timed;

@@ -77,14 +77,11 @@ public:
   std::optional<Date> LastMessageDate() const;
 
   // The link and image records of every message that is not a status
-  // message, in message order (empty lists included).
-  std::vector<LinkRecord> GatheredURLs() const;
-  // The same one record at a time, never all at once: a long chat's
-  // records take as much memory again as its links.
+  // message, in message order (empty lists included), one at a time: a
+  // long chat's records take as much memory again as its links.
   void forEachURLRecord(const std::function<void(const LinkRecord &)> &visit) const;
   // The same with the links as the chat holds them.
   void forEachURLObjectRecord(const std::function<void(const LinkObjectRecord &)> &visit) const;
-  std::vector<ImageRecord> GatheredImages() const;
   void forEachImageRecord(const std::function<void(const ImageRecord &)> &visit) const;
   // Words said by the other party (the messages whose display name is the
   // name in the file name) and by everybody else: in a group chat all other

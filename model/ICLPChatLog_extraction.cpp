@@ -3,24 +3,6 @@
 
 namespace parlova {
 
-namespace {
-
-// Every message's record, in message order; status lines give none.
-template <class Record>
-std::vector<Record> gather(const std::vector<std::shared_ptr<const ICLPInstantMessage>> &messages,
-                           std::optional<Record> (ICLPInstantMessage::*recordOf)() const) {
-  std::vector<Record> gathered;
-  gathered.reserve(messages.size());
-  for (const auto &message : messages)
-    if (auto record = ((*message).*recordOf)())
-      gathered.push_back(std::move(*record));
-  return gathered;
-}
-
-} // namespace
-
-std::vector<LinkRecord> ICLPChatLog::GatheredURLs() const { return gather(messages(), &ICLPInstantMessage::allURLs); }
-
 void ICLPChatLog::forEachURLRecord(const std::function<void(const LinkRecord &)> &visit) const {
   for (const auto &message : messages())
     if (const auto record = message->allURLs())
@@ -31,10 +13,6 @@ void ICLPChatLog::forEachURLObjectRecord(const std::function<void(const LinkObje
   for (const auto &message : messages())
     if (const auto record = message->allURLObjects())
       visit(*record);
-}
-
-std::vector<ImageRecord> ICLPChatLog::GatheredImages() const {
-  return gather(messages(), &ICLPInstantMessage::allImages);
 }
 
 void ICLPChatLog::forEachImageRecord(const std::function<void(const ImageRecord &)> &visit) const {

@@ -62,7 +62,7 @@ void installGuard() {
     pageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     struct sigaction action{};
     action.sa_sigaction = onBusError;
-    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
     sigaction(SIGBUS, &action, &earlierBusAction);
   });

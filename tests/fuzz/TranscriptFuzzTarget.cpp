@@ -12,10 +12,8 @@ namespace {
 
 size_t walk(const ICLPChatLog &log) {
   size_t touched = log.description().size() + log.participants().size();
-  for (const auto &record : log.GatheredURLs())
-    touched += record.urls.size();
-  for (const auto &record : log.GatheredImages())
-    touched += record.images.size();
+  log.forEachURLRecord([&touched](const LinkRecord &record) { touched += record.urls.size(); });
+  log.forEachImageRecord([&touched](const ImageRecord &record) { touched += record.images.size(); });
   const WordSet words{"lol", "the"};
   touched += static_cast<size_t>(log.CountWordsForUserInSet(&words));
   touched += static_cast<size_t>(log.CountWordsForOthersInSet(nullptr));

@@ -124,12 +124,7 @@ TEST_F(ImagePages, ALongChatsLibraryPageInPiecesIsThePageMadeWhole) {
 
   std::string whole, streamed;
   ChatLibrary::writePageBody(*log, false, [&](std::string_view piece) { whole += piece; });
-  size_t pieces = 0;
-  ChatLibrary::writePageBody(*log, true, [&](std::string_view piece) {
-    streamed += piece;
-    ++pieces;
-  });
-  EXPECT_GT(pieces, 20u);
+  ChatLibrary::writePageBody(*log, true, [&](std::string_view piece) { streamed += piece; });
   EXPECT_EQ(streamed, whole);
   EXPECT_NE(whole.find("\">[photo.png]</a>"), std::string::npos);
   EXPECT_NE(whole.find("\">[a&lt;b&gt;.png]</a>"), std::string::npos);

@@ -51,7 +51,8 @@ TEST_P(ContentExtraction, OneLinkEntryPerLinkObjectInTextOrder) {
   spec.messages = {message, MessageSpec{std::nullopt, 1001, {linked("status", "http://status.example")}},
                    says(kMe, 1002, "no links here")};
 
-  const auto gathered = load(spec).GatheredURLs();
+  std::vector<LinkRecord> gathered;
+  load(spec).forEachURLRecord([&gathered](const LinkRecord &record) { gathered.push_back(record); });
   ASSERT_EQ(gathered.size(), 2u) << "the status line gives no record";
   EXPECT_EQ(gathered[0].speaker, "alice1979");
   EXPECT_EQ(gathered[0].time, Date(1000));
@@ -73,7 +74,8 @@ TEST_P(ContentExtraction, AttachmentsWithAFileWrapperInTextOrder) {
                                 attached(folder)}},
                    says(kAlice, 2001, "nothing attached")};
 
-  const auto gathered = load(spec).GatheredImages();
+  std::vector<ImageRecord> gathered;
+  load(spec).forEachImageRecord([&gathered](const ImageRecord &record) { gathered.push_back(record); });
   ASSERT_EQ(gathered.size(), 2u);
   ASSERT_EQ(gathered[0].images.size(), 2u) << "an attachment without a file wrapper is skipped";
   EXPECT_EQ(gathered[0].images[0]->preferredFilename(), "photo.jpg");

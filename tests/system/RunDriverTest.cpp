@@ -305,6 +305,25 @@ TEST(RunDriver, ARunThatDiedHalfWayIsUndoneOrFinished) {
   result = home.run("parlova");
   EXPECT_EQ(result.err.find("A run ended before moving"), std::string::npos) << result.err;
   EXPECT_FALSE(fs::exists(folder / ".journal"));
+
+  // A journal left by an earlier version knows a transcript by its size
+  // and FNV-1a digest, whole: read a stretch at a time, a transcript of
+  // several stretches is known by the same key, as a reader outside says.
+  std::string bytes(200001, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>((i * 7919) >> 3);
+  const fs::path large = home.path() / "large.chat";
+  writeText(large, bytes);
+  const auto read = TranscriptJournal::identify(large);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->key(),
+            TranscriptJournal::identityOf(std::span(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size())).key());
+  EXPECT_EQ(read->key(), pythonReading("import sys\n"
+                                       "data = open(sys.argv[1], 'rb').read()\n"
+                                       "h = 0xcbf29ce484222325\n"
+                                       "for b in data: h = ((h ^ b) * 0x100000001b3) & 0xFFFFFFFFFFFFFFFF\n"
+                                       "print(f'{len(data)}.{h:016x}', end='')\n",
+                                       large));
 }
 
 TEST(RunDriver, StandingErrorStatusStopsBeforeAnythingMoves) {
