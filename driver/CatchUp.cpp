@@ -131,18 +131,24 @@ int catchUp(const RunOptions &options) {
     return ahead;
   };
   TranscriptPrefetch prefetch;
-  // The next transcript of the walk, when it is small enough to be held
-  // beside the current one.
-  const auto beginNext = [&](size_t from) {
-    constexpr uintmax_t kLargest = 16u << 20;
-    for (size_t next = from; next < entries.size(); ++next) {
-      const fs::path path = chatFolder / entries[next];
+  // The transcripts of the walk after `from`, as many as may be held beside
+  // the current one; one too large to be held is decoded when it comes.
+  size_t askedUpTo = 0;
+  const auto askAhead = [&](size_t from) {
+    askedUpTo = std::max(askedUpTo, from);
+    for (; askedUpTo < entries.size(); ++askedUpTo) {
+      const fs::path path = chatFolder / entries[askedUpTo];
       if (!ICLPChatLog::hasTranscriptExtension(path))
         continue;
       std::error_code error;
-      if (fs::is_regular_file(path, error) && fs::file_size(path, error) <= kLargest && !error)
-        prefetch.begin(path, mailAhead());
-      return;
+      if (!fs::is_regular_file(path, error))
+        continue;
+      const uintmax_t bytes = fs::file_size(path, error);
+      if (error || bytes > TranscriptPrefetch::kMostBytesAhead)
+        continue;
+      if (!prefetch.hasRoomFor(bytes))
+        return;
+      prefetch.ask(path, mailAhead(), bytes);
     }
   };
   // Why the catch-up stops when the batch cannot be committed; the next run
@@ -179,7 +185,7 @@ int catchUp(const RunOptions &options) {
     // Decoded from the very bytes the history knows the chat by.
     TranscriptPrefetch::Prepared prepared = candidate ? prefetch.take(path) : TranscriptPrefetch::Prepared{};
     if (candidate)
-      beginNext(index + 1);
+      askAhead(index + 1);
     const bool readable = prepared.readable;
     auto &loaded = prepared.loaded;
     const std::string &contentKey = prepared.contentKey;

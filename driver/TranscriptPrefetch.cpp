@@ -1,5 +1,6 @@
 #include "driver/TranscriptPrefetch.h"
 
+#include <algorithm>
 #include <sys/stat.h>
 
 #include "driver/TranscriptJournal.h"
@@ -30,15 +31,23 @@ TranscriptPrefetch::Stamp TranscriptPrefetch::stampOf(const fs::path &path) {
           nanoseconds(status.st_ctim)};
 }
 
-void TranscriptPrefetch::begin(const fs::path &path, MailAhead mail) {
+bool TranscriptPrefetch::hasRoomFor(uintmax_t bytes) {
+  const std::scoped_lock lock(mutex_);
+  if (bytes > kMostBytesAhead)
+    return false;
+  return asked_.empty() || (asked_.size() < kMostAhead && bytesAsked_ + bytes <= kMostBytesAhead);
+}
+
+void TranscriptPrefetch::ask(const fs::path &path, MailAhead mail, uintmax_t bytes) {
   {
     const std::scoped_lock lock(mutex_);
-    if (working_ || asked_)
-      return;
-    ready_.reset();
-    readyPath_.reset();
-    asked_ = path;
-    askedMail_ = std::move(mail);
+    Asked asked;
+    asked.number = ++numbered_;
+    asked.path = path;
+    asked.mail = std::move(mail);
+    asked.bytes = bytes;
+    asked_.push_back(std::move(asked));
+    bytesAsked_ += bytes;
   }
   changed_.notify_all();
 }
@@ -48,13 +57,19 @@ TranscriptPrefetch::Prepared TranscriptPrefetch::take(const fs::path &path) {
   Stamp stamp;
   {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return !working_ && !asked_; });
-    if (ready_ && readyPath_ == path) {
-      prepared = std::move(ready_);
-      stamp = readyStamp_;
+    const auto wanted = std::find_if(asked_.begin(), asked_.end(), [&](const Asked &each) { return each.path == path; });
+    // One not asked for (too large to be held ahead) is made here, and
+    // those asked after it stay asked.
+    if (wanted != asked_.end()) {
+      for (auto each = asked_.begin(); each != wanted; ++each)
+        bytesAsked_ -= each->bytes;
+      asked_.erase(asked_.begin(), wanted);
+      changed_.wait(lock, [this] { return asked_.front().done; });
+      prepared = std::move(asked_.front().prepared);
+      stamp = asked_.front().stamp;
+      bytesAsked_ -= asked_.front().bytes;
+      asked_.pop_front();
     }
-    ready_.reset();
-    readyPath_.reset();
   }
   // Read before the chat was judged over: the bytes count only if the file
   // is still the one they were read from.
@@ -66,19 +81,22 @@ TranscriptPrefetch::Prepared TranscriptPrefetch::take(const fs::path &path) {
 void TranscriptPrefetch::work() {
   bool composed = false;
   std::unique_lock lock(mutex_);
+  const auto nextToMake = [this] {
+    return std::find_if(asked_.begin(), asked_.end(), [](const Asked &each) { return !each.done; });
+  };
   for (;;) {
-    changed_.wait(lock, [this] { return stopping_ || asked_; });
+    changed_.wait(lock, [&] { return stopping_ || nextToMake() != asked_.end(); });
     if (stopping_) {
       lock.unlock();
       if (composed)
         SmtpSession::leaveThread();
       return;
     }
-    const fs::path path = std::move(*asked_);
-    const MailAhead mail = std::move(askedMail_);
+    const auto next = nextToMake();
+    const uint64_t number = next->number;
+    const fs::path path = next->path;
+    const MailAhead mail = next->mail;
     composed = composed || mail.compose;
-    asked_.reset();
-    working_ = true;
     lock.unlock();
     // Stamped before it is read: a change while it is read shows as one.
     const Stamp stamp = stampOf(path);
@@ -89,10 +107,13 @@ void TranscriptPrefetch::work() {
       // Made again by the main thread, where a failure is reported.
     }
     lock.lock();
-    ready_ = std::move(prepared);
-    readyPath_ = path;
-    readyStamp_ = stamp;
-    working_ = false;
+    // Unless it was let go meanwhile.
+    const auto made = std::find_if(asked_.begin(), asked_.end(), [&](const Asked &each) { return each.number == number; });
+    if (made != asked_.end()) {
+      made->prepared = std::move(prepared);
+      made->stamp = stamp;
+      made->done = true;
+    }
     changed_.notify_all();
   }
 }

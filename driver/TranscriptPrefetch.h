@@ -1,11 +1,16 @@
-// A catch-up's next transcript made ready on a thread of its own while the
+// A catch-up's next transcripts made ready on a thread of its own while the
 // current one is carried through: read, decoded, named and, where its mail
 // depends on nothing but the transcript, its mail composed. That is about
 // half of a transcript's work, done by a second processor; everything that
 // reaches the disk is still done by the main thread, in the order it was.
+// Several are made ready ahead, so that a transcript that takes the thread
+// longer than the main thread takes for the one before does not hold the
+// main thread up; how many is bounded by their count and their bytes.
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -43,12 +48,17 @@ public:
   TranscriptPrefetch(const TranscriptPrefetch &) = delete;
   TranscriptPrefetch &operator=(const TranscriptPrefetch &) = delete;
 
-  // Begins making `path` ready, unless the thread is still at the one
-  // before; what was made ready and not taken is let go.
-  void begin(const std::filesystem::path &path, MailAhead mail);
-  // `path` made ready, when it is the one begun and its file has not
-  // changed since it was read; otherwise read and decoded here, without
-  // its mail.
+  static constexpr size_t kMostAhead = 32;
+  static constexpr uintmax_t kMostBytesAhead = 16u << 20;
+
+  // Whether a transcript of `bytes` may be asked for now: one of any size
+  // up to the bound when none waits, otherwise while count and bytes allow.
+  bool hasRoomFor(uintmax_t bytes);
+  // Asks for `path` (of `bytes`) to be made ready after those asked before.
+  void ask(const std::filesystem::path &path, MailAhead mail, uintmax_t bytes);
+  // `path` made ready, when it was asked for and its file has not changed
+  // since it was read; otherwise read and decoded here, without its mail.
+  // Those asked before it and not taken are let go.
   Prepared take(const std::filesystem::path &path);
 
   // The work itself, on the caller's thread.
@@ -67,15 +77,22 @@ private:
   static Stamp stampOf(const std::filesystem::path &path);
   void work();
 
+  struct Asked {
+    uint64_t number = 0;
+    std::filesystem::path path;
+    MailAhead mail;
+    uintmax_t bytes = 0;
+    bool done = false;
+    Stamp stamp;
+    std::optional<Prepared> prepared;
+  };
+
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::optional<std::filesystem::path> asked_;
-  MailAhead askedMail_;
-  bool working_ = false;
+  std::deque<Asked> asked_; // in the order of the walk
+  uintmax_t bytesAsked_ = 0;
+  uint64_t numbered_ = 0;
   bool stopping_ = false;
-  std::optional<std::filesystem::path> readyPath_;
-  std::optional<Prepared> ready_;
-  Stamp readyStamp_;
   std::thread thread_; // last: it starts once the rest is made
 };
 

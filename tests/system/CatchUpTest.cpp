@@ -152,7 +152,7 @@ TEST(CatchUp, ATranscriptReadAheadAndChangedSinceIsReadAgain) {
   for (const bool changed : {false, true}) {
     writeText(first, before);
     TranscriptPrefetch prefetch;
-    prefetch.begin(first, mail);
+    prefetch.ask(first, mail, fs::file_size(first));
     std::this_thread::sleep_for(std::chrono::milliseconds(300)); // read by then
     if (changed)
       writeText(first, after);
@@ -166,6 +166,39 @@ TEST(CatchUp, ATranscriptReadAheadAndChangedSinceIsReadAgain) {
       EXPECT_EQ(prepared.mail->name, std::string(MailboxMessage::kNamePrefix) + key);
     }
   }
+}
+
+// Transcripts are asked for ahead while count and bytes allow. One not asked
+// for (too large to be held ahead) is made on the spot, without its mail,
+// and those asked after it are still made ahead, with theirs.
+TEST(CatchUp, TranscriptsAskedAheadAreBoundedAndOutliveOneMadeOnTheSpot) {
+  ScratchHome home;
+  const auto made = samples::writeBacklog(home.chats(), {.transcripts = 4, .seed = 5, .people = 2, .longestChat = 20});
+  TranscriptPrefetch::MailAhead mail;
+  mail.compose = true;
+  mail.to = "me@example.org";
+  {
+    TranscriptPrefetch prefetch;
+    for (const size_t asked : {0, 2, 3})
+      prefetch.ask(home.chats() / made[asked], mail, fs::file_size(home.chats() / made[asked]));
+    for (size_t each = 0; each < made.size(); ++each) {
+      const TranscriptPrefetch::Prepared prepared = prefetch.take(home.chats() / made[each]);
+      EXPECT_TRUE(std::holds_alternative<ICLPChatLog>(prepared.loaded)) << each;
+      EXPECT_EQ(prepared.mail.has_value(), each != 1) << each;
+    }
+  }
+  constexpr uintmax_t kBound = TranscriptPrefetch::kMostBytesAhead;
+  TranscriptPrefetch prefetch;
+  EXPECT_TRUE(prefetch.hasRoomFor(kBound));
+  EXPECT_FALSE(prefetch.hasRoomFor(kBound + 1));
+  prefetch.ask(home.path() / "gone-0.chat", {}, kBound / 2);
+  EXPECT_TRUE(prefetch.hasRoomFor(kBound / 2));
+  EXPECT_FALSE(prefetch.hasRoomFor(kBound / 2 + 1));
+  for (size_t more = 1; more < TranscriptPrefetch::kMostAhead; ++more)
+    prefetch.ask(home.path() / ("gone-" + std::to_string(more) + ".chat"), {}, 0);
+  EXPECT_FALSE(prefetch.hasRoomFor(0));
+  EXPECT_FALSE(prefetch.take(home.path() / "gone-0.chat").readable);
+  EXPECT_TRUE(prefetch.hasRoomFor(kBound - 1));
 }
 
 TEST(CatchUp, AStandingErrorOrUndeliverableMailStopsTheBatchBeforeAnythingIsArchived) {
