@@ -5,9 +5,22 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <mutex>
 #include <unistd.h>
 
 namespace parlova {
+
+namespace {
+
+// SQLite counts every allocation under one lock of the whole process unless
+// told not to before its first use. Nothing here reads the counts, and the
+// web view's readers on several threads would take turns on that lock.
+void configureSqliteOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
+}
+
+} // namespace
 
 SqliteError sqliteError(sqlite3 *database, int code) {
   const int primary = code & 0xFF;
@@ -113,6 +126,7 @@ std::variant<SqliteDatabase, SqliteError> SqliteDatabase::open(const std::filesy
   // making it first.
   if (const int made = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode); made >= 0)
     close(made);
+  configureSqliteOnce();
   sqlite3 *handle = nullptr;
   const int code = sqlite3_open_v2(file.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   SqliteDatabase database(handle);
@@ -125,6 +139,7 @@ std::variant<SqliteDatabase, SqliteError> SqliteDatabase::open(const std::filesy
 }
 
 std::variant<SqliteDatabase, SqliteError> SqliteDatabase::openForReading(const std::filesystem::path &file) {
+  configureSqliteOnce();
   sqlite3 *handle = nullptr;
   // A reader's connection is used by one thread at a time: SQLite's own
   // locks around each call would be work for nothing.
