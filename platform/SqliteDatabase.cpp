@@ -6,6 +6,8 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 #include <unistd.h>
 
 namespace parlova {
@@ -37,9 +39,39 @@ SqliteError sqliteError(sqlite3 *database, int code) {
           primary == SQLITE_INTERRUPT};
 }
 
-void SqliteStatement::Finalizer::operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
+// Reset, with nothing bound, and holding no read of the file open. Bounded:
+// statement texts come from the program, but a few are put together from
+// the conditions a request asks for.
+struct SqliteStatement::Kept {
+  static constexpr size_t kMost = 64;
+  bool closed = false;
+  std::unordered_multimap<std::string, sqlite3_stmt *> statements;
 
-void SqliteDatabase::Closer::operator()(sqlite3 *database) const { sqlite3_close_v2(database); }
+  ~Kept() { finalizeAll(); }
+  void finalizeAll() {
+    for (auto &[text, statement] : statements)
+      sqlite3_finalize(statement);
+    statements.clear();
+  }
+};
+
+void SqliteStatement::Finalizer::operator()(sqlite3_stmt *statement) const {
+  if (!keeper || keeper->closed || keeper->statements.size() >= Kept::kMost) {
+    sqlite3_finalize(statement);
+    return;
+  }
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  keeper->statements.emplace(text, statement);
+}
+
+void SqliteDatabase::Closer::operator()(sqlite3 *database) const {
+  if (kept) {
+    kept->closed = true;
+    kept->finalizeAll();
+  }
+  sqlite3_close_v2(database);
+}
 
 SqliteStatement &SqliteStatement::bind(int index, int64_t value) {
   sqlite3_bind_int64(statement_.get(), index, value);
@@ -144,7 +176,7 @@ std::variant<SqliteDatabase, SqliteError> SqliteDatabase::openForReading(const s
   // A reader's connection is used by one thread at a time: SQLite's own
   // locks around each call would be work for nothing.
   const int code = sqlite3_open_v2(file.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-  SqliteDatabase database(handle);
+  SqliteDatabase database(handle, std::make_shared<SqliteStatement::Kept>());
   if (code != SQLITE_OK)
     return sqliteError(handle, code);
   sqlite3_extended_result_codes(handle, 1);
@@ -153,13 +185,18 @@ std::variant<SqliteDatabase, SqliteError> SqliteDatabase::openForReading(const s
 }
 
 std::variant<SqliteStatement, SqliteError> SqliteDatabase::prepare(std::string_view sql) {
+  const auto &kept = database_.get_deleter().kept;
+  if (kept) {
+    if (auto found = kept->statements.extract(std::string(sql)); !found.empty())
+      return SqliteStatement(database_.get(), found.mapped(), kept, std::move(found.key()));
+  }
   sqlite3_stmt *statement = nullptr;
   const int code = sqlite3_prepare_v2(database_.get(), sql.data(), static_cast<int>(sql.size()), &statement, nullptr);
   if (code != SQLITE_OK) {
     sqlite3_finalize(statement);
     return sqliteError(database_.get(), code);
   }
-  return SqliteStatement(database_.get(), statement);
+  return SqliteStatement(database_.get(), statement, kept, kept ? std::string(sql) : std::string());
 }
 
 void SqliteDatabase::limitWork(std::optional<std::chrono::milliseconds> limit) {

@@ -53,12 +53,19 @@ public:
   std::string text(int column) const;
   bool isNull(int column) const;
 
+  // Statements a reader's connection keeps for their next use.
+  struct Kept;
+
 private:
   friend class SqliteDatabase;
   struct Finalizer {
+    std::shared_ptr<Kept> keeper; // where the statement goes back, if anywhere
+    std::string text;             // what it was prepared from, when kept
     void operator()(sqlite3_stmt *statement) const;
   };
-  SqliteStatement(sqlite3 *database, sqlite3_stmt *statement) : database_(database), statement_(statement) {}
+  SqliteStatement(sqlite3 *database, sqlite3_stmt *statement, std::shared_ptr<Kept> keeper = nullptr,
+                  std::string text = {})
+      : database_(database), statement_(statement, Finalizer{std::move(keeper), std::move(text)}) {}
   sqlite3 *database_;
   std::unique_ptr<sqlite3_stmt, Finalizer> statement_;
 };
@@ -67,7 +74,10 @@ class SqliteDatabase {
 public:
   // Opens the file, made when missing (with `mode`), or says why not.
   static std::variant<SqliteDatabase, SqliteError> open(const std::filesystem::path &file, unsigned mode = 0600);
-  // Opens an existing file for reading only, for one thread at a time.
+  // Opens an existing file for reading only, for one thread at a time. Its
+  // statements, once let go, are kept for the next prepare() of the same
+  // text: a reader answers the same few statements again and again, and
+  // preparing one can cost more than running it.
   static std::variant<SqliteDatabase, SqliteError> openForReading(const std::filesystem::path &file);
 
   SqliteDatabase(SqliteDatabase &&) noexcept = default;
@@ -83,9 +93,11 @@ public:
 
 private:
   struct Closer {
+    std::shared_ptr<SqliteStatement::Kept> kept; // let go before the database closes
     void operator()(sqlite3 *database) const;
   };
-  explicit SqliteDatabase(sqlite3 *database) : database_(database) {}
+  explicit SqliteDatabase(sqlite3 *database, std::shared_ptr<SqliteStatement::Kept> kept = nullptr)
+      : database_(database, Closer{std::move(kept)}) {}
   std::unique_ptr<sqlite3, Closer> database_;
   // Where SQLite's progress handler looks, which a move must not change.
   std::unique_ptr<std::chrono::steady_clock::time_point> deadline_;
