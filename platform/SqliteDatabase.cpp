@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <sqlite3.h>
-#include <sys/stat.h>
 #include <mutex>
+#include <sqlite3.h>
 #include <string>
-#include <unordered_map>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace parlova {
 
