@@ -216,6 +216,8 @@ void SqliteDatabase::limitWork(std::optional<std::chrono::milliseconds> limit) {
       deadline_.get());
 }
 
+bool SqliteDatabase::inTransaction() const { return sqlite3_get_autocommit(database_.get()) == 0; }
+
 std::optional<SqliteError> SqliteDatabase::execute(const std::string &sql) {
   const int code = sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr);
   if (code != SQLITE_OK)

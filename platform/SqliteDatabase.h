@@ -91,6 +91,9 @@ public:
   // nothing: no limit again.
   void limitWork(std::optional<std::chrono::milliseconds> limit);
 
+  // Whether a transaction begun on this connection is still open.
+  bool inTransaction() const;
+
 private:
   struct Closer {
     std::shared_ptr<SqliteStatement::Kept> kept; // let go before the database closes
