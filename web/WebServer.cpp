@@ -4,8 +4,9 @@
 #include <cstring>
 #include <fstream>
 #include <optional>
-#include <thread>
 #include <sstream>
+#include <sys/socket.h>
+#include <thread>
 
 #include <httplib.h>
 
@@ -34,6 +35,11 @@ namespace {
 // six: a few tabs must not take every worker.
 constexpr size_t kWorkers = 24;
 constexpr size_t kWaiting = 64;
+// Connections the kernel holds until they are taken. The library asks for
+// five: a browser's six, or a few clients coming back at once, overflow
+// that, and the kernel drops each one over, which then waits a second
+// before it knocks again.
+constexpr int kKernelQueue = 128;
 constexpr size_t kLargestBody = 64 * 1024;
 // How long the statements of one request may take: enough for any page,
 // and a query that would read the whole index is stopped rather than
@@ -124,6 +130,7 @@ struct WebServer::State {
   void servePicture(const httplib::Request &request, httplib::Response &response) const;
 
   httplib::Server server;
+  int listening = -1; // the socket the server was bound to
   std::string address;
   int port = 0;
   std::optional<RequestGate> gate; // once the port is known
@@ -172,6 +179,14 @@ void WebServer::State::route() {
   server.set_write_timeout(5, 0);
   server.set_keep_alive_timeout(2);
   server.set_keep_alive_max_count(100);
+  // The address alone may be taken again at once after a restart; the
+  // port is not shared with another server, which would be given half of
+  // the connections.
+  server.set_socket_options([this](int socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    listening = socket;
+  });
 
   server.set_pre_routing_handler([this](const httplib::Request &request, httplib::Response &response) {
     response.set_header("Content-Security-Policy", kPolicy);
@@ -260,6 +275,8 @@ std::variant<std::unique_ptr<WebServer>, std::string> WebServer::bind(const std:
   if (bound <= 0)
     return "cannot listen on " + address + (port == 0 ? "" : " port " + std::to_string(port)) +
            (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string());
+  if (state->listening >= 0)
+    ::listen(state->listening, kKernelQueue);
   state->gate.emplace(std::move(token), bound);
   state->address = address;
   state->port = bound;

@@ -167,6 +167,7 @@ public:
   std::string origin() const;                         // http://127.0.0.1:PORT
   std::string port() const;
   std::string token() const;
+  int pid() const { return pid_; }
 
 private:
   int pid_ = -1;

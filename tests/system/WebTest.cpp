@@ -3,8 +3,17 @@
 // its JSON against parlova-search's, read with Python's json module.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <csignal>
+#include <fcntl.h>
 #include <future>
+#include <netinet/in.h>
+#include <poll.h>
 #include <set>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 #include "samples/ImageWriter.h"
 #include "tests/support/ToolTestSupport.h"
@@ -208,6 +217,60 @@ TEST_F(Web, AnswersOnlyWithTheTokenAtItsOwnAddressAndNeverWithMarkupOrFilesFromO
   const HttpAnswer chatPage = httpGet(port, chatAddress.substr(0, chatAddress.find('?')), {host, cookie});
   EXPECT_NE(chatPage.body.find("&lt;script&gt;alert(1)&lt;/script&gt;"), std::string::npos) << chatPage.body;
   EXPECT_NE(chatPage.body.find("<a href=\"http://ok.example/\" rel="), std::string::npos) << chatPage.body;
+
+  // Connections that arrive while it cannot take them wait in the kernel,
+  // none turned away to knock again a second later; then each is answered.
+  constexpr int kAtOnce = 40;
+  kill(web.pid(), SIGSTOP);
+  std::vector<int> sockets;
+  std::vector<pollfd> waiting;
+  for (int i = 0; i < kAtOnce; ++i) {
+    sockets.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(sockets.back(), reinterpret_cast<sockaddr *>(&address), sizeof address);
+    waiting.push_back({sockets.back(), POLLOUT, 0});
+  }
+  int connected = 0;
+  for (auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+       connected < kAtOnce && std::chrono::steady_clock::now() < until;) {
+    poll(waiting.data(), waiting.size(), 50);
+    for (pollfd &each : waiting)
+      if (each.revents & POLLOUT) {
+        ++connected;
+        each.fd = -1;
+      }
+  }
+  kill(web.pid(), SIGCONT);
+  EXPECT_EQ(connected, kAtOnce);
+  const std::string asked = "GET /search?format=json&q=pancakes HTTP/1.1\r\n" + host + "\r\n" + cookie +
+                            "\r\nConnection: close\r\n\r\n";
+  int answered = 0;
+  for (const int socket : sockets) {
+    fcntl(socket, F_SETFL, 0);
+    send(socket, asked.data(), asked.size(), MSG_NOSIGNAL);
+    char head[16] = {};
+    answered += recv(socket, head, sizeof head - 1, MSG_WAITALL) > 0 && std::string(head).starts_with("HTTP/1.1 200");
+    close(socket);
+  }
+  EXPECT_EQ(answered, kAtOnce);
+
+  // Its port is its own: a second server is refused it rather than given
+  // half of the connections.
+  const pid_t second = home_.start("parlova-web", {"--port", port});
+  int status = 0;
+  for (int i = 0; i < 100 && waitpid(second, &status, WNOHANG) == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  if (kill(second, 0) == 0) {
+    kill(second, SIGTERM);
+    waitpid(second, &status, 0);
+    ADD_FAILURE() << "a second server took the same port";
+  } else {
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
+  }
+
   // After all that, it still answers.
   EXPECT_EQ(httpGet(port, "/search?q=pancakes", {host, cookie}).status, 200);
 }
