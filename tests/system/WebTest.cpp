@@ -102,6 +102,9 @@ TEST_F(Web, AChatIsFoundAsTypedAndOpensAtTheMessageInABrowser) {
     {"wait": "new Promise(settled => requestAnimationFrame(() => requestAnimationFrame(() => settled(true))))"},
     {"value": "hitInView", "js": "(() => { const r = document.querySelector('.m.hit').getBoundingClientRect(); return [document.querySelector('.m.hit .text').textContent, r.top >= document.querySelector('header').getBoundingClientRect().bottom && r.bottom <= innerHeight]; })()"},
     {"value": "shownFirst", "js": "document.querySelectorAll('.m').length"},
+    {"value": "readerScrolls", "js": "(() => { window.dispatchEvent(new WheelEvent('wheel')); window.readerAt = scrollY + 300; scrollTo(0, readerAt); dispatchEvent(new Event('load')); return true; })()"},
+    {"wait": "new Promise(settled => requestAnimationFrame(() => requestAnimationFrame(() => settled(true))))"},
+    {"value": "leftWhereTheReaderWent", "js": "scrollY === readerAt"},
     {"scroll": "bottom"},
     {"wait": "document.querySelectorAll('.m').length >= 401"},
     {"scroll": "top"},
@@ -129,10 +132,12 @@ TEST_F(Web, AChatIsFoundAsTypedAndOpensAtTheMessageInABrowser) {
             "daysOnce true\n"
             "hitInView [\"the needle is here\", true]\n"
             "inOrder true\n"
+            "leftWhereTheReaderWent true\n"
             "markedInHit \"needle\"\n"
             "month [\"Alice\"]\n"
             "person [\"alice.work, alice1979: 2 chats, 16 words, 2005-12-30 to 2006-01-26\", 2, 1]\n"
             "picture 8\n"
+            "readerScrolls true\n"
             "shownFirst 201\n"
             "failed None");
 }

@@ -48,12 +48,18 @@
     if (!messages) return;
     const hit = messages.querySelector('.m.hit');
     // The browser goes to the message's anchor once the page has loaded,
-    // to the top of the window: then it is put in the middle.
+    // to the top of the window: then it is put in the middle, unless the
+    // reader has gone somewhere else meanwhile.
     const centre = () => {
       if (hit) hit.scrollIntoView({ block: 'center' });
     };
+    let readerMoved = false;
+    for (const kind of ['wheel', 'keydown', 'touchstart', 'mousedown'])
+      window.addEventListener(kind, () => { readerMoved = true; }, { once: true, passive: true });
     centre();
-    window.addEventListener('load', () => window.requestAnimationFrame(centre));
+    window.addEventListener('load', () => window.requestAnimationFrame(() => {
+      if (!readerMoved) centre();
+    }));
     const sameDayTwice = () => {
       let last = '';
       for (const heading of messages.querySelectorAll('h2.day')) {
