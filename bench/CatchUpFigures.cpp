@@ -334,7 +334,7 @@ void printSearch(const fs::path &binaryDir) {
     const std::string database = (indexedHome / "Library" / "Parlova" / "history.sqlite").string();
     return best([&] {
       return runIn(root, {(binaryDir / "bench" / "sqlite-alone").string(), database, ftsQuery(query), "50",
-                          kCountStatement, hitsStatement(HitOrder::Best)})
+                          kCountStatement, hitsStatement(HitOrder::BestOfFew)})
           .seconds;
     });
   };

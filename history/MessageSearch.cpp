@@ -168,9 +168,10 @@ std::string hitsStatement(HitOrder order) {
                      "FROM texts JOIN chats c ON c.id = texts.chat JOIN speakers s ON s.id = texts.speaker "
                      "WHERE texts MATCH ?1 AND ") +
          PeopleAndChats::kWithCondition + kConditions +
-         (order == HitOrder::Oldest ? "ORDER BY texts.time, texts.rowid "
-          : order == HitOrder::Best ? "ORDER BY rank "
-                                    : "ORDER BY texts.rowid DESC ") +
+         (order == HitOrder::Oldest      ? "ORDER BY texts.time, texts.rowid "
+          : order == HitOrder::Best      ? "ORDER BY rank "
+          : order == HitOrder::BestOfFew ? "ORDER BY bm25(texts), texts.rowid "
+                                         : "ORDER BY texts.rowid DESC ") +
          "LIMIT ?5 OFFSET coalesce(?10, 0)";
 }
 
@@ -183,6 +184,7 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
   // ranks barely differ and the reader waits for nothing: the most recently
   // kept come first then. A count is cheap.
   bool best = !options.byDate;
+  int64_t matching = -1;
   if (best && options.limit != 0) {
     auto counted = history.prepare(kCountStatement);
     auto *count = std::get_if<SqliteStatement>(&counted);
@@ -192,9 +194,18 @@ std::variant<std::vector<SearchHit>, SearchFailure> searchMessages(SqliteDatabas
     const auto step = count->step();
     if (const auto *error = std::get_if<SqliteError>(&step))
       return badQuery(*error);
-    best = count->integer(0) <= kMostRanked;
+    matching = count->integer(0);
+    best = matching <= kMostRanked;
   }
-  const std::string sql = hitsStatement(options.byDate ? HitOrder::Oldest : best ? HitOrder::Best : HitOrder::Newest);
+  // FTS5 ranks apart from the query, in a statement it prepares for each
+  // search, and then reads the hits in that order; when every hit is on
+  // this page, SQLite's own sort of them costs less. Ties go by row in
+  // both, so pages of either kind follow on from each other.
+  const bool allWanted = matching >= 0 && static_cast<uint64_t>(matching) <= options.skip + options.limit;
+  const std::string sql = hitsStatement(options.byDate ? HitOrder::Oldest
+                                        : !best        ? HitOrder::Newest
+                                        : allWanted    ? HitOrder::BestOfFew
+                                                       : HitOrder::Best);
   auto prepared = history.prepare(sql);
   if (const auto *error = std::get_if<SqliteError>(&prepared))
     return unprepared(*error);

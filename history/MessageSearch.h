@@ -68,7 +68,8 @@ inline constexpr int64_t kMostRanked = 10000;
 // the most hits, ?6 and ?7 the marks around matched words, ?8 and ?9 1 for
 // chats with links or pictures only, ?10 the hits to skip).
 inline constexpr const char *kCountStatement = "SELECT count(*) FROM texts WHERE texts MATCH ?1";
-enum class HitOrder { Best, Newest, Oldest };
+// BestOfFew is Best, hit for hit, for a search whose every hit is wanted.
+enum class HitOrder { Best, BestOfFew, Newest, Oldest };
 std::string hitsStatement(HitOrder order);
 
 struct SearchFailure {

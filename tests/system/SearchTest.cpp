@@ -124,9 +124,27 @@ TEST_F(Search, EachMessageHoldingTheWordIsOneHit) {
       return std::any_of(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>(),
                          [&](const std::string &each) { return each == word; });
     }));
-    ASSERT_GT(holding, 0u);
+    ASSERT_GT(holding, 1u);
     const auto result = home_.run("parlova-search", {"--json", "--limit", "0", word});
     EXPECT_EQ(static_cast<size_t>(std::count(result.out.begin(), result.out.end(), '\n')), holding) << word;
+
+    // Best first, ties by row, whether every hit fits the limit or not:
+    // the same order as SQLite ranks them for another reader.
+    writeText(home_.path() / "all.json", result.out);
+    EXPECT_EQ(pythonReading("import json, sqlite3, sys\n"
+                            "db = sqlite3.connect(sys.argv[1] + '/Library/Parlova/history.sqlite')\n"
+                            "ranked = [t for (t,) in db.execute(\"SELECT text FROM texts WHERE texts MATCH ? \"\n"
+                            "                                   \"ORDER BY rank, rowid\", ('" + word + "',))]\n"
+                            "hits = [json.loads(line)['text'] for line in open(sys.argv[1] + '/all.json')]\n"
+                            "print(hits == ranked)\n",
+                            home_.path()),
+              "True")
+        << word;
+    const std::string every = home_.run("parlova-search", {"--json", "--limit", std::to_string(holding), word}).out;
+    const std::string allButOne =
+        home_.run("parlova-search", {"--json", "--limit", std::to_string(holding - 1), word}).out;
+    EXPECT_EQ(every, result.out) << word;
+    EXPECT_EQ(allButOne, result.out.substr(0, result.out.rfind('\n', result.out.size() - 2) + 1)) << word;
   }
 }
 
