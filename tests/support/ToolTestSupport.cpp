@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -308,17 +309,25 @@ std::string WebView::origin() const { return opening_.substr(0, opening_.find("/
 std::string WebView::port() const { return origin().substr(origin().rfind(':') + 1); }
 std::string WebView::token() const { return opening_.substr(opening_.find("token=") + 6); }
 
-HttpAnswer httpGet(const std::string &port, const std::string &target, const std::vector<std::string> &headers) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+int loopbackConnection(unsigned port, bool underWay) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | (underWay ? SOCK_NONBLOCK : 0), 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+  address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  HttpAnswer answer;
-  if (connect(socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+  if (socket >= 0 && connect(socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 &&
+      !(underWay && errno == EINPROGRESS)) {
     close(socket);
-    return answer;
+    return -1;
   }
+  return socket;
+}
+
+HttpAnswer httpGet(const std::string &port, const std::string &target, const std::vector<std::string> &headers) {
+  HttpAnswer answer;
+  const int socket = loopbackConnection(static_cast<unsigned>(std::stoi(port)));
+  if (socket < 0)
+    return answer;
   std::string request = "GET " + target + " HTTP/1.1\r\n";
   for (const std::string &header : headers)
     request += header + "\r\n";

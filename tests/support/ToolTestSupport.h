@@ -179,6 +179,10 @@ struct HttpAnswer {
   std::string head; // the status line and the headers
   std::string body;
 };
+// A TCP connection to 127.0.0.1:`port`, or -1. `underWay`: the socket does
+// not block, and is returned while its handshake is still under way.
+int loopbackConnection(unsigned port, bool underWay = false);
+
 // One request on a connection of its own to 127.0.0.1:`port`, the target
 // and the header lines sent as given.
 HttpAnswer httpGet(const std::string &port, const std::string &target, const std::vector<std::string> &headers);

@@ -3,11 +3,9 @@
 // its JSON against parlova-search's, read with Python's json module.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <csignal>
 #include <fcntl.h>
 #include <future>
-#include <netinet/in.h>
 #include <poll.h>
 #include <set>
 #include <sys/socket.h>
@@ -230,12 +228,7 @@ TEST_F(Web, AnswersOnlyWithTheTokenAtItsOwnAddressAndNeverWithMarkupOrFilesFromO
   std::vector<int> sockets;
   std::vector<pollfd> waiting;
   for (int i = 0; i < kAtOnce; ++i) {
-    sockets.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connect(sockets.back(), reinterpret_cast<sockaddr *>(&address), sizeof address);
+    sockets.push_back(loopbackConnection(static_cast<unsigned>(std::stoi(port)), true));
     waiting.push_back({sockets.back(), POLLOUT, 0});
   }
   int connected = 0;
