@@ -275,6 +275,7 @@ std::variant<std::unique_ptr<WebServer>, std::string> WebServer::bind(const std:
   if (bound <= 0)
     return "cannot listen on " + address + (port == 0 ? "" : " port " + std::to_string(port)) +
            (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string());
+  // Should this fail, the library's own short queue stays: worse, not wrong.
   if (state->listening >= 0)
     ::listen(state->listening, kKernelQueue);
   state->gate.emplace(std::move(token), bound);
